@@ -1,0 +1,87 @@
+// The process-wide log file of the service.
+//
+// Every line is "<tag> <MM-DD hh:mm:ss:mmm>: <message>\n", flushed at once so the
+// file is complete even if the process is killed. The tag is "[ERROR] " for level
+// 1, "[WARNING] " for level 2 and "[DETAIL]" for any other level (the widths
+// differ on purpose: field tools parse the columns as they are).
+//
+// Threads: Write and Close may be called from any thread; they serialise on an
+// auto-reset event. SetLogPath and Enable take no lock and are meant for start-up
+// and for the worker's periodic size check.
+//
+// Failure: once a write finds no open file (the log could not be opened), the lock
+// is left taken and every later Write blocks for ever. Deployed services behave
+// this way and support scripts rely on a stalled log meaning "log not writable",
+// so it is kept.
+//
+//   Logger* log = Logger::GetInstance();
+//   log->SetLogPath(kServiceLogPath);
+//   log->Enable(true);
+//   log->Write(4, "service Properties->recovery ,Code=%d(should >31)", code);
+#pragma once
+
+#include <windows.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <string>
+
+namespace dorvane {
+
+inline constexpr char kServiceLogPath[] = "C:\\Windows\\WWAN\\DorvaneBin\\Dorvane.log";
+// A log of at least this many bytes is renamed to the backup at the next size check.
+inline constexpr long kLogRotateSize = 52428800;
+
+enum LogLevel : unsigned { kLogError = 1, kLogWarning = 2, kLogDetail = 4 };
+
+class Logger {
+ public:
+  // The process-wide logger, created on first call and never destroyed.
+  // Returns null only if the allocation failed.
+  static Logger* GetInstance();
+
+  // A private logger; the service uses GetInstance, tests make their own.
+  Logger();
+  ~Logger();
+  Logger(const Logger&) = delete;
+  Logger& operator=(const Logger&) = delete;
+
+  // Stores the path and, if the file there has reached kLogRotateSize bytes,
+  // renames it to the path with "bk" appended (replacing an older backup).
+  // The file stays closed until the next Enable or Write.
+  void SetLogPath(std::string path);
+
+  // Stores the flag; on first use also opens the file (writing the banner).
+  void Enable(bool on);
+
+  // Writes one line. `format` is a printf format filled from the further
+  // arguments. Returns the number of characters of the message part, 0 when
+  // no file is open (and then the logger stays locked, see above).
+  int Write(unsigned level, const char* format, ...)
+      __attribute__((format(printf, 3, 4)));
+  // Writes a ready-made text as it stands (a '%' in it is not a directive).
+  // The string is released before return.
+  int Write(unsigned level, std::string text);
+
+  // Closes the file; the next Write reopens it and writes a new banner.
+  void Close();
+
+  const std::string& path() const { return path_; }
+
+ private:
+  int WriteV(unsigned level, const char* format, va_list args);
+  void OpenStep();
+
+  std::string path_;
+  FILE* file_ = nullptr;
+  int level_ = 4;
+  bool initialised_ = false;
+  // Auto-reset event used as the logger's mutex. Never closed for the process-wide
+  // logger, which lives until the process ends.
+  HANDLE lock_ = nullptr;
+  char buffer_[1024] = {};
+  bool enabled_ = false;
+  bool opened_ = false;
+};
+
+}  // namespace dorvane

@@ -1,0 +1,182 @@
+#include "log/logger.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <thread>
+#include <vector>
+
+#include "support/log_reader.h"
+
+namespace dorvane {
+namespace {
+
+using testing::CountOf;
+using testing::FileExists;
+using testing::FileSize;
+using testing::MakeFileOfSize;
+using testing::MakeTempDir;
+using testing::Messages;
+using testing::ReadFileBytes;
+using testing::ReadLog;
+
+const char kBannerLine[] = "---------------log start------------------\r\n";
+
+TEST(LoggerFormat, BannerTagsWidthsAndExpansion) {
+  const std::string dir = MakeTempDir("fmt");
+  // Two folders of the chain do not exist yet: the open makes them.
+  const std::string path = dir + "\\DorvaneBin\\deeper\\Dorvane.log";
+  Logger log;
+  log.SetLogPath(path);
+  log.Enable(true);
+  EXPECT_EQ(5, log.Write(1, "error"));
+  log.Write(2, "warn");
+  log.Write(3, "three");
+  EXPECT_EQ(25, log.Write(4, "Code=%d(should >31) and %s", 42, "x"));
+  EXPECT_EQ(11, log.Write(4, std::string("100% ready.")));
+
+  const std::string bytes = ReadFileBytes(path);
+  ASSERT_EQ(0u, bytes.find(kBannerLine)) << bytes;
+  const std::string stamp = R"(\d\d-\d\d \d\d:\d\d:\d\d:\d\d\d: )";
+  const std::regex expected(std::string("^") + kBannerLine + R"(\[ERROR\]  )" + stamp +
+                            "error\r\n" + R"(\[WARNING\]  )" + stamp + "warn\r\n" +
+                            R"(\[DETAIL\] )" + stamp + "three\r\n" + R"(\[DETAIL\] )" + stamp +
+                            R"(Code=42\(should >31\) and x)" + "\r\n" + R"(\[DETAIL\] )" + stamp +
+                            "100% ready.\r\n$");
+  EXPECT_TRUE(std::regex_match(bytes, expected)) << bytes;
+
+  // The date is today's (month and day, no year).
+  SYSTEMTIME now;
+  ::GetLocalTime(&now);
+  char md[8];
+  std::snprintf(md, sizeof md, "%02d-%02d", now.wMonth, now.wDay);
+  EXPECT_EQ(md, ReadLog(path).back().stamp.substr(0, 5));
+}
+
+TEST(LoggerFormat, OwnLineBreaksAreWrittenAsTheyAre) {
+  const std::string path = MakeTempDir("breaks") + "\\x.log";
+  Logger log;
+  log.SetLogPath(path);
+  log.Enable(true);
+  log.Write(4, "\n\n----sep----\n");
+  log.Write(4, "done.\r\n\r\n");
+  const auto msgs = Messages(ReadLog(path));
+  ASSERT_EQ(2u, msgs.size());
+  EXPECT_EQ("\n\n----sep----\n", msgs[0]);
+  EXPECT_EQ("done.\r\n\r\n", msgs[1]);
+}
+
+TEST(LoggerLifecycle, CloseThenWriteReopensWithNewBanner) {
+  const std::string path = MakeTempDir("reopen") + "\\x.log";
+  Logger log;
+  log.SetLogPath(path);
+  log.Enable(true);
+  log.Write(4, "first");
+  log.Close();
+  log.Close();  // closing a closed log does nothing
+  log.Write(4, "second");
+  const auto records = ReadLog(path);
+  ASSERT_EQ(4u, records.size());
+  EXPECT_EQ("banner", records[0].tag);
+  EXPECT_EQ("first", records[1].message);
+  EXPECT_EQ("banner", records[2].tag);
+  EXPECT_EQ("second", records[3].message);
+}
+
+TEST(LoggerLifecycle, ExistingLogIsAppendedTo) {
+  const std::string path = MakeTempDir("append") + "\\x.log";
+  testing::WriteFileBytes(path, "older line\r\n");
+  Logger log;
+  log.SetLogPath(path);
+  log.Enable(true);
+  log.Write(4, "newer");
+  EXPECT_EQ(0u, ReadFileBytes(path).find(std::string("older line\r\n") + kBannerLine));
+}
+
+TEST(LoggerRotation, RotatesAtExactlyFiftyMebibytes) {
+  const std::string dir = MakeTempDir("rotate");
+  const std::string path = dir + "\\Dorvane.log";
+  const std::string backup = path + "bk";
+  testing::WriteFileBytes(backup, "an older backup");
+
+  MakeFileOfSize(path, kLogRotateSize - 1);
+  Logger below;
+  below.SetLogPath(path);
+  EXPECT_EQ(kLogRotateSize - 1, FileSize(path)) << "one byte short must not rotate";
+  EXPECT_EQ(15, FileSize(backup));
+
+  MakeFileOfSize(path, kLogRotateSize);
+  Logger at;
+  at.SetLogPath(path);
+  EXPECT_FALSE(FileExists(path)) << "the log stays closed until the next open";
+  EXPECT_EQ(kLogRotateSize, FileSize(backup)) << "the older backup is replaced";
+  at.Enable(true);
+  at.Write(4, "after rotation");
+  const auto records = ReadLog(path);
+  ASSERT_EQ(2u, records.size());
+  EXPECT_EQ("after rotation", records[1].message);
+}
+
+TEST(LoggerConcurrency, LinesFromManyThreadsNeverInterleaveOrGetLost) {
+  const std::string path = MakeTempDir("threads") + "\\x.log";
+  Logger log;
+  log.SetLogPath(path);
+  log.Enable(true);
+  constexpr int kThreads = 8;
+  constexpr int kLines = 300;
+  std::vector<std::thread> writers;
+  for (int t = 0; t < kThreads; ++t) {
+    writers.emplace_back([&log, t] {
+      for (int i = 0; i < kLines; ++i) log.Write(4, "writer %d line %d payload-%s", t, i, "abcdefgh");
+    });
+  }
+  for (auto& w : writers) w.join();
+
+  const auto records = ReadLog(path);
+  ASSERT_EQ(1u + kThreads * kLines, records.size());
+  std::vector<int> next(kThreads, 0);
+  const std::regex line(R"(writer (\d) line (\d+) payload-abcdefgh)");
+  for (size_t i = 1; i < records.size(); ++i) {
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(records[i].message, m, line)) << records[i].message;
+    const int t = std::stoi(m[1].str());
+    EXPECT_EQ(next[t]++, std::stoi(m[2].str())) << "each writer's lines stay in order";
+  }
+  for (int t = 0; t < kThreads; ++t) EXPECT_EQ(kLines, next[t]);
+}
+
+TEST(LoggerFailure, AFailedOpenLocksEveryLaterWrite) {
+  const std::string dir = MakeTempDir("locked");
+  // A file where a folder of the chain should be: neither the folder nor the log
+  // can be created.
+  testing::WriteFileBytes(dir + "\\blocker", "x");
+  const std::string path = dir + "\\blocker\\Dorvane.log";
+
+  // Leaked on purpose: a writer stays blocked inside it for the rest of the process.
+  auto* log = new Logger();
+  log->SetLogPath(path);
+  log->Enable(true);
+  EXPECT_FALSE(FileExists(path));
+  EXPECT_EQ(0, log->Write(1, "nowhere to go"));
+
+  HANDLE second = ::CreateThread(
+      nullptr, 0,
+      [](LPVOID p) -> DWORD { return static_cast<DWORD>(static_cast<Logger*>(p)->Write(4, "x")); },
+      log, 0, nullptr);
+  ASSERT_NE(nullptr, second);
+  EXPECT_EQ(static_cast<DWORD>(WAIT_TIMEOUT), ::WaitForSingleObject(second, 500))
+      << "the second write must block for ever";
+  ::TerminateThread(second, 0);
+  ::CloseHandle(second);
+}
+
+TEST(LoggerFailure, WritesBeforeEnableFindNoFile) {
+  const std::string path = MakeTempDir("disabled") + "\\x.log";
+  auto* log = new Logger();  // leaked: it ends up locked
+  log->SetLogPath(path);
+  EXPECT_EQ(0, log->Write(4, "too early"));
+  EXPECT_FALSE(FileExists(path));
+}
+
+}  // namespace
+}  // namespace dorvane

@@ -1,0 +1,43 @@
+// Reading the service's log back in tests: records split at the line prefix, and
+// a temporary folder per test.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+namespace dorvane::testing {
+
+// One written line: its tag ("[DETAIL]", "[ERROR] ", "[WARNING] ", or "banner"
+// for the "log start" banner) and the message as it was passed (own line breaks
+// kept; the write's final line end removed; CR LF read back as LF).
+struct LogRecord {
+  std::string tag;
+  std::string stamp;  // "MM-DD hh:mm:ss:mmm"
+  std::string message;
+};
+
+std::string ReadFileBytes(const std::string& path);
+std::vector<LogRecord> ParseLog(const std::string& bytes);
+std::vector<LogRecord> ReadLog(const std::string& path);
+// The messages alone, in file order (banners left out).
+std::vector<std::string> Messages(const std::vector<LogRecord>& records);
+
+// Index of the first message equal to `text` at or after `from`, or -1.
+int IndexOf(const std::vector<std::string>& messages, const std::string& text, int from = 0);
+int CountOf(const std::vector<std::string>& messages, const std::string& text);
+
+// Polls the log at `path` until `text` is a message there or `timeout_ms` passes.
+bool WaitForMessage(const std::string& path, const std::string& text, DWORD timeout_ms);
+
+// A new empty folder under the temp folder, unique to this process and call.
+std::string MakeTempDir(const std::string& label);
+
+void WriteFileBytes(const std::string& path, const std::string& bytes);
+// Sets a file to exactly `size` bytes, creating it or extending it with zeros.
+void MakeFileOfSize(const std::string& path, long long size);
+bool FileExists(const std::string& path);
+long long FileSize(const std::string& path);
+
+}  // namespace dorvane::testing
