@@ -1,0 +1,116 @@
+// CStateWork: the service's worker.
+//
+// It owns five auto-reset events (REG_CHANGE, SIM_CHANGE, STOP_EVENT,
+// SUSPEND_EVENT, RESUME_EVENT, also the order of the wait array and so the
+// priority), watches the service's registry key, receives suspend and resume,
+// and runs one thread whose loop logs each happening until STOP_EVENT is taken.
+// Other parts reach it only by signalling its events.
+//
+// Threads: InitWork, Start and Stop run on the service main thread, the loop on
+// the worker thread, the power callback on the system's notification thread.
+// mccmnc and iccid are written from the worker and from COM threads without a
+// lock; nothing in the service reads them back.
+//
+//   CStateWork* w = CStateWork::GetInstance();
+//   if (w->InitWork()) w->Start();
+//   ...
+//   w->Stop();   // signals STOP_EVENT and waits for the thread
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+#include "monitor/power_notify.h"
+
+namespace dorvane {
+
+class Logger;
+
+inline constexpr char kServiceRegKey[] = "SYSTEM\\CurrentControlSet\\Services\\WWAN\\Dorvane";
+
+// What a test may replace; the service uses the defaults.
+struct WorkerOptions {
+  Logger* log = nullptr;                   // null: the process-wide logger
+  std::string log_path;                    // empty: the service's log path
+  DWORD wake_period_ms = 10000;
+  // Waits on the five events; WaitForMultipleObjects unless replaced.
+  DWORD (*wait)(DWORD count, const HANDLE* handles, DWORD timeout_ms) = nullptr;
+  // Creates event `index` (0..4); CreateEventA auto-reset unless replaced.
+  HANDLE (*create_event)(int index) = nullptr;
+};
+
+class CStateWork {
+ public:
+  enum EventIndex { REG_CHANGE = 0, SIM_CHANGE, STOP_EVENT, SUSPEND_EVENT, RESUME_EVENT, kEventCount };
+
+  // The process-wide worker, created on first use and never destroyed.
+  static CStateWork* GetInstance();
+
+  explicit CStateWork(WorkerOptions options = WorkerOptions());
+  ~CStateWork();
+  CStateWork(const CStateWork&) = delete;
+  CStateWork& operator=(const CStateWork&) = delete;
+
+  // Creates the events and arms the registry watch. 1 on success, 0 when an
+  // event other than SIM_CHANGE could not be created.
+  DWORD InitWork();
+  // Registers for suspend/resume and creates the worker thread.
+  void Start();
+  // Signals STOP_EVENT and waits, without time-out, for the thread to end.
+  void Stop();
+
+  // Power callback: suspend sets SUSPEND_EVENT, resume from suspend sets
+  // RESUME_EVENT; every other type is ignored. Always 0.
+  static ULONG CALLBACK PowerCallback(PVOID context, ULONG type, PVOID setting);
+  // Thread routine: logs its entry and runs Work. Returns 1.
+  static DWORD WINAPI TheadWork(LPVOID context);
+
+  // Start-up housekeeping (recovery policy, COM, legacy removal, SIM query),
+  // then the loop until STOP_EVENT.
+  void Work();
+  // The wait loop alone; returns when STOP_EVENT is taken.
+  void Loop();
+
+  // Reads ICCID and home provider of the modem's SIM into iccid / mccmnc. The
+  // status is informational only.
+  DWORD GetSimInfo();
+  // Removes the legacy service "Lumarix". 1 when deleted.
+  DWORD ServiceCheckThead();
+
+  HANDLE event(int index) const { return events_[index]; }
+  const std::string& mccmnc() const { return mccmnc_; }
+  const std::string& iccid() const { return iccid_; }
+
+ private:
+  friend void SetSimChangeEvent(CStateWork& worker, std::string source, std::string detail);
+
+  Logger* log() const;
+  HANDLE CreateWorkerEvent(int index);
+
+  WorkerOptions options_;
+  DEVICE_NOTIFY_SUBSCRIBE_PARAMETERS power_params_ = {};
+  HPOWERNOTIFY power_handle_ = nullptr;
+  DWORD power_result_ = 1;
+  HANDLE thread_ = nullptr;
+  // The events, the registry key and the thread handle stay open until the
+  // process ends: the worker is never destroyed in the service, and the key's
+  // pending change notification must outlive every wait on REG_CHANGE.
+  HANDLE events_[kEventCount] = {};
+  std::string mccmnc_;
+  std::string iccid_;
+  // Initialised by InitWork for the locking the worker may need; nothing enters them.
+  CRITICAL_SECTION cs_state_ = {};
+  CRITICAL_SECTION cs_channel_ = {};
+  bool cs_initialised_ = false;
+  HKEY service_key_ = nullptr;
+};
+
+// Records where a SIM change came from and wakes the worker. A source other
+// than "StartService" overwrites mccmnc with the source and iccid with the
+// detail, so an arrival replaces what the SIM query read with the literal
+// "OnInterfaceArrival" and an empty ICCID; this is how the deployed service
+// behaves and it is kept. Both strings are released before return.
+void SetSimChangeEvent(CStateWork& worker, std::string source, std::string detail);
+
+}  // namespace dorvane

@@ -1,0 +1,25 @@
+cmake_policy(SET CMP0057 NEW)
+# Fails unless every file imports only DLLs that ship with Windows.
+set(allowed
+  kernel32.dll user32.dll advapi32.dll ole32.dll oleaut32.dll powrprof.dll msvcrt.dll
+  shell32.dll ws2_32.dll setupapi.dll bcrypt.dll
+  api-ms-win-crt-runtime-l1-1-0.dll)
+foreach(file IN LISTS FILES)
+  execute_process(COMMAND ${OBJDUMP} -p ${file} OUTPUT_VARIABLE dump RESULT_VARIABLE rc)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "objdump failed on ${file}")
+  endif()
+  string(REGEX MATCHALL "DLL Name: [^\n]+" names "${dump}")
+  if(NOT names)
+    message(FATAL_ERROR "${file}: no imports found")
+  endif()
+  foreach(entry IN LISTS names)
+    string(REPLACE "DLL Name: " "" dll "${entry}")
+    string(STRIP "${dll}" dll)
+    string(TOLOWER "${dll}" dll)
+    if(NOT dll IN_LIST allowed)
+      message(FATAL_ERROR "${file} imports ${dll}, which is not a Windows system DLL")
+    endif()
+    message(STATUS "${file}: ${dll}")
+  endforeach()
+endforeach()
