@@ -39,6 +39,19 @@ ServiceHooks DefaultServiceHooks() {
 ServiceHost::ServiceHost(const ServiceHooks& hooks) : hooks_(hooks) {}
 
 void ServiceHost::Report(DWORD state, DWORD wait_hint) {
+  std::lock_guard<std::mutex> lock(report_lock_);
+  ReportLocked(state, wait_hint);
+}
+
+void ServiceHost::ReportCurrentState(DWORD wait_hint) {
+  // The state is read under the same lock that the main routine's reports take:
+  // a stop-pending report must never reach the manager after the final stopped
+  // one, or the manager shows the service stop-pending for ever.
+  std::lock_guard<std::mutex> lock(report_lock_);
+  ReportLocked(status_.dwCurrentState, wait_hint);
+}
+
+void ServiceHost::ReportLocked(DWORD state, DWORD wait_hint) {
   status_.dwCurrentState = state;
   status_.dwControlsAccepted = state == SERVICE_START_PENDING ? 0 : SERVICE_ACCEPT_STOP;
   status_.dwWin32ExitCode = NO_ERROR;
@@ -78,7 +91,7 @@ void ServiceHost::Control(DWORD control) {
   ::SetEvent(stop_event_);
   // Said again with whatever state the record holds now: still stop-pending
   // unless the main routine has already reported stopped.
-  Report(status_.dwCurrentState, 0);
+  ReportCurrentState(0);
 }
 
 void WINAPI ServiceMain(DWORD, LPSTR*) {

@@ -8,11 +8,14 @@
 // Main and Control directly.
 //
 // Threads: Control runs on the dispatcher thread, Main on the thread the manager
-// creates for the service. They share the status record without a lock; the
-// stop event is their only hand-over.
+// creates for the service. The stop event is their only hand-over; each status
+// report (filling the record and sending it) is made whole under a lock, so the
+// manager receives the reports in the order the record went through them.
 #pragma once
 
 #include <windows.h>
+
+#include <mutex>
 
 namespace dorvane {
 
@@ -52,6 +55,9 @@ class ServiceHost {
   // start-pending, else stop; check-point 0 when running or stopped, else the
   // next counter value.
   void Report(DWORD state, DWORD wait_hint);
+  // The same, with the state the record holds at the moment of the report.
+  void ReportCurrentState(DWORD wait_hint);
+  void ReportLocked(DWORD state, DWORD wait_hint);
 
   ServiceHooks hooks_;
   SERVICE_STATUS status_ = {};
@@ -60,6 +66,7 @@ class ServiceHost {
   // while the process winds down.
   HANDLE stop_event_ = nullptr;
   DWORD check_point_ = 1;
+  std::mutex report_lock_;
 };
 
 // Entry points handed to the service control manager; they forward to the

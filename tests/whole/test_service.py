@@ -1,0 +1,203 @@
+"""Whole-service tests: the real dorvane.exe under Wine's service manager.
+
+Each test gets a fresh copy of a base prefix, installs the service with
+`sc create`, drives it with `sc start/stop` and `reg add`, and reads its log.
+Without a Mobile Broadband stack in the prefix, the sink attach and the SIM
+query fail with their logged texts and the service keeps running.
+
+    test_service.py --exe dorvane.exe --lumarix lumarix_stub.exe --work DIR --base PREFIX
+"""
+import argparse
+import os
+import sys
+import time
+import unittest
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
+import winebox  # noqa: E402
+from winebox import RUNNING, STOP_PENDING, STOPPED, WineBox  # noqa: E402
+
+ARGS = None
+
+START_ENTER = "[Information][CServiceStart::StartWork] Service start, StartWork Enter  >> "
+ATTACH_FAIL = ("[Fail][CMbnMonitor::AttachStateMbnRegEvent] CoCreateInstance "
+               "CLSID_MbnInterfaceManager Fail.")
+START_ATTACH_FAIL = "[Error][CServiceStart::StartWork] AttachStateMbnRegEvent Fail."
+START_DONE = "[Information][CServiceStart::StartWork] StartWork Done."
+THREAD_ENTER = "[Infomation][CStateWork::TheadWork] Enter TheadWork."
+COM_DONE = "CoInitializeEx done"
+CHECK_ENTER = "[Infomation][CStateWork::ServiceCheckThead] Enter ServiceCheckThead."
+CHECK_DONE = "[Infomation][CStateWork::ServiceCheckThead] ServiceCheckThead done."
+SIM_FAIL = "[Fail][CStateWork::GetSimInfo] CoInitializeEx Fail."
+REGISTER = "\n\n------------------------[CStateWork::Work] register event-------------------\n"
+WORK_STOP = "[Infomation][CStateWork::Work] Triger Service Stop Event.\n"
+STOP_DONE = "[Infomation][CServiceStart::StopWork] Stop work success.\r\n\r\n"
+
+
+class ServiceCase(unittest.TestCase):
+    def setUp(self):
+        name = self.id().rsplit(".", 1)[-1]
+        self.box = WineBox(os.path.join(ARGS.work, name), base=ARGS.base)
+        # A passing test's prefix is deleted; a failing one's is kept for a look.
+        self.addCleanup(lambda: self.box.close(discard=self._passed()))
+        self.box.keep_alive()
+        self.box.reg_add(winebox.SERVICE_KEY)
+
+    def _passed(self):
+        outcome = getattr(self, "_outcome", None)
+        result = getattr(outcome, "result", None)
+        if result is None:
+            return True
+        mine = [t for t, _ in result.failures + result.errors if t is self]
+        return not mine and getattr(outcome, "success", True)
+
+    def start_service(self):
+        self.box.install_service(ARGS.exe)
+        self.box.sc("start", winebox.SERVICE_NAME)
+        self.box.wait_state(RUNNING)
+
+    def wait_for(self, text, timeout=30):
+        deadline = time.monotonic() + timeout
+        while True:
+            data = self.box.read_log()
+            if data is not None and text in winebox.messages(winebox.parse_log(data)):
+                return winebox.parse_log(data)
+            if time.monotonic() > deadline:
+                self.fail("no log line %r; log so far:\n%s" % (text, (data or b"").decode("latin-1")))
+            time.sleep(0.1)
+
+    def assertInOrder(self, msgs, expected):
+        """`expected` appears in `msgs` as a subsequence (lines of other threads between)."""
+        pos = 0
+        for text in expected:
+            try:
+                pos = msgs.index(text, pos) + 1
+            except ValueError:
+                self.fail("%r missing or out of order in:\n%s" % (text, "\n".join(map(repr, msgs))))
+
+
+class StartAndStop(ServiceCase):
+    def test_start_without_modem_then_registry_change_then_stop(self):
+        self.start_service()
+        records = self.wait_for(SIM_FAIL)
+        self.assertEqual("banner", records[0].tag)
+        msgs = winebox.messages(records)
+        # The service main thread: attach fails, so no start notification follows.
+        self.assertInOrder(msgs, [START_ENTER, ATTACH_FAIL, START_ATTACH_FAIL, START_DONE])
+        self.assertNotIn("----Service start-------------", msgs)
+        self.assertNotIn("SetSimChangeEvent mccmnc:", msgs)
+        # The worker thread.
+        recovery = [m for m in msgs if m.startswith("service Properties->recovery ,Code=")]
+        self.assertEqual(1, len(recovery))
+        code = int(recovery[0][len("service Properties->recovery ,Code="):].split("(")[0])
+        self.assertGreater(code, 31, "WinExec must have started sc")
+        self.assertEqual("(should >31)", recovery[0][recovery[0].index("("):])
+        self.assertInOrder(msgs, [THREAD_ENTER, recovery[0], COM_DONE, CHECK_ENTER,
+                                  "OpenService failed (1060)", SIM_FAIL])
+        tags = {r.message: r.tag for r in records}
+        self.assertEqual("[ERROR] ", tags[ATTACH_FAIL])
+        self.assertEqual("[ERROR] ", tags[SIM_FAIL])
+        self.assertEqual("[DETAIL]", tags[START_DONE])
+
+        # One registry notification per run, however many writes follow.
+        self.box.reg_add(winebox.SERVICE_KEY, "Probe", 1, "REG_DWORD")
+        self.wait_for(REGISTER)
+        self.box.reg_add(winebox.SERVICE_KEY, "Probe", 2, "REG_DWORD")
+        time.sleep(1.0)
+
+        self.box.sc("stop", winebox.SERVICE_NAME)
+        self.assertEqual((STOPPED, 0), self.box.wait_state(STOPPED))
+        msgs = winebox.messages(self.wait_for(STOP_DONE))
+        self.assertEqual(1, msgs.count(REGISTER))
+        self.assertInOrder(msgs, [SIM_FAIL, REGISTER, WORK_STOP, STOP_DONE])
+        self.assertEqual(STOP_DONE, msgs[-1])
+
+    def test_restart_appends_a_new_banner(self):
+        self.start_service()
+        self.wait_for(SIM_FAIL)
+        self.box.sc("stop", winebox.SERVICE_NAME)
+        self.box.wait_state(STOPPED)
+        self.box.sc("start", winebox.SERVICE_NAME)
+        self.box.wait_state(RUNNING)
+        deadline = time.monotonic() + 30
+        while winebox.messages(winebox.parse_log(self.box.read_log())).count(SIM_FAIL) < 2:
+            self.assertLess(time.monotonic(), deadline, "second start never reached the SIM query")
+            time.sleep(0.1)
+        records = winebox.parse_log(self.box.read_log())
+        self.assertEqual(2, [r.tag for r in records].count("banner"))
+        self.assertEqual(2, winebox.messages(records).count(START_ENTER))
+
+    def test_run_from_a_command_prompt_exits_silently(self):
+        exe = self.box.put_file(ARGS.exe, winebox.INSTALL_DIR)
+        result = self.box.run([exe], timeout=60)
+        self.assertEqual(0, result.returncode)
+        self.assertEqual("", result.stdout)
+        self.assertIsNone(self.box.read_log(), "nothing is logged outside the service")
+
+
+class LegacyService(ServiceCase):
+    def install_lumarix(self, stop_seconds):
+        exe = self.box.put_file(ARGS.lumarix, winebox.INSTALL_DIR)
+        result = self.box.sc("create", "Lumarix", "binPath=", '"%s" %d' % (exe, stop_seconds))
+        self.assertEqual(0, result.returncode, result.stdout)
+
+    def test_slow_stopping_legacy_service_is_polled_and_deleted(self):
+        self.install_lumarix(stop_seconds=3)
+        self.box.sc("start", "Lumarix")
+        self.box.wait_state(RUNNING, name="Lumarix")
+        self.start_service()
+        records = self.wait_for(CHECK_DONE)
+        msgs = winebox.messages(records)
+        self.assertInOrder(msgs, [CHECK_ENTER, "Service dwCurrentState == SERVICE_STOPPED",
+                                  "Service removed successfully", CHECK_DONE, SIM_FAIL])
+        self.assertNotIn("Service stop Failed.", msgs)
+        by_text = {r.message: r for r in records}
+        waited = by_text["Service removed successfully"].millis() - by_text[CHECK_ENTER].millis()
+        self.assertGreaterEqual(waited, 3000, "removal must wait out the stop-pending state")
+        self.assertIsNone(self.box.query("Lumarix"), "Lumarix must be deleted")
+
+    def test_stopped_legacy_service_stays_installed(self):
+        self.install_lumarix(stop_seconds=0)
+        self.start_service()
+        msgs = winebox.messages(self.wait_for(SIM_FAIL))
+        self.assertInOrder(msgs, [CHECK_ENTER, "Service stop Failed.", SIM_FAIL])
+        self.assertNotIn("Service removed successfully", msgs)
+        self.assertNotIn(CHECK_DONE, msgs)
+        self.assertEqual(STOPPED, self.box.query("Lumarix")[0])
+
+
+class Faults(ServiceCase):
+    def test_unwritable_log_folder_stalls_the_service_without_a_crash(self):
+        # A file where the log folder should be: the log cannot be opened, and the
+        # first write leaves the logger locked for good.
+        windows = self.box.unix_path(r"C:\Windows")
+        with open(os.path.join(windows, "WWAN"), "w") as f:
+            f.write("not a folder")
+        self.start_service()
+        time.sleep(2.0)
+        self.assertIsNone(self.box.read_log())
+        self.box.sc("stop", winebox.SERVICE_NAME)
+        time.sleep(2.0)
+        state, code = self.box.query()
+        self.assertEqual(STOP_PENDING, state, "the stalled start work never reaches the stop work")
+        self.assertEqual(0, code)
+
+
+def main():
+    global ARGS
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--exe", required=True)
+    parser.add_argument("--lumarix", required=True)
+    parser.add_argument("--work", required=True, help="folder for the tests' prefixes")
+    parser.add_argument("--base", required=True, help="base prefix, made if missing")
+    ARGS, rest = parser.parse_known_args()
+    ARGS.exe = os.path.abspath(ARGS.exe)
+    ARGS.lumarix = os.path.abspath(ARGS.lumarix)
+    ARGS.work = os.path.abspath(ARGS.work)
+    ARGS.base = os.path.abspath(ARGS.base)
+    os.makedirs(ARGS.work, exist_ok=True)
+    unittest.main(argv=[sys.argv[0]] + rest, verbosity=2)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,206 @@
+"""A private Wine prefix that runs the service: create, install, start, stop, read the log.
+
+Used by the whole-service tests and by the demo. Every Wine call gets the same
+environment: the prefix, no debug output, no crash debugger (a crash then always
+exits non-zero), no Mono/Gecko installers.
+"""
+import os
+import re
+import shutil
+import subprocess
+import tempfile
+import time
+
+REPO = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+SERVICE_NAME = "WWAN Dorvane"
+SERVICE_KEY = r"HKLM\SYSTEM\CurrentControlSet\Services\WWAN\Dorvane"
+LOG_PATH = r"C:\Windows\WWAN\DorvaneBin\Dorvane.log"
+INSTALL_DIR = r"C:\Program Files\Dorvane"
+
+STOPPED, START_PENDING, STOP_PENDING, RUNNING = 1, 2, 3, 4
+
+
+def ensure_base_prefix(path):
+    """Creates a fresh 64-bit prefix at `path` unless one is there already."""
+    subprocess.run([os.path.join(REPO, "scripts", "wine-prefix"), path], check=True,
+                   stdout=subprocess.DEVNULL)
+
+
+class WineBox:
+    def __init__(self, prefix, base=None):
+        self.prefix = os.path.abspath(prefix)
+        if os.path.exists(self.prefix):
+            self._wineserver("-k")
+            shutil.rmtree(self.prefix)
+        if base:
+            ensure_base_prefix(base)
+            subprocess.run(["cp", "-a", base, self.prefix], check=True)
+        else:
+            ensure_base_prefix(self.prefix)
+        self.env = dict(os.environ, WINEPREFIX=self.prefix, WINEDEBUG="-all",
+                        WINEDLLOVERRIDES="winedbg.exe=d;mscoree,mshtml=")
+        self._keepalive = None
+        # A persistent wineserver makes each later Wine call cost milliseconds.
+        self._wineserver("-p")
+        self.run(["cmd", "/c", "exit"])
+
+    # -- processes -------------------------------------------------------
+    def _wineserver(self, flag):
+        env = dict(os.environ, WINEPREFIX=self.prefix)
+        subprocess.run(["wineserver", flag], env=env, stdin=subprocess.DEVNULL,
+                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    def run(self, args, timeout=120, check=False):
+        """Runs a Windows program; returns the CompletedProcess (text output).
+
+        The output goes through files, not pipes: Wine's background processes
+        inherit the handles and would hold a pipe open long after the program ends.
+        """
+        with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
+            proc = subprocess.run(["wine"] + list(args), env=self.env, stdin=subprocess.DEVNULL,
+                                  stdout=out, stderr=err, timeout=timeout)
+            out.seek(0)
+            err.seek(0)
+            result = subprocess.CompletedProcess(
+                proc.args, proc.returncode,
+                out.read().decode("utf-8", "replace").replace("\r\n", "\n"),
+                err.read().decode("utf-8", "replace"))
+        if check and result.returncode != 0:
+            raise subprocess.CalledProcessError(result.returncode, result.args, result.stdout,
+                                                result.stderr)
+        return result
+
+    def keep_alive(self):
+        """Wine ends service processes when the prefix's last ordinary process exits:
+        one such process waits on its input until close()."""
+        if self._keepalive is None:
+            self._keepalive = subprocess.Popen(["wine", "cmd", "/c", "pause"], env=self.env,
+                                               stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
+                                               stderr=subprocess.DEVNULL)
+
+    def close(self, discard=False):
+        """Ends every Wine process of the prefix; `discard` also deletes the prefix."""
+        if self._keepalive is not None:
+            try:
+                self._keepalive.stdin.close()
+            except OSError:
+                pass
+            self._keepalive.kill()
+            self._keepalive.wait()
+            self._keepalive = None
+        self._wineserver("-k")
+        if discard:
+            subprocess.run(["wineserver", "-w"], env=dict(os.environ, WINEPREFIX=self.prefix),
+                           stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                           stderr=subprocess.DEVNULL)
+            shutil.rmtree(self.prefix, ignore_errors=True)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
+
+    # -- files -----------------------------------------------------------
+    def unix_path(self, windows_path):
+        drive, rest = windows_path[0].lower(), windows_path[2:].replace("\\", "/").lstrip("/")
+        root = os.path.join(self.prefix, "dosdevices", drive + ":")
+        # The prefix's own drive folders are lower-case; Windows names are not.
+        path = os.path.realpath(root)
+        for part in [p for p in rest.split("/") if p]:
+            match = None
+            if os.path.isdir(path):
+                for entry in os.listdir(path):
+                    if entry.lower() == part.lower():
+                        match = entry
+                        break
+            path = os.path.join(path, match or part)
+        return path
+
+    def put_file(self, source, windows_dir):
+        target_dir = self.unix_path(windows_dir)
+        os.makedirs(target_dir, exist_ok=True)
+        shutil.copy(source, target_dir)
+        return windows_dir.rstrip("\\") + "\\" + os.path.basename(source)
+
+    def read_log(self):
+        path = self.unix_path(LOG_PATH)
+        if not os.path.exists(path):
+            return None
+        with open(path, "rb") as f:
+            return f.read()
+
+    # -- registry and services ---------------------------------------------
+    def reg_add(self, key, value=None, data=None, kind="REG_SZ"):
+        args = ["reg", "add", key, "/f"]
+        if value is not None:
+            args += ["/v", value, "/t", kind, "/d", str(data)]
+        return self.run(args, check=True)
+
+    def sc(self, *args):
+        return self.run(["sc"] + list(args))
+
+    def install_service(self, exe, name=SERVICE_NAME, args=""):
+        path = self.put_file(exe, INSTALL_DIR)
+        bin_path = '"%s"%s' % (path, (" " + args) if args else "")
+        result = self.sc("create", name, "binPath=", bin_path)
+        if result.returncode != 0:
+            raise RuntimeError("sc create %s failed: %s%s" % (name, result.stdout, result.stderr))
+
+    def query(self, name=SERVICE_NAME):
+        """(state, win32 exit code), or None when the service does not exist."""
+        out = self.sc("query", name).stdout
+        state = re.search(r"STATE\s*:\s*(\d+)", out)
+        code = re.search(r"WIN32_EXIT_CODE\s*:\s*(\d+)", out)
+        if not state:
+            return None
+        return int(state.group(1)), int(code.group(1)) if code else None
+
+    def wait_state(self, state, name=SERVICE_NAME, timeout=30):
+        deadline = time.monotonic() + timeout
+        while True:
+            now = self.query(name)
+            if now is not None and now[0] == state:
+                return now
+            if time.monotonic() > deadline:
+                raise AssertionError("%s did not reach state %d (last: %r)" % (name, state, now))
+            time.sleep(0.1)
+
+
+# -- the log -----------------------------------------------------------------
+BANNER = "---------------log start------------------"
+_PREFIX = re.compile(r"(\[ERROR\] |\[WARNING\] |\[DETAIL\]) (\d\d-\d\d \d\d:\d\d:\d\d:\d\d\d): ")
+
+
+class Record:
+    def __init__(self, tag, stamp, message):
+        self.tag, self.stamp, self.message = tag, stamp, message
+
+    def millis(self):
+        """Time of day of the line in milliseconds."""
+        h, m, s, ms = (int(x) for x in self.stamp[6:].split(":"))
+        return ((h * 60 + m) * 60 + s) * 1000 + ms
+
+    def __repr__(self):
+        return "%s%r" % (self.tag, self.message)
+
+
+def parse_log(data):
+    """Splits the log into records; a message keeps its own line breaks."""
+    text = data.decode("latin-1").replace("\r\n", "\n")
+    records = []
+    for line in text.split("\n")[:-1] if text.endswith("\n") else text.split("\n"):
+        m = _PREFIX.match(line)
+        if m:
+            records.append(Record(m.group(1), m.group(2), line[m.end():]))
+        elif line == BANNER:
+            records.append(Record("banner", "", ""))
+        elif records and records[-1].tag != "banner":
+            records[-1].message += "\n" + line
+        else:
+            records.append(Record("stray", "", line))
+    return records
+
+
+def messages(records):
+    return [r.message for r in records if r.tag != "banner"]
