@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <regex>
 #include <thread>
 #include <vector>
@@ -22,18 +23,24 @@ using testing::ReadLog;
 
 const char kBannerLine[] = "---------------log start------------------\r\n";
 
+// A logger with its path set and enabled, as the service prepares it.
+std::unique_ptr<Logger> OpenLogger(const std::string& path) {
+  auto log = std::make_unique<Logger>();
+  log->SetLogPath(path);
+  log->Enable(true);
+  return log;
+}
+
 TEST(LoggerFormat, BannerTagsWidthsAndExpansion) {
   const std::string dir = MakeTempDir("fmt");
   // Two folders of the chain do not exist yet: the open makes them.
   const std::string path = dir + "\\DorvaneBin\\deeper\\Dorvane.log";
-  Logger log;
-  log.SetLogPath(path);
-  log.Enable(true);
-  EXPECT_EQ(5, log.Write(1, "error"));
-  log.Write(2, "warn");
-  log.Write(3, "three");
-  EXPECT_EQ(25, log.Write(4, "Code=%d(should >31) and %s", 42, "x"));
-  EXPECT_EQ(11, log.Write(4, std::string("100% ready.")));
+  auto log = OpenLogger(path);
+  EXPECT_EQ(5, log->Write(1, "error"));
+  log->Write(2, "warn");
+  log->Write(3, "three");
+  EXPECT_EQ(25, log->Write(4, "Code=%d(should >31) and %s", 42, "x"));
+  EXPECT_EQ(11, log->Write(4, std::string("100% ready.")));
 
   const std::string bytes = ReadFileBytes(path);
   ASSERT_EQ(0u, bytes.find(kBannerLine)) << bytes;
@@ -55,11 +62,9 @@ TEST(LoggerFormat, BannerTagsWidthsAndExpansion) {
 
 TEST(LoggerFormat, OwnLineBreaksAreWrittenAsTheyAre) {
   const std::string path = MakeTempDir("breaks") + "\\x.log";
-  Logger log;
-  log.SetLogPath(path);
-  log.Enable(true);
-  log.Write(4, "\n\n----sep----\n");
-  log.Write(4, "done.\r\n\r\n");
+  auto log = OpenLogger(path);
+  log->Write(4, "\n\n----sep----\n");
+  log->Write(4, "done.\r\n\r\n");
   const auto msgs = Messages(ReadLog(path));
   ASSERT_EQ(2u, msgs.size());
   EXPECT_EQ("\n\n----sep----\n", msgs[0]);
@@ -68,13 +73,11 @@ TEST(LoggerFormat, OwnLineBreaksAreWrittenAsTheyAre) {
 
 TEST(LoggerLifecycle, CloseThenWriteReopensWithNewBanner) {
   const std::string path = MakeTempDir("reopen") + "\\x.log";
-  Logger log;
-  log.SetLogPath(path);
-  log.Enable(true);
-  log.Write(4, "first");
-  log.Close();
-  log.Close();  // closing a closed log does nothing
-  log.Write(4, "second");
+  auto log = OpenLogger(path);
+  log->Write(4, "first");
+  log->Close();
+  log->Close();  // closing a closed log does nothing
+  log->Write(4, "second");
   const auto records = ReadLog(path);
   ASSERT_EQ(4u, records.size());
   EXPECT_EQ("banner", records[0].tag);
@@ -86,10 +89,8 @@ TEST(LoggerLifecycle, CloseThenWriteReopensWithNewBanner) {
 TEST(LoggerLifecycle, ExistingLogIsAppendedTo) {
   const std::string path = MakeTempDir("append") + "\\x.log";
   testing::WriteFileBytes(path, "older line\r\n");
-  Logger log;
-  log.SetLogPath(path);
-  log.Enable(true);
-  log.Write(4, "newer");
+  auto log = OpenLogger(path);
+  log->Write(4, "newer");
   EXPECT_EQ(0u, ReadFileBytes(path).find(std::string("older line\r\n") + kBannerLine));
 }
 
@@ -119,15 +120,13 @@ TEST(LoggerRotation, RotatesAtExactlyFiftyMebibytes) {
 
 TEST(LoggerConcurrency, LinesFromManyThreadsNeverInterleaveOrGetLost) {
   const std::string path = MakeTempDir("threads") + "\\x.log";
-  Logger log;
-  log.SetLogPath(path);
-  log.Enable(true);
+  auto log = OpenLogger(path);
   constexpr int kThreads = 8;
   constexpr int kLines = 300;
   std::vector<std::thread> writers;
   for (int t = 0; t < kThreads; ++t) {
     writers.emplace_back([&log, t] {
-      for (int i = 0; i < kLines; ++i) log.Write(4, "writer %d line %d payload-%s", t, i, "abcdefgh");
+      for (int i = 0; i < kLines; ++i) log->Write(4, "writer %d line %d payload-%s", t, i, "abcdefgh");
     });
   }
   for (auto& w : writers) w.join();
