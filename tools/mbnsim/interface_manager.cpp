@@ -1,0 +1,247 @@
+#include "tools/mbnsim/interface_manager.h"
+
+#include <objbase.h>
+#include <olectl.h>
+
+#include <vector>
+
+#include "util/com_ptr.h"
+#include "util/scoped_handle.h"
+
+namespace mbnsim {
+
+// -- EventHub -------------------------------------------------------------------
+
+EventHub& EventHub::Get() {
+  static EventHub* hub = new EventHub();  // lives until the process ends
+  return *hub;
+}
+
+void EventHub::Start() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (started_) return;
+  started_ = true;
+  last_seq_ = EventSeq();
+  // The thread runs until the process ends; its handle is not needed.
+  HANDLE thread = ::CreateThread(nullptr, 0, ThreadMain, this, 0, nullptr);
+  if (thread) ::CloseHandle(thread);
+}
+
+DWORD EventHub::Advise(IMbnInterfaceManagerEvents* sink, const void* owner) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  DWORD cookie = next_cookie_++;
+  sinks_[cookie] = Entry{sink, owner};
+  Tracker::SinkAdvised();
+  return cookie;
+}
+
+bool EventHub::Unadvise(DWORD cookie, const void* owner) {
+  IMbnInterfaceManagerEvents* sink = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = sinks_.find(cookie);
+    if (it == sinks_.end() || it->second.owner != owner) return false;
+    sink = it->second.sink;
+    sinks_.erase(it);
+  }
+  Tracker::SinkUnadvised();
+  sink->Release();
+  return true;
+}
+
+DWORD WINAPI EventHub::ThreadMain(LPVOID self) {
+  ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+  static_cast<EventHub*>(self)->Run();
+  return 0;
+}
+
+void EventHub::Run() {
+  dorvane::UniqueRegKey key;
+  ::RegCreateKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Dorvane\\MbnSim\\Events", 0, nullptr, 0,
+                    KEY_READ | KEY_NOTIFY, nullptr, key.put(), nullptr);
+  dorvane::UniqueHandle changed(::CreateEventA(nullptr, FALSE, FALSE, nullptr));
+  for (;;) {
+    // Armed before reading, so that no write between the two is missed; the
+    // time-out covers a notification that cannot be armed.
+    ::RegNotifyChangeKeyValue(key.get(), FALSE, REG_NOTIFY_CHANGE_LAST_SET, changed.get(), TRUE);
+    const DWORD seq = EventSeq();
+    while (last_seq_ < seq) {
+      Event event;
+      if (ReadEvent(++last_seq_, &event)) Deliver(event);
+    }
+    ::WaitForSingleObject(changed.get(), 250);
+  }
+}
+
+void EventHub::Deliver(const Event& event) {
+  std::vector<IMbnInterfaceManagerEvents*> targets;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (auto& entry : sinks_) {
+      entry.second.sink->AddRef();
+      targets.push_back(entry.second.sink);
+    }
+  }
+  if (targets.empty()) return;
+  ComPtr<SimInterface> iface;
+  iface.attach(new SimInterface(event.interface_id));
+  for (IMbnInterfaceManagerEvents* sink : targets) {
+    if (event.kind == Event::kArrival) {
+      sink->OnInterfaceArrival(iface.get());
+    } else {
+      sink->OnInterfaceRemoval(iface.get());
+    }
+    sink->Release();
+  }
+}
+
+// -- SimConnectionPoint -------------------------------------------------------------
+
+SimConnectionPoint::SimConnectionPoint(IConnectionPointContainer* container)
+    : container_(container) {
+  container_->AddRef();
+}
+
+HRESULT STDMETHODCALLTYPE SimConnectionPoint::QueryInterface(REFIID riid, void** ppv) {
+  if (ppv == nullptr) return E_POINTER;
+  *ppv = nullptr;
+  if (!IsEqualGUID(riid, IID_IUnknown) && !IsEqualGUID(riid, IID_IConnectionPoint)) {
+    return E_NOINTERFACE;
+  }
+  *ppv = static_cast<IConnectionPoint*>(this);
+  AddRef();
+  return S_OK;
+}
+
+ULONG STDMETHODCALLTYPE SimConnectionPoint::Release() {
+  ULONG left = refs_.Release();
+  if (left == 0 && container_ != nullptr) {
+    IConnectionPointContainer* container = container_;
+    container_ = nullptr;
+    container->Release();
+  }
+  return left;
+}
+
+HRESULT STDMETHODCALLTYPE SimConnectionPoint::GetConnectionInterface(IID* iid) {
+  if (iid == nullptr) return E_POINTER;
+  *iid = IID_IMbnInterfaceManagerEvents;
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE SimConnectionPoint::GetConnectionPointContainer(
+    IConnectionPointContainer** out) {
+  if (out == nullptr) return E_POINTER;
+  *out = container_;
+  if (container_) container_->AddRef();
+  return container_ ? S_OK : E_UNEXPECTED;
+}
+
+HRESULT STDMETHODCALLTYPE SimConnectionPoint::Advise(IUnknown* sink, DWORD* cookie) {
+  if (sink == nullptr || cookie == nullptr) return E_POINTER;
+  HRESULT hr = Injected("Advise", -1, nullptr);
+  if (FAILED(hr)) return hr;
+  // As the real stack does: the sink must answer for the event interface.
+  IMbnInterfaceManagerEvents* events = nullptr;
+  if (FAILED(sink->QueryInterface(IID_IMbnInterfaceManagerEvents, reinterpret_cast<void**>(&events))) ||
+      events == nullptr) {
+    return CONNECT_E_CANNOTCONNECT;
+  }
+  *cookie = EventHub::Get().Advise(events, this);
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE SimConnectionPoint::Unadvise(DWORD cookie) {
+  HRESULT hr = Injected("Unadvise", -1, nullptr);
+  if (FAILED(hr)) return hr;
+  if (!EventHub::Get().Unadvise(cookie, this)) {
+    Tracker::BadUnadvise();
+    return CONNECT_E_NOCONNECTION;
+  }
+  return S_OK;
+}
+
+// -- SimInterfaceManager ------------------------------------------------------------
+
+HRESULT STDMETHODCALLTYPE SimInterfaceManager::QueryInterface(REFIID riid, void** ppv) {
+  if (ppv == nullptr) return E_POINTER;
+  *ppv = nullptr;
+  if (IsEqualGUID(riid, IID_IUnknown) || IsEqualGUID(riid, IID_IMbnInterfaceManager)) {
+    *ppv = static_cast<IMbnInterfaceManager*>(this);
+  } else if (IsEqualGUID(riid, IID_IConnectionPointContainer)) {
+    bool null_out = false;
+    HRESULT hr = Injected("QueryInterface.IConnectionPointContainer", -1, &null_out);
+    if (FAILED(hr)) return hr;
+    if (null_out) return S_OK;
+    *ppv = static_cast<IConnectionPointContainer*>(this);
+  } else {
+    return E_NOINTERFACE;
+  }
+  AddRef();
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE SimInterfaceManager::GetInterface(LPCWSTR interface_id,
+                                                            IMbnInterface** out) {
+  if (interface_id == nullptr || out == nullptr) return E_POINTER;
+  *out = nullptr;
+  bool null_out = false;
+  HRESULT hr = Injected("GetInterface", -1, &null_out);
+  if (FAILED(hr) || null_out) return hr;
+  const std::string id = WideToAnsi(interface_id);
+  if (FindInterface(id, nullptr) < 0) return E_INVALIDARG;
+  *out = new SimInterface(id);
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE SimInterfaceManager::GetInterfaces(SAFEARRAY** out) {
+  if (out == nullptr) return E_POINTER;
+  *out = nullptr;
+  Injection inj = ReadInjection("GetInterfaces");
+  if (inj.kind == Injection::kFail) return inj.hr;
+  if (inj.kind == Injection::kNull) return S_OK;
+  const std::vector<InterfaceInfo> all = ReadInterfaces();
+  const ULONG count = static_cast<ULONG>(all.size());
+  if (inj.kind == Injection::kWrongType) {
+    // Not an array of interfaces at all: a client must check before reading.
+    *out = ::SafeArrayCreateVector(VT_I4, 0, count);
+    return *out ? S_OK : E_OUTOFMEMORY;
+  }
+  SAFEARRAY* array = ::SafeArrayCreateVector(VT_UNKNOWN, 0, count);
+  if (array == nullptr) return E_OUTOFMEMORY;
+  for (LONG i = 0; i < static_cast<LONG>(count); ++i) {
+    if (inj.kind == Injection::kNullElement && i == 0) continue;
+    ComPtr<SimInterface> iface;
+    iface.attach(new SimInterface(all[static_cast<size_t>(i)].interface_id));
+    // The array takes its own reference; ours goes with `iface`.
+    ::SafeArrayPutElement(array, &i, static_cast<IMbnInterface*>(iface.get()));
+  }
+  *out = array;
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE SimInterfaceManager::FindConnectionPoint(REFIID riid,
+                                                                   IConnectionPoint** out) {
+  if (out == nullptr) return E_POINTER;
+  *out = nullptr;
+  bool null_out = false;
+  HRESULT hr = Injected("FindConnectionPoint", -1, &null_out);
+  if (FAILED(hr) || null_out) return hr;
+  if (!IsEqualGUID(riid, IID_IMbnInterfaceManagerEvents)) return CONNECT_E_NOCONNECTION;
+  *out = new SimConnectionPoint(this);
+  return S_OK;
+}
+
+HRESULT CreateInterfaceManager(REFIID riid, void** ppv) {
+  if (ppv == nullptr) return E_POINTER;
+  *ppv = nullptr;
+  bool null_out = false;
+  HRESULT hr = Injected("CreateInstance", -1, &null_out);
+  if (FAILED(hr) || null_out) return hr;
+  EventHub::Get().Start();
+  ComPtr<SimInterfaceManager> manager;
+  manager.attach(new SimInterfaceManager());
+  return manager->QueryInterface(riid, ppv);
+}
+
+}  // namespace mbnsim

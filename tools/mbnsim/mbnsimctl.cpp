@@ -1,0 +1,143 @@
+// mbnsimctl: sets up and drives the Mobile Broadband simulator's modem.
+#include <windows.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "tools/mbnsim/scenario.h"
+
+namespace {
+
+const char kUsage[] =
+    "usage: mbnsimctl COMMAND [ARGS]\n"
+    "  register [DLL]            register mbnsim.dll (default: beside this program)\n"
+    "  unregister [DLL]          remove its registration\n"
+    "  reset [N]                 forget interfaces, failures and counters; make N\n"
+    "                            default interfaces (default 1, 0 for no modem)\n"
+    "  set INDEX FIELD VALUE     FIELD: InterfaceID ReadyState ICCID SubscriberID\n"
+    "                            HomeProviderID HomeProviderName RegisteredProviderID\n"
+    "  inject CALL WHAT [INDEX]  make CALL fail: WHAT is an HRESULT (0x80004005),\n"
+    "                            null, wrongtype, nullelement, or clear; INDEX limits\n"
+    "                            it to one interface\n"
+    "  arrive [FIELD=VALUE...]   add an interface and announce its arrival\n"
+    "  remove INDEX              announce an interface's removal and take it away\n"
+    "  show                      print the interfaces\n"
+    "  counters                  print each process's leftovers and mistakes\n";
+
+int Usage() {
+  std::fputs(kUsage, stderr);
+  return 2;
+}
+
+int Fail(const char* what) {
+  std::fprintf(stderr, "mbnsimctl: %s\n", what);
+  return 1;
+}
+
+int CallServerFunction(const std::vector<std::string>& args, const char* function) {
+  std::string dll;
+  if (args.size() > 2) {
+    dll = args[2];
+  } else {
+    char self[MAX_PATH];
+    DWORD n = ::GetModuleFileNameA(nullptr, self, MAX_PATH);
+    dll.assign(self, n);
+    dll = dll.substr(0, dll.find_last_of("\\/") + 1) + "mbnsim.dll";
+  }
+  HMODULE module = ::LoadLibraryA(dll.c_str());
+  if (module == nullptr) return Fail(("cannot load " + dll).c_str());
+  auto fn = reinterpret_cast<HRESULT(__stdcall*)()>(
+      reinterpret_cast<void*>(::GetProcAddress(module, function)));
+  HRESULT hr = fn ? fn() : E_NOINTERFACE;
+  ::FreeLibrary(module);
+  if (FAILED(hr)) return Fail((std::string(function) + " failed").c_str());
+  std::printf("%s: %s\n", function, dll.c_str());
+  return 0;
+}
+
+void Show() {
+  const auto all = mbnsim::ReadInterfaces();
+  std::printf("%zu interface(s)\n", all.size());
+  for (size_t i = 0; i < all.size(); ++i) {
+    const auto& f = all[i];
+    std::printf("%zu: InterfaceID=%s ReadyState=%lu ICCID=%s SubscriberID=%s HomeProviderID=%s "
+                "HomeProviderName=%s RegisteredProviderID=%s\n",
+                i, f.interface_id.c_str(), static_cast<unsigned long>(f.ready_state),
+                f.iccid.c_str(), f.subscriber_id.c_str(), f.home_provider_id.c_str(),
+                f.home_provider_name.c_str(), f.registered_provider_id.c_str());
+  }
+}
+
+int Run(const std::vector<std::string>& args) {
+  if (args.size() < 2) return Usage();
+  const std::string& cmd = args[1];
+  if (cmd == "register") return CallServerFunction(args, "DllRegisterServer");
+  if (cmd == "unregister") return CallServerFunction(args, "DllUnregisterServer");
+  if (cmd == "reset") {
+    const int n = args.size() > 2 ? std::atoi(args[2].c_str()) : 1;
+    mbnsim::Reset();
+    std::vector<mbnsim::InterfaceInfo> interfaces;
+    for (int i = 0; i < n; ++i) interfaces.push_back(mbnsim::DefaultInterface(i));
+    mbnsim::SetInterfaces(interfaces);
+    return 0;
+  }
+  if (cmd == "set" && args.size() == 5) {
+    if (!mbnsim::SetField(std::atoi(args[2].c_str()), args[3], args[4])) {
+      return Fail("no such interface or field");
+    }
+    return 0;
+  }
+  if (cmd == "inject" && (args.size() == 4 || args.size() == 5)) {
+    const std::string what = args[3] == "clear" ? std::string() : args[3];
+    const int index = args.size() == 5 ? std::atoi(args[4].c_str()) : -1;
+    if (!mbnsim::Inject(args[2], what, index)) return Fail("bad failure or interface index");
+    return 0;
+  }
+  if (cmd == "arrive") {
+    const int n = static_cast<int>(mbnsim::ReadInterfaces().size());
+    mbnsim::InterfaceInfo info = mbnsim::DefaultInterface(n);
+    std::vector<std::pair<std::string, std::string>> fields;
+    for (size_t i = 2; i < args.size(); ++i) {
+      const size_t eq = args[i].find('=');
+      if (eq == std::string::npos) return Usage();
+      fields.emplace_back(args[i].substr(0, eq), args[i].substr(eq + 1));
+    }
+    for (const auto& f : fields) {
+      if (f.first == "InterfaceID") info.interface_id = f.second;
+    }
+    mbnsim::Arrive(info);
+    for (const auto& f : fields) {
+      if (!mbnsim::SetField(n, f.first, f.second)) return Fail("no such field");
+    }
+    return 0;
+  }
+  if (cmd == "remove" && args.size() == 3) {
+    if (!mbnsim::Remove(std::atoi(args[2].c_str()))) return Fail("no such interface");
+    return 0;
+  }
+  if (cmd == "show") {
+    Show();
+    return 0;
+  }
+  if (cmd == "counters") {
+    for (const auto& entry : mbnsim::AllCounters()) {
+      const auto& c = entry.second;
+      std::printf("pid %lu: LiveObjects=%lu AdvisedSinks=%lu BadReleases=%lu BadUnadvises=%lu\n",
+                  static_cast<unsigned long>(entry.first),
+                  static_cast<unsigned long>(c.live_objects),
+                  static_cast<unsigned long>(c.advised_sinks),
+                  static_cast<unsigned long>(c.bad_releases),
+                  static_cast<unsigned long>(c.bad_unadvises));
+    }
+    return 0;
+  }
+  return Usage();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  return Run(std::vector<std::string>(argv, argv + argc));
+}

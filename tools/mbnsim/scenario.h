@@ -1,0 +1,90 @@
+// The simulated modem's scenario: what the Mobile Broadband simulator answers.
+//
+// The scenario lives in the registry under HKLM\SOFTWARE\Dorvane\MbnSim, so that
+// every process of a Wine prefix (or a Windows machine) sees the same modem: the
+// service that loads the simulator, a test in the same process, and the control
+// program mbnsimctl. The simulator reads it afresh at every call, so a change
+// takes effect at once, also while the service runs.
+//
+//   HKLM\SOFTWARE\Dorvane\MbnSim
+//     Interfaces\0, 1, ...   one key per interface, in array order:
+//                            InterfaceID, ReadyState (DWORD), ICCID, SubscriberID,
+//                            HomeProviderID, HomeProviderName, RegisteredProviderID,
+//                            and Inject\<call> for failures of that interface only
+//     Inject\<call>          a failure of every object: "0x80004005" (an HRESULT
+//                            to return), "null" (succeed, hand out a null pointer),
+//                            for GetInterfaces also "wrongtype" and "nullelement"
+//     Events                 Seq (DWORD) and E<seq> = "arrival <id>" / "removal <id>"
+//     Counters\<pid>         what each process did wrong or left behind
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+namespace mbnsim {
+
+struct InterfaceInfo {
+  std::string interface_id;
+  DWORD ready_state = 1;  // MBN_READY_STATE_INITIALIZED
+  std::string iccid;
+  std::string subscriber_id;
+  std::string home_provider_id;
+  std::string home_provider_name;
+  std::string registered_provider_id;
+};
+
+// A modem as it comes out of the box: the n-th default interface.
+InterfaceInfo DefaultInterface(int n);
+
+struct Injection {
+  enum Kind { kNone, kFail, kNull, kWrongType, kNullElement };
+  Kind kind = kNone;
+  HRESULT hr = S_OK;
+};
+
+// Per-process counters of the client's mistakes and leftovers.
+struct Counters {
+  DWORD live_objects = 0;   // handed out and not yet released
+  DWORD advised_sinks = 0;  // advised and not yet unadvised
+  DWORD bad_releases = 0;   // Release on an object whose count was already 0
+  DWORD bad_unadvises = 0;  // Unadvise with a cookie this point never gave out
+};
+
+struct Event {
+  enum Kind { kArrival, kRemoval };
+  Kind kind = kArrival;
+  std::string interface_id;
+};
+
+// -- reading (the simulator) ---------------------------------------------------
+std::vector<InterfaceInfo> ReadInterfaces();
+// The index of the interface with this id, or -1 if it is gone.
+int FindInterface(const std::string& interface_id, InterfaceInfo* info);
+// The injection for `call` on interface `index` (-1: objects of no interface);
+// an interface's own injection wins over the global one.
+Injection ReadInjection(const std::string& call, int index = -1);
+DWORD EventSeq();
+bool ReadEvent(DWORD seq, Event* event);
+void PublishCounters(DWORD pid, const Counters& counters);
+
+// -- control (tests, mbnsimctl) ------------------------------------------------
+// Forgets interfaces, injections, counters; keeps the event sequence going.
+void Reset();
+void SetInterfaces(const std::vector<InterfaceInfo>& interfaces);
+bool SetField(int index, const std::string& field, const std::string& value);
+// `what`: an HRESULT ("0x8000FFFF"), "null", "wrongtype", "nullelement", or
+// "" to clear.
+bool Inject(const std::string& call, const std::string& what, int index = -1);
+// Adds an interface at the end and announces its arrival.
+void Arrive(const InterfaceInfo& info);
+// Announces the removal of interface `index` and takes it away.
+bool Remove(int index);
+bool ReadCounters(DWORD pid, Counters* counters);
+std::vector<std::pair<DWORD, Counters>> AllCounters();
+
+// Parses an injection text; false when it is none of the accepted forms.
+bool ParseInjection(const std::string& text, Injection* out);
+
+}  // namespace mbnsim
