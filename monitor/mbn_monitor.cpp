@@ -57,7 +57,9 @@ DWORD CMbnMonitor::AttachStateMbnRegEvent() {
 
 void CMbnMonitor::Detach() {
   if (m_connRegPoint) {
-    m_connRegPoint->Unadvise(cookie_);
+    // Cookies are never 0: after a failed Advise there is nothing to unadvise,
+    // and a stack may count an unknown cookie against the client.
+    if (cookie_ != 0) m_connRegPoint->Unadvise(cookie_);
     m_connRegPoint.reset();
     cookie_ = 0;
   }

@@ -197,6 +197,7 @@ HRESULT STDMETHODCALLTYPE SimInterfaceManager::GetInterface(LPCWSTR interface_id
 HRESULT STDMETHODCALLTYPE SimInterfaceManager::GetInterfaces(SAFEARRAY** out) {
   if (out == nullptr) return E_POINTER;
   *out = nullptr;
+  if (DWORD ms = ReadDelay("GetInterfaces")) ::Sleep(ms);
   Injection inj = ReadInjection("GetInterfaces");
   if (inj.kind == Injection::kFail) return inj.hr;
   if (inj.kind == Injection::kNull) return S_OK;

@@ -21,6 +21,7 @@ const char kUsage[] =
     "  inject CALL WHAT [INDEX]  make CALL fail: WHAT is an HRESULT (0x80004005),\n"
     "                            null, wrongtype, nullelement, or clear; INDEX limits\n"
     "                            it to one interface\n"
+    "  delay CALL MS             make CALL answer MS milliseconds late (0 clears)\n"
     "  arrive [FIELD=VALUE...]   add an interface and announce its arrival\n"
     "  remove INDEX              announce an interface's removal and take it away\n"
     "  show                      print the interfaces\n"
@@ -93,6 +94,10 @@ int Run(const std::vector<std::string>& args) {
     const std::string what = args[3] == "clear" ? std::string() : args[3];
     const int index = args.size() == 5 ? std::atoi(args[4].c_str()) : -1;
     if (!mbnsim::Inject(args[2], what, index)) return Fail("bad failure or interface index");
+    return 0;
+  }
+  if (cmd == "delay" && args.size() == 4) {
+    mbnsim::SetDelay(args[2], static_cast<DWORD>(std::strtoul(args[3].c_str(), nullptr, 10)));
     return 0;
   }
   if (cmd == "arrive") {

@@ -178,6 +178,22 @@ Injection ReadInjection(const std::string& call, int index) {
   return inj;
 }
 
+DWORD ReadDelay(const std::string& call) {
+  UniqueRegKey key = OpenKey("Delay", false);
+  DWORD ms = 0;
+  ReadDword(key.get(), call.c_str(), &ms);
+  return ms;
+}
+
+void SetDelay(const std::string& call, DWORD ms) {
+  UniqueRegKey key = OpenKey("Delay", true);
+  if (ms == 0) {
+    ::RegDeleteValueA(key.get(), call.c_str());
+  } else {
+    WriteDword(key.get(), call.c_str(), ms);
+  }
+}
+
 DWORD EventSeq() {
   UniqueRegKey key = OpenKey("Events", false);
   DWORD seq = 0;
@@ -236,6 +252,7 @@ std::vector<std::pair<DWORD, Counters>> AllCounters() {
 void Reset() {
   DeleteTree("Interfaces");
   DeleteTree("Inject");
+  DeleteTree("Delay");
   DeleteTree("Counters");
   OpenKey("Interfaces", true);
   OpenKey("Events", true);

@@ -14,6 +14,7 @@
 //     Inject\<call>          a failure of every object: "0x80004005" (an HRESULT
 //                            to return), "null" (succeed, hand out a null pointer),
 //                            for GetInterfaces also "wrongtype" and "nullelement"
+//     Delay\<call>           milliseconds the call takes before it answers
 //     Events                 Seq (DWORD) and E<seq> = "arrival <id>" / "removal <id>"
 //     Counters\<pid>         what each process did wrong or left behind
 #pragma once
@@ -65,18 +66,22 @@ int FindInterface(const std::string& interface_id, InterfaceInfo* info);
 // The injection for `call` on interface `index` (-1: objects of no interface);
 // an interface's own injection wins over the global one.
 Injection ReadInjection(const std::string& call, int index = -1);
+// Milliseconds that `call` is to take (0 when none is set).
+DWORD ReadDelay(const std::string& call);
 DWORD EventSeq();
 bool ReadEvent(DWORD seq, Event* event);
 void PublishCounters(DWORD pid, const Counters& counters);
 
 // -- control (tests, mbnsimctl) ------------------------------------------------
-// Forgets interfaces, injections, counters; keeps the event sequence going.
+// Forgets interfaces, injections, delays, counters; keeps the event sequence going.
 void Reset();
 void SetInterfaces(const std::vector<InterfaceInfo>& interfaces);
 bool SetField(int index, const std::string& field, const std::string& value);
 // `what`: an HRESULT ("0x8000FFFF"), "null", "wrongtype", "nullelement", or
 // "" to clear.
 bool Inject(const std::string& call, const std::string& what, int index = -1);
+// Makes `call` answer `ms` milliseconds late (0 clears).
+void SetDelay(const std::string& call, DWORD ms);
 // Adds an interface at the end and announces its arrival.
 void Arrive(const InterfaceInfo& info);
 // Announces the removal of interface `index` and takes it away.

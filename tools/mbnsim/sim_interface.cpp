@@ -7,6 +7,7 @@
 namespace mbnsim {
 
 HRESULT Injected(const std::string& call, int index, bool* null_out) {
+  if (DWORD ms = ReadDelay(call)) ::Sleep(ms);
   Injection inj = ReadInjection(call, index);
   if (null_out) *null_out = inj.kind == Injection::kNull;
   return inj.kind == Injection::kFail ? inj.hr : S_OK;

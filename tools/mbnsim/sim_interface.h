@@ -13,7 +13,8 @@ namespace mbnsim {
 
 using namespace dorvane;
 
-// The result for an injection that makes the call fail, S_OK otherwise.
+// Waits out the call's delay; then the result for an injection that makes the
+// call fail, S_OK otherwise.
 // `null_out` is set when the injection asks for a null result.
 HRESULT Injected(const std::string& call, int index, bool* null_out);
 
