@@ -5,4 +5,5 @@ repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 "$repo/scripts/build.sh" >/dev/null
 "$repo/scripts/wine-prefix" "$repo/build/wine/base"
 exec python3 "$repo/tools/demo.py" --exe "$repo/build/dorvane.exe" \
+  --mbnsim-dir "$repo/build/tools/mbnsim" \
   --prefix "$repo/build/wine/demo" --base "$repo/build/wine/base"

@@ -15,7 +15,7 @@ rm -rf "$unit"/drive_c/users/*/[Tt]emp/dorvane-* "$repo/build/whole"
 # A persistent wineserver makes each test process start in milliseconds
 # instead of seconds; it is ended again whatever the outcome.
 export WINEPREFIX="$unit" WINEDEBUG=-all
-wineserver -p </dev/null >/dev/null 2>&1
+wineserver -p </dev/null >/dev/null 2>&1 || true  # already running is fine
 "$repo/scripts/wine-run" cmd /c exit </dev/null >/dev/null 2>&1 || true
 trap 'WINEPREFIX="$unit" wineserver -k >/dev/null 2>&1 || true' EXIT
 

@@ -1,10 +1,12 @@
 """The service end to end under Wine: install, start, poke, stop, show the log.
 
-    demo.py --exe build/dorvane.exe --prefix build/wine/demo --base build/wine/base
+    demo.py --exe build/dorvane.exe --mbnsim-dir build/tools/mbnsim \
+            --prefix build/wine/demo --base build/wine/base
 
-Makes a fresh prefix (a copy of the base prefix), installs dorvane.exe with
-`sc create`, starts it, writes a value under its registry key, stops it and
-prints the service's log.
+Makes a fresh prefix (a copy of the base prefix), registers the Mobile
+Broadband simulator with one modem, installs dorvane.exe with `sc create` and
+starts it; while it runs, the modem leaves and comes back and a value is written
+under the service's registry key; then the service is stopped and its log printed.
 """
 import argparse
 import os
@@ -14,8 +16,9 @@ import time
 import winebox
 from winebox import RUNNING, STOPPED, WineBox
 
-LOOP_READY = ("[Fail][CStateWork::GetSimInfo] CoInitializeEx Fail.",
-              "[CStateWork::GetSimInfo] GetHomeProvider str_mccmnc is ")
+HOME = "[CStateWork::GetSimInfo] GetHomeProvider str_mccmnc is "
+REMOVAL = "[Info][CMbnChangeEvent::OnInterfaceRemoval]"
+ARRIVAL = "[Info][CMbnChangeEvent::OnInterfaceArrival]"
 REGISTER = "register event"
 STOP_DONE = "[Infomation][CServiceStart::StopWork] Stop work success."
 
@@ -37,6 +40,7 @@ def say(text):
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--exe", required=True)
+    parser.add_argument("--mbnsim-dir", required=True)
     parser.add_argument("--prefix", required=True)
     parser.add_argument("--base", required=True)
     args = parser.parse_args()
@@ -44,6 +48,10 @@ def main():
     say("preparing a private Wine prefix in %s" % args.prefix)
     with WineBox(os.path.abspath(args.prefix), base=os.path.abspath(args.base)) as box:
         box.keep_alive()
+        say("registering the Mobile Broadband simulator, one modem")
+        box.install_simulator(os.path.abspath(args.mbnsim_dir))
+        box.simctl("reset", 1)
+        say(box.simctl("show").strip().replace("\n", "\ndemo:   "))
         box.reg_add(winebox.SERVICE_KEY)
         say('sc create "%s" binPath= "%s\\dorvane.exe"' % (winebox.SERVICE_NAME, winebox.INSTALL_DIR))
         box.install_service(os.path.abspath(args.exe))
@@ -51,7 +59,14 @@ def main():
         box.sc("start", winebox.SERVICE_NAME)
         box.wait_state(RUNNING)
         say("state: RUNNING")
-        wait_for_log(box, lambda m: m.startswith(LOOP_READY), "the worker reaching its loop")
+        wait_for_log(box, lambda m: m.startswith(HOME), "the SIM query")
+
+        say("mbnsimctl remove 0   (the modem leaves)")
+        box.simctl("remove", 0)
+        wait_for_log(box, lambda m: m.endswith(REMOVAL), "the removal")
+        say("mbnsimctl arrive     (the modem comes back)")
+        box.simctl("arrive")
+        wait_for_log(box, lambda m: m.endswith(ARRIVAL), "the arrival")
 
         say(r"reg add %s /v DemoValue /t REG_DWORD /d 1" % winebox.SERVICE_KEY)
         box.reg_add(winebox.SERVICE_KEY, "DemoValue", 1, "REG_DWORD")
@@ -62,6 +77,7 @@ def main():
         state, code = box.wait_state(STOPPED)
         say("state: STOPPED, exit code %d" % code)
         wait_for_log(box, lambda m: m.startswith(STOP_DONE), "the stop work")
+        say("simulator's counters after the stop: " + box.simctl("counters").strip())
 
         log = box.read_log()
         say("the service's log, %s:" % winebox.LOG_PATH)

@@ -147,6 +147,31 @@ class WineBox:
         if result.returncode != 0:
             raise RuntimeError("sc create %s failed: %s%s" % (name, result.stdout, result.stderr))
 
+    # -- the Mobile Broadband simulator -------------------------------------------
+    def install_simulator(self, sim_dir):
+        """Copies mbnsim.dll and mbnsimctl.exe from `sim_dir` and registers the
+        simulator under the Mobile Broadband class ids."""
+        self.put_file(os.path.join(sim_dir, "mbnsim.dll"), INSTALL_DIR)
+        self._simctl = self.put_file(os.path.join(sim_dir, "mbnsimctl.exe"), INSTALL_DIR)
+        self.simctl("register")
+
+    def simctl(self, *args):
+        result = self.run([self._simctl] + [str(a) for a in args])
+        if result.returncode != 0:
+            raise RuntimeError("mbnsimctl %s failed: %s%s" % (" ".join(map(str, args)),
+                                                             result.stdout, result.stderr))
+        return result.stdout
+
+    def sim_counters(self):
+        """{pid: {counter: value}} for every process that used the simulator."""
+        out = {}
+        for line in self.simctl("counters").splitlines():
+            m = re.match(r"pid (\d+): (.*)", line)
+            if m:
+                out[int(m.group(1))] = {k: int(v) for k, v in
+                                        (kv.split("=") for kv in m.group(2).split())}
+        return out
+
     def query(self, name=SERVICE_NAME):
         """(state, win32 exit code), or None when the service does not exist."""
         out = self.sc("query", name).stdout

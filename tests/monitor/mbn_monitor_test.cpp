@@ -1,5 +1,5 @@
 // The sink and the monitor on a machine without a mobile-broadband stack: the
-// COM class is not registered in the unit-test prefix.
+// simulator is unregistered first.
 #include "monitor/mbn_monitor.h"
 
 #include <gtest/gtest.h>
@@ -9,6 +9,7 @@
 #include "log/logger.h"
 #include "monitor/state_work.h"
 #include "support/log_reader.h"
+#include "support/simulator.h"
 
 namespace dorvane {
 namespace {
@@ -19,6 +20,7 @@ using testing::ReadLog;
 class MonitorTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    ASSERT_TRUE(testing::UnregisterSimulator());
     path_ = testing::MakeTempDir("monitor") + "\\Dorvane.log";
     Logger::GetInstance()->Close();
     Logger::GetInstance()->SetLogPath(path_);

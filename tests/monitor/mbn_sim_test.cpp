@@ -9,6 +9,7 @@
 #include "monitor/mbn_monitor.h"
 #include "monitor/state_work.h"
 #include "support/log_reader.h"
+#include "support/simulator.h"
 #include "tools/mbnsim/scenario.h"
 #include "util/com_ptr.h"
 
@@ -21,25 +22,11 @@ using testing::ReadLog;
 const char kSimFail[] = "[error][CStateWork::GetSimInfo] Get mbim interface fail.";
 const char kHomeLine[] = "[CStateWork::GetSimInfo] GetHomeProvider str_mccmnc is ";
 
-// Registers the simulator that the build put beside the tests.
-void RegisterSimulator() {
-  char self[MAX_PATH];
-  std::string dir(self, ::GetModuleFileNameA(nullptr, self, MAX_PATH));
-  dir = dir.substr(0, dir.find_last_of('\\'));
-  const std::string dll = dir + "\\..\\tools\\mbnsim\\mbnsim.dll";
-  HMODULE module = ::LoadLibraryA(dll.c_str());
-  ASSERT_NE(nullptr, module) << dll;
-  auto reg = reinterpret_cast<HRESULT(__stdcall*)()>(
-      reinterpret_cast<void*>(::GetProcAddress(module, "DllRegisterServer")));
-  ASSERT_NE(nullptr, reg);
-  ASSERT_EQ(S_OK, reg());
-}
-
 class SimTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(SUCCEEDED(::CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
-    RegisterSimulator();
+    ASSERT_TRUE(testing::RegisterSimulator());
     UseInterfaces(1);
     path_ = testing::MakeTempDir("sim") + "\\Dorvane.log";
     Logger::GetInstance()->Close();

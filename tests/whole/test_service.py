@@ -166,6 +166,116 @@ class LegacyService(ServiceCase):
         self.assertEqual(STOPPED, self.box.query("Lumarix")[0])
 
 
+HOME = "[CStateWork::GetSimInfo] GetHomeProvider str_mccmnc is "
+SERVICE_START = "----Service start-------------"
+NOTIFIER = "SetSimChangeEvent mccmnc:"
+ARRIVAL = "----------------[Info][CMbnChangeEvent::OnInterfaceArrival]"
+REMOVAL = "----------------[Info][CMbnChangeEvent::OnInterfaceRemoval]"
+SEPARATOR = ("\n\n------------------------[[CStateWork::Work] OnInterfaceArrival "
+             "event--------------------\n")
+NO_INTERFACE = "[error][CStateWork::GetSimInfo] Get mbim interface fail."
+
+
+class WithModem(ServiceCase):
+    """The simulator registered in the prefix stands in for the modem's stack."""
+
+    def setUp(self):
+        super().setUp()
+        self.box.install_simulator(ARGS.mbnsim_dir)
+
+    def stop_service(self):
+        self.box.sc("stop", winebox.SERVICE_NAME)
+        self.assertEqual((STOPPED, 0), self.box.wait_state(STOPPED))
+        return winebox.messages(self.wait_for(STOP_DONE))
+
+    def assertNothingLeft(self):
+        counters = self.box.sim_counters()
+        self.assertTrue(counters, "the service never used the simulator")
+        for pid, c in counters.items():
+            self.assertEqual({"LiveObjects": 0, "AdvisedSinks": 0, "BadReleases": 0,
+                              "BadUnadvises": 0}, c, "process %d" % pid)
+
+    def test_one_interface_is_read_and_the_sink_attaches(self):
+        self.box.simctl("reset", 1)
+        self.start_service()
+        msgs = winebox.messages(self.wait_for(SEPARATOR))
+        self.assertNotIn(ATTACH_FAIL, msgs)
+        self.assertNotIn(START_ATTACH_FAIL, msgs)
+        self.assertInOrder(msgs, [START_ENTER, SERVICE_START, NOTIFIER, "StartService", START_DONE])
+        self.assertInOrder(msgs, [THREAD_ENTER, COM_DONE, CHECK_ENTER, "OpenService failed (1060)",
+                                  HOME + "310260", SEPARATOR])
+        tags = {r.message: r.tag for r in winebox.parse_log(self.box.read_log())}
+        self.assertEqual("[ERROR] ", tags[HOME + "310260"])
+        time.sleep(1.0)
+        msgs = self.stop_service()
+        self.assertEqual(1, msgs.count(SEPARATOR), "the start is one SIM change")
+        self.assertNothingLeft()
+
+    def test_the_last_of_two_interfaces_is_read_and_none_is_reported(self):
+        self.box.simctl("reset", 2)
+        self.start_service()
+        self.wait_for(HOME + "26201")
+        self.stop_service()
+        self.box.simctl("reset", 0)
+        self.box.sc("start", winebox.SERVICE_NAME)
+        self.box.wait_state(RUNNING)
+        msgs = winebox.messages(self.wait_for(NO_INTERFACE))
+        self.assertEqual(1, msgs.count(HOME + "26201"))
+        self.stop_service()
+        self.assertNothingLeft()
+
+    def test_arrivals_and_removal_while_running(self):
+        self.box.simctl("reset", 1)
+        # The SIM query answers late, so two arrivals land while the worker is
+        # still busy and all three SIM changes make one wake-up.
+        self.box.simctl("delay", "GetInterfaces", 4000)
+        self.start_service()
+        self.wait_for("OpenService failed (1060)")
+        self.box.simctl("arrive")
+        self.box.simctl("arrive")
+        msgs = winebox.messages(self.wait_for(SEPARATOR))
+        self.assertEqual(2, msgs.count(ARRIVAL))
+        self.assertEqual(2, msgs.count("OnInterfaceArrival"), "one notifier pair per arrival")
+        self.assertEqual(3, msgs.count(NOTIFIER))
+        self.assertEqual(HOME + "26201", [m for m in msgs if m.startswith(HOME)][0],
+                         "the arrived interfaces are in the array")
+        time.sleep(1.0)
+        self.assertEqual(1, winebox.messages(winebox.parse_log(self.box.read_log())).count(SEPARATOR))
+
+        # One more arrival later: its own wake-up. A removal: its line, nothing else.
+        self.box.simctl("delay", "GetInterfaces", 0)
+        self.box.simctl("arrive")
+        deadline = time.monotonic() + 30
+        while winebox.messages(winebox.parse_log(self.box.read_log())).count(SEPARATOR) < 2:
+            self.assertLess(time.monotonic(), deadline, "no wake-up for the third arrival")
+            time.sleep(0.1)
+        self.box.simctl("remove", 0)
+        self.wait_for(REMOVAL)
+        time.sleep(1.0)
+        msgs = self.stop_service()
+        self.assertEqual(2, msgs.count(SEPARATOR))
+        self.assertEqual(1, msgs.count(REMOVAL))
+        self.assertEqual(msgs.index(REMOVAL) + 1, msgs.index(WORK_STOP),
+                         "the removal is followed by nothing but the stop")
+        self.assertNothingLeft()
+
+    def test_injected_failures_are_logged_and_the_service_keeps_running(self):
+        self.box.simctl("reset", 1)
+        self.box.simctl("inject", "Advise", "0x80040202")
+        self.box.simctl("inject", "GetHomeProvider", "0x8000000A")
+        self.start_service()
+        msgs = winebox.messages(self.wait_for("[error][CStateWork::GetSimInfo] GetHomeProvider Fail."))
+        self.assertInOrder(msgs, [START_ENTER,
+                                  "[Fail][CMbnMonitor::AttachStateMbnRegEvent] IConnectionPoint "
+                                  "Advise Fail.", START_ATTACH_FAIL, START_DONE])
+        self.assertNotIn(SERVICE_START, msgs)
+        self.box.reg_add(winebox.SERVICE_KEY, "Probe", 1, "REG_DWORD")
+        self.wait_for(REGISTER)
+        msgs = self.stop_service()
+        self.assertNotIn(SEPARATOR, msgs)
+        self.assertNothingLeft()
+
+
 class Faults(ServiceCase):
     def test_unwritable_log_folder_stalls_the_service_without_a_crash(self):
         # A file where the log folder should be: the log cannot be opened, and the
@@ -188,11 +298,13 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--exe", required=True)
     parser.add_argument("--lumarix", required=True)
+    parser.add_argument("--mbnsim-dir", required=True, help="where mbnsim.dll and mbnsimctl.exe are")
     parser.add_argument("--work", required=True, help="folder for the tests' prefixes")
     parser.add_argument("--base", required=True, help="base prefix, made if missing")
     ARGS, rest = parser.parse_known_args()
     ARGS.exe = os.path.abspath(ARGS.exe)
     ARGS.lumarix = os.path.abspath(ARGS.lumarix)
+    ARGS.mbnsim_dir = os.path.abspath(ARGS.mbnsim_dir)
     ARGS.work = os.path.abspath(ARGS.work)
     ARGS.base = os.path.abspath(ARGS.base)
     os.makedirs(ARGS.work, exist_ok=True)
