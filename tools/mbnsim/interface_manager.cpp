@@ -103,14 +103,7 @@ SimConnectionPoint::SimConnectionPoint(IConnectionPointContainer* container)
 }
 
 HRESULT STDMETHODCALLTYPE SimConnectionPoint::QueryInterface(REFIID riid, void** ppv) {
-  if (ppv == nullptr) return E_POINTER;
-  *ppv = nullptr;
-  if (!IsEqualGUID(riid, IID_IUnknown) && !IsEqualGUID(riid, IID_IConnectionPoint)) {
-    return E_NOINTERFACE;
-  }
-  *ppv = static_cast<IConnectionPoint*>(this);
-  AddRef();
-  return S_OK;
+  return QueryOne<IConnectionPoint>(this, IID_IConnectionPoint, riid, ppv);
 }
 
 ULONG STDMETHODCALLTYPE SimConnectionPoint::Release() {

@@ -96,14 +96,7 @@ HRESULT STDMETHODCALLTYPE SimInterface::GetProviderID(BSTR* id) {
 }
 
 HRESULT STDMETHODCALLTYPE SimSubscriber::QueryInterface(REFIID riid, void** ppv) {
-  if (ppv == nullptr) return E_POINTER;
-  *ppv = nullptr;
-  if (!IsEqualGUID(riid, IID_IUnknown) && !IsEqualGUID(riid, IID_IMbnSubscriberInformation)) {
-    return E_NOINTERFACE;
-  }
-  *ppv = static_cast<IMbnSubscriberInformation*>(this);
-  AddRef();
-  return S_OK;
+  return QueryOne<IMbnSubscriberInformation>(this, IID_IMbnSubscriberInformation, riid, ppv);
 }
 
 HRESULT SimSubscriber::Read(const char* call, BSTR* out, std::string InterfaceInfo::*field) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <windows.h>
+#include <unknwn.h>
 
 #include <atomic>
 
@@ -38,5 +39,16 @@ class RefCount {
  private:
   std::atomic<LONG> refs_{1};  // the creator's reference
 };
+
+// QueryInterface of an object that offers one interface besides IUnknown.
+template <typename I>
+HRESULT QueryOne(I* self, REFIID iid, REFIID riid, void** ppv) {
+  if (ppv == nullptr) return E_POINTER;
+  *ppv = nullptr;
+  if (!IsEqualGUID(riid, IID_IUnknown) && !IsEqualGUID(riid, iid)) return E_NOINTERFACE;
+  *ppv = self;
+  self->AddRef();
+  return S_OK;
+}
 
 }  // namespace mbnsim
