@@ -35,6 +35,7 @@ CStateWork::CStateWork(WorkerOptions options) : options_(std::move(options)) {
 }
 
 CStateWork::~CStateWork() {
+  FreeMBIM();
   if (cs_initialised_) {
     ::DeleteCriticalSection(&cs_state_);
     ::DeleteCriticalSection(&cs_channel_);

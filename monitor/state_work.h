@@ -26,6 +26,7 @@
 namespace dorvane {
 
 class Logger;
+class CMbimChannel;
 
 inline constexpr char kServiceRegKey[] = "SYSTEM\\CurrentControlSet\\Services\\WWAN\\Dorvane";
 
@@ -38,6 +39,8 @@ struct WorkerOptions {
   DWORD (*wait)(DWORD count, const HANDLE* handles, DWORD timeout_ms) = nullptr;
   // Creates event `index` (0..4); CreateEventA auto-reset unless replaced.
   HANDLE (*create_event)(int index) = nullptr;
+  // How long the AT channel waits for each completion.
+  DWORD mbim_wait_ms = 5000;
 };
 
 class CStateWork {
@@ -78,6 +81,19 @@ class CStateWork {
   // Removes the legacy service "Lumarix". 1 when deleted.
   DWORD ServiceCheckThead();
 
+  // Opens the AT command channel. False when there is no channel or no usable
+  // interface; the channel is kept all the same, so every CheckMBIM is paired
+  // with a FreeMBIM on the same thread. A channel already held is not freed
+  // first, only overwritten (deployed callers never call it twice).
+  bool CheckMBIM();
+  // Destroys the channel: 1 when there was one, 0 (nothing logged) otherwise.
+  DWORD FreeMBIM();
+  // Sends one AT command (without CR LF) and judges the answer: true when it is
+  // non-empty and holds no "error" in any case; then `result` gets the answer
+  // with its blanks removed. Otherwise `result` is left as it was.
+  bool ExecuteCmd(std::string command, std::string& result);
+  CMbimChannel* channel() const { return channel_; }
+
   HANDLE event(int index) const { return events_[index]; }
   const std::string& mccmnc() const { return mccmnc_; }
   const std::string& iccid() const { return iccid_; }
@@ -104,6 +120,7 @@ class CStateWork {
   CRITICAL_SECTION cs_channel_ = {};
   bool cs_initialised_ = false;
   HKEY service_key_ = nullptr;
+  CMbimChannel* channel_ = nullptr;  // owned; see FreeMBIM
 };
 
 // Records where a SIM change came from and wakes the worker. A source other

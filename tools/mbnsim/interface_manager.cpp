@@ -6,99 +6,14 @@
 #include <vector>
 
 #include "util/com_ptr.h"
-#include "util/scoped_handle.h"
 
 namespace mbnsim {
 
-// -- EventHub -------------------------------------------------------------------
-
-EventHub& EventHub::Get() {
-  static EventHub* hub = new EventHub();  // lives until the process ends
-  return *hub;
-}
-
-void EventHub::Start() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (started_) return;
-  started_ = true;
-  last_seq_ = EventSeq();
-  // The thread runs until the process ends; its handle is not needed.
-  HANDLE thread = ::CreateThread(nullptr, 0, ThreadMain, this, 0, nullptr);
-  if (thread) ::CloseHandle(thread);
-}
-
-DWORD EventHub::Advise(IMbnInterfaceManagerEvents* sink, const void* owner) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  DWORD cookie = next_cookie_++;
-  sinks_[cookie] = Entry{sink, owner};
-  Tracker::SinkAdvised();
-  return cookie;
-}
-
-bool EventHub::Unadvise(DWORD cookie, const void* owner) {
-  IMbnInterfaceManagerEvents* sink = nullptr;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto it = sinks_.find(cookie);
-    if (it == sinks_.end() || it->second.owner != owner) return false;
-    sink = it->second.sink;
-    sinks_.erase(it);
-  }
-  Tracker::SinkUnadvised();
-  sink->Release();
-  return true;
-}
-
-DWORD WINAPI EventHub::ThreadMain(LPVOID self) {
-  ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-  static_cast<EventHub*>(self)->Run();
-  return 0;
-}
-
-void EventHub::Run() {
-  dorvane::UniqueRegKey key;
-  ::RegCreateKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Dorvane\\MbnSim\\Events", 0, nullptr, 0,
-                    KEY_READ | KEY_NOTIFY, nullptr, key.put(), nullptr);
-  dorvane::UniqueHandle changed(::CreateEventA(nullptr, FALSE, FALSE, nullptr));
-  for (;;) {
-    // Armed before reading, so that no write between the two is missed; the
-    // time-out covers a notification that cannot be armed.
-    ::RegNotifyChangeKeyValue(key.get(), FALSE, REG_NOTIFY_CHANGE_LAST_SET, changed.get(), TRUE);
-    const DWORD seq = EventSeq();
-    while (last_seq_ < seq) {
-      Event event;
-      if (ReadEvent(++last_seq_, &event)) Deliver(event);
-    }
-    ::WaitForSingleObject(changed.get(), 250);
-  }
-}
-
-void EventHub::Deliver(const Event& event) {
-  std::vector<IMbnInterfaceManagerEvents*> targets;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (auto& entry : sinks_) {
-      entry.second.sink->AddRef();
-      targets.push_back(entry.second.sink);
-    }
-  }
-  if (targets.empty()) return;
-  ComPtr<SimInterface> iface;
-  iface.attach(new SimInterface(event.interface_id));
-  for (IMbnInterfaceManagerEvents* sink : targets) {
-    if (event.kind == Event::kArrival) {
-      sink->OnInterfaceArrival(iface.get());
-    } else {
-      sink->OnInterfaceRemoval(iface.get());
-    }
-    sink->Release();
-  }
-}
-
 // -- SimConnectionPoint -------------------------------------------------------------
 
-SimConnectionPoint::SimConnectionPoint(IConnectionPointContainer* container)
-    : container_(container) {
+SimConnectionPoint::SimConnectionPoint(IConnectionPointContainer* container, REFIID iid,
+                                       const char* prefix)
+    : container_(container), iid_(iid), prefix_(prefix) {
   container_->AddRef();
 }
 
@@ -118,7 +33,7 @@ ULONG STDMETHODCALLTYPE SimConnectionPoint::Release() {
 
 HRESULT STDMETHODCALLTYPE SimConnectionPoint::GetConnectionInterface(IID* iid) {
   if (iid == nullptr) return E_POINTER;
-  *iid = IID_IMbnInterfaceManagerEvents;
+  *iid = iid_;
   return S_OK;
 }
 
@@ -132,20 +47,19 @@ HRESULT STDMETHODCALLTYPE SimConnectionPoint::GetConnectionPointContainer(
 
 HRESULT STDMETHODCALLTYPE SimConnectionPoint::Advise(IUnknown* sink, DWORD* cookie) {
   if (sink == nullptr || cookie == nullptr) return E_POINTER;
-  HRESULT hr = Injected("Advise", -1, nullptr);
+  HRESULT hr = Injected(prefix_ + "Advise", -1, nullptr);
   if (FAILED(hr)) return hr;
   // As the real stack does: the sink must answer for the event interface.
-  IMbnInterfaceManagerEvents* events = nullptr;
-  if (FAILED(sink->QueryInterface(IID_IMbnInterfaceManagerEvents, reinterpret_cast<void**>(&events))) ||
-      events == nullptr) {
+  IUnknown* events = nullptr;
+  if (FAILED(sink->QueryInterface(iid_, reinterpret_cast<void**>(&events))) || events == nullptr) {
     return CONNECT_E_CANNOTCONNECT;
   }
-  *cookie = EventHub::Get().Advise(events, this);
+  *cookie = EventHub::Get().Advise(events, iid_, this);
   return S_OK;
 }
 
 HRESULT STDMETHODCALLTYPE SimConnectionPoint::Unadvise(DWORD cookie) {
-  HRESULT hr = Injected("Unadvise", -1, nullptr);
+  HRESULT hr = Injected(prefix_ + "Unadvise", -1, nullptr);
   if (FAILED(hr)) return hr;
   if (!EventHub::Get().Unadvise(cookie, this)) {
     Tracker::BadUnadvise();
@@ -222,7 +136,7 @@ HRESULT STDMETHODCALLTYPE SimInterfaceManager::FindConnectionPoint(REFIID riid,
   HRESULT hr = Injected("FindConnectionPoint", -1, &null_out);
   if (FAILED(hr) || null_out) return hr;
   if (!IsEqualGUID(riid, IID_IMbnInterfaceManagerEvents)) return CONNECT_E_NOCONNECTION;
-  *out = new SimConnectionPoint(this);
+  *out = new SimConnectionPoint(this, IID_IMbnInterfaceManagerEvents);
   return S_OK;
 }
 

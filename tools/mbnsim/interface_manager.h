@@ -1,48 +1,17 @@
 // The simulated interface manager (IMbnInterfaceManager with its connection
-// point container), its connection point for IMbnInterfaceManagerEvents, and the
-// hub that delivers arrival and removal events to every advised sink from a
-// thread of the simulator, as the real stack does from its own threads.
+// point container) and the connection point that both managers hand out.
 #pragma once
 
-#include <map>
-#include <mutex>
-
+#include "tools/mbnsim/event_hub.h"
 #include "tools/mbnsim/sim_interface.h"
 
 namespace mbnsim {
 
-// The advised sinks of this process, and the thread that delivers events to them.
-class EventHub {
- public:
-  static EventHub& Get();
-
-  // Starts the delivery thread once per process. Events posted before the first
-  // call are not delivered.
-  void Start();
-  DWORD Advise(IMbnInterfaceManagerEvents* sink, const void* owner);
-  // False when `cookie` was not given out by `owner` (or is already unadvised).
-  bool Unadvise(DWORD cookie, const void* owner);
-
- private:
-  struct Entry {
-    IMbnInterfaceManagerEvents* sink;  // one reference, held while advised
-    const void* owner;
-  };
-
-  static DWORD WINAPI ThreadMain(LPVOID self);
-  void Run();
-  void Deliver(const Event& event);
-
-  std::mutex mutex_;
-  std::map<DWORD, Entry> sinks_;
-  DWORD next_cookie_ = 1;
-  DWORD last_seq_ = 0;
-  bool started_ = false;
-};
-
+// A connection point for one event interface; its sinks are kept by the EventHub.
 class SimConnectionPoint : public IConnectionPoint {
  public:
-  explicit SimConnectionPoint(IConnectionPointContainer* container);
+  // Failures are injected under `prefix` + "Advise" / "Unadvise".
+  SimConnectionPoint(IConnectionPointContainer* container, REFIID iid, const char* prefix = "");
 
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
   ULONG STDMETHODCALLTYPE AddRef() override { return refs_.AddRef(); }
@@ -56,6 +25,8 @@ class SimConnectionPoint : public IConnectionPoint {
 
  private:
   IConnectionPointContainer* container_;  // one reference, dropped with the last one of ours
+  IID iid_;
+  std::string prefix_;
   RefCount refs_;
 };
 

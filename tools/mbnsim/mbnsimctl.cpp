@@ -22,6 +22,10 @@ const char kUsage[] =
     "                            null, wrongtype, nullelement, or clear; INDEX limits\n"
     "                            it to one interface\n"
     "  delay CALL MS             make CALL answer MS milliseconds late (0 clears)\n"
+    "  reply COMMAND TEXT        answer the AT COMMAND with TEXT (escapes \\r \\n \\xHH);\n"
+    "                            TEXT clear goes back to the built-in answer\n"
+    "  session INDEX open|closed set the AT service's command session state\n"
+    "  last                      print the last command sent (id, type, bytes)\n"
     "  arrive [FIELD=VALUE...]   add an interface and announce its arrival\n"
     "  remove INDEX              announce an interface's removal and take it away\n"
     "  show                      print the interfaces\n"
@@ -56,6 +60,36 @@ int CallServerFunction(const std::vector<std::string>& args, const char* functio
   if (FAILED(hr)) return Fail((std::string(function) + " failed").c_str());
   std::printf("%s: %s\n", function, dll.c_str());
   return 0;
+}
+
+// Reads C-style escapes: \r \n \t \\ and \xHH.
+bool Unescape(const std::string& text, std::string* out) {
+  out->clear();
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '\\') {
+      out->push_back(text[i]);
+      continue;
+    }
+    if (++i == text.size()) return false;
+    switch (text[i]) {
+      case 'r': out->push_back('\r'); break;
+      case 'n': out->push_back('\n'); break;
+      case 't': out->push_back('\t'); break;
+      case '\\': out->push_back('\\'); break;
+      case 'x': {
+        const std::string digits = text.substr(i + 1, 2);
+        char* end = nullptr;
+        long value = std::strtol(digits.c_str(), &end, 16);
+        if (digits.size() != 2 || *end != '\0') return false;
+        out->push_back(static_cast<char>(value));
+        i += 2;
+        break;
+      }
+      default:
+        return false;
+    }
+  }
+  return true;
 }
 
 void Show() {
@@ -96,6 +130,29 @@ int Run(const std::vector<std::string>& args) {
     if (!mbnsim::Inject(args[2], what, index)) return Fail("bad failure or interface index");
     return 0;
   }
+  if (cmd == "reply" && args.size() == 4) {
+    std::string bytes;
+    if (args[3] != "clear" && !Unescape(args[3], &bytes)) return Fail("bad escape in TEXT");
+    mbnsim::SetReply(args[2], bytes);
+    return 0;
+  }
+  if (cmd == "session" && args.size() == 4 && (args[3] == "open" || args[3] == "closed")) {
+    const int index = std::atoi(args[2].c_str());
+    if (index < 0 || index >= static_cast<int>(mbnsim::ReadInterfaces().size())) {
+      return Fail("no such interface");
+    }
+    mbnsim::SetSessionOpen(index, args[3] == "open");
+    return 0;
+  }
+  if (cmd == "last") {
+    mbnsim::SentCommand sent;
+    if (!mbnsim::ReadLastCommand(&sent)) return Fail("no command was sent");
+    std::printf("id=%lu type=%u count=%lu bytes=", static_cast<unsigned long>(sent.command_id),
+                static_cast<unsigned>(sent.type), static_cast<unsigned long>(sent.count));
+    for (unsigned char c : sent.bytes) std::printf("%02X", c);
+    std::printf("\n");
+    return 0;
+  }
   if (cmd == "delay" && args.size() == 4) {
     mbnsim::SetDelay(args[2], static_cast<DWORD>(std::strtoul(args[3].c_str(), nullptr, 10)));
     return 0;
@@ -129,12 +186,13 @@ int Run(const std::vector<std::string>& args) {
   if (cmd == "counters") {
     for (const auto& entry : mbnsim::AllCounters()) {
       const auto& c = entry.second;
-      std::printf("pid %lu: LiveObjects=%lu AdvisedSinks=%lu BadReleases=%lu BadUnadvises=%lu\n",
-                  static_cast<unsigned long>(entry.first),
-                  static_cast<unsigned long>(c.live_objects),
-                  static_cast<unsigned long>(c.advised_sinks),
-                  static_cast<unsigned long>(c.bad_releases),
-                  static_cast<unsigned long>(c.bad_unadvises));
+      std::printf(
+          "pid %lu: LiveObjects=%lu AdvisedSinks=%lu BadReleases=%lu BadUnadvises=%lu "
+          "PendingCompletions=%lu\n",
+          static_cast<unsigned long>(entry.first), static_cast<unsigned long>(c.live_objects),
+          static_cast<unsigned long>(c.advised_sinks), static_cast<unsigned long>(c.bad_releases),
+          static_cast<unsigned long>(c.bad_unadvises),
+          static_cast<unsigned long>(c.pending_completions));
     }
     return 0;
   }

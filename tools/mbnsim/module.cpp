@@ -8,6 +8,7 @@
 
 #include <string>
 
+#include "tools/mbnsim/device_services.h"
 #include "tools/mbnsim/interface_manager.h"
 #include "util/com_ptr.h"
 #include "util/scoped_handle.h"
@@ -48,6 +49,7 @@ class Factory : public IClassFactory {
 };
 
 Factory g_manager_factory(CreateInterfaceManager);
+Factory g_services_factory(CreateDeviceServicesManager);
 
 struct ClassEntry {
   const GUID* clsid;
@@ -57,6 +59,8 @@ struct ClassEntry {
 const ClassEntry kClasses[] = {
     {&CLSID_MbnInterfaceManager, "Dorvane Mobile Broadband simulator: interface manager",
      &g_manager_factory},
+    {&CLSID_MbnDeviceServicesManager,
+     "Dorvane Mobile Broadband simulator: device services manager", &g_services_factory},
 };
 
 std::string ClsidKey(const GUID& clsid) {

@@ -1,5 +1,6 @@
 #include "tools/mbnsim/scenario.h"
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 
@@ -153,6 +154,12 @@ bool ParseInjection(const std::string& text, Injection* out) {
     inj.kind = Injection::kWrongType;
   } else if (text == "nullelement") {
     inj.kind = Injection::kNullElement;
+  } else if (text == "none") {
+    inj.kind = Injection::kNoCompletion;
+  } else if (text == "wrongid") {
+    inj.kind = Injection::kWrongId;
+  } else if (text == "empty") {
+    inj.kind = Injection::kEmpty;
   } else {
     char* end = nullptr;
     unsigned long value = std::strtoul(text.c_str(), &end, 0);
@@ -176,6 +183,105 @@ Injection ReadInjection(const std::string& call, int index) {
   UniqueRegKey global = OpenKey(InjectPath(-1), false);
   if (!global || !ParseInjection(ReadString(global.get(), call.c_str()), &inj)) return Injection();
   return inj;
+}
+
+bool SessionOpen(int index) {
+  UniqueRegKey key = OpenKey("Interfaces\\" + std::to_string(index), false);
+  DWORD open = 0;
+  ReadDword(key.get(), "CommandSessionOpen", &open);
+  return open != 0;
+}
+
+void SetSessionOpen(int index, bool open) {
+  UniqueRegKey key = OpenKey("Interfaces\\" + std::to_string(index), false);
+  if (!key) return;
+  DWORD opens = 0;
+  DWORD closes = 0;
+  ReadDword(key.get(), "SessionOpens", &opens);
+  ReadDword(key.get(), "SessionCloses", &closes);
+  WriteDword(key.get(), open ? "SessionOpens" : "SessionCloses", (open ? opens : closes) + 1);
+  WriteDword(key.get(), "CommandSessionOpen", open ? 1 : 0);
+}
+
+void SessionCounts(int index, DWORD* opens, DWORD* closes) {
+  UniqueRegKey key = OpenKey("Interfaces\\" + std::to_string(index), false);
+  *opens = 0;
+  *closes = 0;
+  ReadDword(key.get(), "SessionOpens", opens);
+  ReadDword(key.get(), "SessionCloses", closes);
+}
+
+namespace {
+
+bool ReadBinary(HKEY key, const char* name, std::string* out) {
+  DWORD size = 0;
+  DWORD type = 0;
+  if (key == nullptr || ::RegQueryValueExA(key, name, nullptr, &type, nullptr, &size) != ERROR_SUCCESS ||
+      type != REG_BINARY) {
+    return false;
+  }
+  std::string bytes(size, '\0');
+  if (size > 0 && ::RegQueryValueExA(key, name, nullptr, &type, reinterpret_cast<BYTE*>(&bytes[0]),
+                                     &size) != ERROR_SUCCESS) {
+    return false;
+  }
+  bytes.resize(size);
+  *out = bytes;
+  return true;
+}
+
+void WriteBinary(HKEY key, const char* name, const std::string& bytes) {
+  ::RegSetValueExA(key, name, 0, REG_BINARY, reinterpret_cast<const BYTE*>(bytes.data()),
+                   static_cast<DWORD>(bytes.size()));
+}
+
+}  // namespace
+
+std::string NormaliseCommand(const std::string& payload) {
+  size_t begin = 0;
+  size_t end = payload.size();
+  auto blank = [](char c) { return c == '\r' || c == '\n' || c == ' ' || c == '\0'; };
+  while (begin < end && blank(payload[begin])) ++begin;
+  while (end > begin && blank(payload[end - 1])) --end;
+  std::string out = payload.substr(begin, end - begin);
+  for (char& c : out) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return out;
+}
+
+bool ReadReply(const std::string& command, std::string* bytes) {
+  UniqueRegKey key = OpenKey("Replies", false);
+  return ReadBinary(key.get(), NormaliseCommand(command).c_str(), bytes);
+}
+
+void SetReply(const std::string& command, const std::string& bytes) {
+  UniqueRegKey key = OpenKey("Replies", true);
+  const std::string name = NormaliseCommand(command);
+  if (bytes.empty()) {
+    ::RegDeleteValueA(key.get(), name.c_str());
+  } else {
+    WriteBinary(key.get(), name.c_str(), bytes);
+  }
+}
+
+void RecordCommand(const SentCommand& sent) {
+  UniqueRegKey key = OpenKey("", true);
+  DWORD count = 0;
+  ReadDword(key.get(), "LastCommandCount", &count);
+  WriteDword(key.get(), "LastCommandID", sent.command_id);
+  WriteDword(key.get(), "LastCommandType", sent.type);
+  WriteBinary(key.get(), "LastCommand", sent.bytes);
+  WriteDword(key.get(), "LastCommandCount", count + 1);
+}
+
+bool ReadLastCommand(SentCommand* sent) {
+  UniqueRegKey key = OpenKey("", false);
+  DWORD type = VT_EMPTY;
+  if (!ReadBinary(key.get(), "LastCommand", &sent->bytes)) return false;
+  ReadDword(key.get(), "LastCommandID", &sent->command_id);
+  ReadDword(key.get(), "LastCommandType", &type);
+  ReadDword(key.get(), "LastCommandCount", &sent->count);
+  sent->type = static_cast<VARTYPE>(type);
+  return true;
 }
 
 DWORD ReadDelay(const std::string& call) {
@@ -219,6 +325,7 @@ void PublishCounters(DWORD pid, const Counters& c) {
   WriteDword(key.get(), "AdvisedSinks", c.advised_sinks);
   WriteDword(key.get(), "BadReleases", c.bad_releases);
   WriteDword(key.get(), "BadUnadvises", c.bad_unadvises);
+  WriteDword(key.get(), "PendingCompletions", c.pending_completions);
 }
 
 bool ReadCounters(DWORD pid, Counters* c) {
@@ -228,6 +335,7 @@ bool ReadCounters(DWORD pid, Counters* c) {
   ReadDword(key.get(), "AdvisedSinks", &c->advised_sinks);
   ReadDword(key.get(), "BadReleases", &c->bad_releases);
   ReadDword(key.get(), "BadUnadvises", &c->bad_unadvises);
+  ReadDword(key.get(), "PendingCompletions", &c->pending_completions);
   return true;
 }
 
@@ -253,7 +361,12 @@ void Reset() {
   DeleteTree("Interfaces");
   DeleteTree("Inject");
   DeleteTree("Delay");
+  DeleteTree("Replies");
   DeleteTree("Counters");
+  UniqueRegKey root = OpenKey("", true);
+  for (const char* name : {"LastCommand", "LastCommandID", "LastCommandType", "LastCommandCount"}) {
+    ::RegDeleteValueA(root.get(), name);
+  }
   OpenKey("Interfaces", true);
   OpenKey("Events", true);
 }

@@ -11,15 +11,24 @@
 //                            InterfaceID, ReadyState (DWORD), ICCID, SubscriberID,
 //                            HomeProviderID, HomeProviderName, RegisteredProviderID,
 //                            and Inject\<call> for failures of that interface only
+//                            CommandSessionOpen, SessionOpens, SessionCloses
+//                            (the AT device service's command session)
 //     Inject\<call>          a failure of every object: "0x80004005" (an HRESULT
 //                            to return), "null" (succeed, hand out a null pointer),
-//                            for GetInterfaces also "wrongtype" and "nullelement"
+//                            for GetInterfaces also "wrongtype" and "nullelement";
+//                            for a completion (<call>.Complete) "none" (it never
+//                            comes), an HRESULT (its status), "wrongid" (another
+//                            request id), "empty" (no answer bytes)
+//     Replies\<COMMAND>      the answer bytes for an AT command, instead of the
+//                            built-in responder's
+//     LastCommand...         what the last SetCommand carried
 //     Delay\<call>           milliseconds the call takes before it answers
 //     Events                 Seq (DWORD) and E<seq> = "arrival <id>" / "removal <id>"
 //     Counters\<pid>         what each process did wrong or left behind
 #pragma once
 
 #include <windows.h>
+#include <wtypes.h>
 
 #include <string>
 #include <vector>
@@ -40,7 +49,7 @@ struct InterfaceInfo {
 InterfaceInfo DefaultInterface(int n);
 
 struct Injection {
-  enum Kind { kNone, kFail, kNull, kWrongType, kNullElement };
+  enum Kind { kNone, kFail, kNull, kWrongType, kNullElement, kNoCompletion, kWrongId, kEmpty };
   Kind kind = kNone;
   HRESULT hr = S_OK;
 };
@@ -51,6 +60,7 @@ struct Counters {
   DWORD advised_sinks = 0;  // advised and not yet unadvised
   DWORD bad_releases = 0;   // Release on an object whose count was already 0
   DWORD bad_unadvises = 0;  // Unadvise with a cookie this point never gave out
+  DWORD pending_completions = 0;  // queued, not yet delivered
 };
 
 struct Event {
@@ -66,6 +76,28 @@ int FindInterface(const std::string& interface_id, InterfaceInfo* info);
 // The injection for `call` on interface `index` (-1: objects of no interface);
 // an interface's own injection wins over the global one.
 Injection ReadInjection(const std::string& call, int index = -1);
+// The command session of the AT device service of interface `index`.
+bool SessionOpen(int index);
+void SetSessionOpen(int index, bool open);
+// How often sessions were opened and closed on interface `index`.
+void SessionCounts(int index, DWORD* opens, DWORD* closes);
+
+// An AT command as replies are keyed: CR, LF and blanks around it removed,
+// upper case.
+std::string NormaliseCommand(const std::string& payload);
+
+// The scripted answer for an AT command, if one is set.
+bool ReadReply(const std::string& command, std::string* bytes);
+
+struct SentCommand {
+  DWORD command_id = 0;
+  VARTYPE type = VT_EMPTY;  // of the payload array
+  std::string bytes;
+  DWORD count = 0;  // commands sent since the reset
+};
+void RecordCommand(const SentCommand& sent);
+bool ReadLastCommand(SentCommand* sent);
+
 // Milliseconds that `call` is to take (0 when none is set).
 DWORD ReadDelay(const std::string& call);
 DWORD EventSeq();
@@ -73,13 +105,17 @@ bool ReadEvent(DWORD seq, Event* event);
 void PublishCounters(DWORD pid, const Counters& counters);
 
 // -- control (tests, mbnsimctl) ------------------------------------------------
-// Forgets interfaces, injections, delays, counters; keeps the event sequence going.
+// Forgets interfaces, injections, delays, replies, the last command and
+// counters; keeps the event sequence going.
 void Reset();
 void SetInterfaces(const std::vector<InterfaceInfo>& interfaces);
 bool SetField(int index, const std::string& field, const std::string& value);
-// `what`: an HRESULT ("0x8000FFFF"), "null", "wrongtype", "nullelement", or
-// "" to clear.
+// `what`: an HRESULT ("0x8000FFFF"), "null", "wrongtype", "nullelement",
+// "none", "wrongid", "empty", or "" to clear.
 bool Inject(const std::string& call, const std::string& what, int index = -1);
+// Sets the answer bytes for an AT command; empty `bytes` clears it.
+void SetReply(const std::string& command, const std::string& bytes);
+
 // Makes `call` answer `ms` milliseconds late (0 clears).
 void SetDelay(const std::string& call, DWORD ms);
 // Adds an interface at the end and announces its arrival.

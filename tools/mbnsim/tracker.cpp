@@ -24,6 +24,8 @@ void Tracker::BadRelease() { Update([](Counters& c) { ++c.bad_releases; }); }
 void Tracker::SinkAdvised() { Update([](Counters& c) { ++c.advised_sinks; }); }
 void Tracker::SinkUnadvised() { Update([](Counters& c) { --c.advised_sinks; }); }
 void Tracker::BadUnadvise() { Update([](Counters& c) { ++c.bad_unadvises; }); }
+void Tracker::JobQueued() { Update([](Counters& c) { ++c.pending_completions; }); }
+void Tracker::JobDone() { Update([](Counters& c) { --c.pending_completions; }); }
 
 Counters Tracker::Snapshot() {
   std::lock_guard<std::mutex> lock(g_mutex);

@@ -20,6 +20,9 @@ class Tracker {
   static void SinkAdvised();
   static void SinkUnadvised();
   static void BadUnadvise();
+  // Completions queued and not yet delivered.
+  static void JobQueued();
+  static void JobDone();
   static Counters Snapshot();
 };
 

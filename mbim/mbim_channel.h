@@ -1,0 +1,97 @@
+// CMbimChannel: the AT command channel to the module over the MBIM vendor device
+// service "{ffffffff-abca-4b11-a4e2-f2fc87f94488}".
+//
+// Construction creates the interface manager and the device services manager
+// and advises the sink (InitMbn); each exchange looks up the first interface,
+// its services context and the device service afresh and releases them at the
+// end; destruction unadvises and releases everything (UninitMbn).
+//
+// Threads: construct, exchange and destroy on one thread of the multithreaded
+// apartment (the constructor enters it, the destructor leaves it); completions
+// arrive on COM's threads.
+//
+//   CMbimChannel channel;
+//   if (channel.IsInterfaceReady()) {
+//     std::string text, hex;
+//     if (channel.ExchangeCommand("AT\r\n", text, hex) == 0) { ...text... }
+//   }
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+#include "mbim/services_events.h"
+#include "util/com_ptr.h"
+#include "util/mbnapi.h"
+
+namespace dorvane {
+
+inline constexpr char kAtDeviceServiceId[] = "{ffffffff-abca-4b11-a4e2-f2fc87f94488}";
+
+// Appends each byte as "%02X" and a blank, the byte widened as a signed char, so
+// that 0x80..0xFF come out as FFFFFF80..FFFFFFFF: tools that parse the hex form
+// expect those eight digits.
+void AppendAnswerHex(const unsigned char* bytes, size_t count, std::string& hex);
+
+class CMbimChannel {
+ public:
+  // Runs InitMbn; a channel whose initialisation failed is still a channel,
+  // only IsInterfaceReady tells that it is unusable. `wait_ms` bounds each wait
+  // for a completion.
+  explicit CMbimChannel(DWORD wait_ms = 5000);
+  ~CMbimChannel();
+  CMbimChannel(const CMbimChannel&) = delete;
+  CMbimChannel& operator=(const CMbimChannel&) = delete;
+
+  HRESULT InitMbn();
+  // True when the first interface of the manager can be taken.
+  bool IsInterfaceReady();
+  // Takes the interface at the array's lower bound into the interface member.
+  HRESULT GetInterface();
+  // Takes the interface, its services context and the AT device service.
+  HRESULT GetService();
+  HRESULT AdviseEvent(DWORD* cookie, IUnknown* sink, REFIID iid);
+  HRESULT UnadviseEvent(DWORD cookie);
+  void UninitMbn();
+
+  // Sends `command` (already framed) in a command session and collects the
+  // answer. 0 on success; `answer_text` is assigned, `answer_hex` appended to.
+  DWORD ExchangeCommand(const std::string& command, std::string& answer_text,
+                        std::string& answer_hex);
+  // The command as a byte array (no terminator); appends its pending entry.
+  SAFEARRAY* StrToSafeArray(const std::string& command);
+
+  const std::vector<PendingCommand>& pending() const { return pending_; }
+
+ private:
+  void ReleaseService();
+  // Looks up the service, opens a session unless one is open, sends and waits;
+  // returns the running result of those steps.
+  HRESULT SendInSession(const std::string& command, std::string& answer_text,
+                        std::string& answer_hex);
+  // Closes a session this exchange opened; waits for the close only after a
+  // failure. Returns the exchange's result.
+  HRESULT CloseSession(HRESULT hr);
+  void CollectAnswer(ULONG request_id, std::string& answer_text, std::string& answer_hex);
+
+  ComPtr<IMbnInterfaceManager> interface_manager_;
+  ComPtr<IMbnDeviceServicesManager> services_manager_;
+  ComPtr<CrMbimServicesEvents> sink_;
+  ComPtr<IMbnInterface> interface_;
+  ComPtr<IMbnDeviceService> device_service_;
+  ComPtr<IMbnDeviceServicesContext> services_context_;
+  ComPtr<IConnectionPoint> connection_point_;
+  ComPtr<IConnectionPointContainer> container_;
+  DWORD cookie_ = 0;
+  DWORD session_open_ = 0;
+  const DWORD command_id_ = 1;
+  const std::string device_service_id_ = kAtDeviceServiceId;
+  std::string text_a_;
+  std::string text_b_;  // the sink keeps a pointer to it
+  std::vector<PendingCommand> pending_;
+  DWORD wait_ms_;
+};
+
+}  // namespace dorvane

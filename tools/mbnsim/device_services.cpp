@@ -1,0 +1,254 @@
+#include "tools/mbnsim/device_services.h"
+
+#include <objbase.h>
+#include <olectl.h>
+
+#include <atomic>
+#include <cstring>
+
+#include "tools/mbnsim/at_responder.h"
+#include "util/com_ptr.h"
+
+namespace mbnsim {
+
+namespace {
+
+std::atomic<ULONG> g_next_request{1};
+
+bool SameText(const std::string& a, const std::string& b) {
+  return a.size() == b.size() && ::CompareStringA(LOCALE_INVARIANT, NORM_IGNORECASE, a.c_str(),
+                                                  static_cast<int>(a.size()), b.c_str(),
+                                                  static_cast<int>(b.size())) == CSTR_EQUAL;
+}
+
+// The payload bytes of a one-dimensional byte array; false when it is not one.
+bool PayloadBytes(SAFEARRAY* data, VARTYPE* type, std::string* bytes) {
+  *type = VT_EMPTY;
+  if (data == nullptr || FAILED(::SafeArrayGetVartype(data, type)) || *type != VT_UI1 ||
+      ::SafeArrayGetDim(data) != 1) {
+    return false;
+  }
+  LONG lower = 0;
+  LONG upper = -1;
+  ::SafeArrayGetLBound(data, 1, &lower);
+  ::SafeArrayGetUBound(data, 1, &upper);
+  void* raw = nullptr;
+  if (FAILED(::SafeArrayAccessData(data, &raw))) return false;
+  bytes->assign(static_cast<const char*>(raw), upper >= lower ? upper - lower + 1 : 0);
+  ::SafeArrayUnaccessData(data);
+  return true;
+}
+
+SAFEARRAY* ByteArray(const std::string& bytes) {
+  SAFEARRAY* array = ::SafeArrayCreateVector(VT_UI1, 0, static_cast<ULONG>(bytes.size()));
+  if (array == nullptr || bytes.empty()) return array;
+  void* raw = nullptr;
+  if (SUCCEEDED(::SafeArrayAccessData(array, &raw))) {
+    std::memcpy(raw, bytes.data(), bytes.size());
+    ::SafeArrayUnaccessData(array);
+  }
+  return array;
+}
+
+}  // namespace
+
+// -- SimDeviceService ---------------------------------------------------------------
+
+HRESULT STDMETHODCALLTYPE SimDeviceService::QueryInterface(REFIID riid, void** ppv) {
+  return QueryOne<IMbnDeviceService>(this, IID_IMbnDeviceService, riid, ppv);
+}
+
+void SimDeviceService::Complete(Kind kind, const char* call, ULONG request_id, ULONG response_id,
+                                HRESULT status, std::string answer) {
+  const Injection inj = ReadInjection(call, FindInterface(id_, nullptr));
+  if (inj.kind == Injection::kNoCompletion) return;
+  if (inj.kind == Injection::kFail) status = inj.hr;
+  if (inj.kind == Injection::kWrongId) request_id += 1000;
+  if (inj.kind == Injection::kEmpty) answer.clear();
+  ComPtr<SimDeviceService> self(this);
+  Tracker::JobQueued();
+  EventHub::Get().Post([self, kind, request_id, response_id, status, answer] {
+    dorvane::ScopedSafeArray data(kind == Kind::kSet ? ByteArray(answer) : nullptr);
+    for (auto& target : EventHub::Get().Sinks(IID_IMbnDeviceServicesEvents)) {
+      auto* sink = static_cast<IMbnDeviceServicesEvents*>(target.get());
+      switch (kind) {
+        case Kind::kOpen:
+          sink->OnOpenCommandSessionComplete(self.get(), status, request_id);
+          break;
+        case Kind::kClose:
+          sink->OnCloseCommandSessionComplete(self.get(), status, request_id);
+          break;
+        case Kind::kSet:
+          sink->OnSetCommandComplete(self.get(), response_id, data.get(), status, request_id);
+          break;
+      }
+    }
+    Tracker::JobDone();
+  });
+}
+
+HRESULT STDMETHODCALLTYPE SimDeviceService::OpenCommandSession(ULONG* request_id) {
+  if (request_id == nullptr) return E_POINTER;
+  const int index = FindInterface(id_, nullptr);
+  if (index < 0) return kInterfaceGone;
+  HRESULT hr = Injected("OpenCommandSession", index, nullptr);
+  if (hr != S_OK) return hr;
+  *request_id = g_next_request++;
+  SetSessionOpen(index, true);
+  Complete(Kind::kOpen, "OpenCommandSession.Complete", *request_id, 0, S_OK, std::string());
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE SimDeviceService::CloseCommandSession(ULONG* request_id) {
+  if (request_id == nullptr) return E_POINTER;
+  const int index = FindInterface(id_, nullptr);
+  if (index < 0) return kInterfaceGone;
+  HRESULT hr = Injected("CloseCommandSession", index, nullptr);
+  if (hr != S_OK) return hr;
+  *request_id = g_next_request++;
+  SetSessionOpen(index, false);
+  Complete(Kind::kClose, "CloseCommandSession.Complete", *request_id, 0, S_OK, std::string());
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE SimDeviceService::SetCommand(ULONG command_id, SAFEARRAY* data,
+                                                       ULONG* request_id) {
+  if (request_id == nullptr) return E_POINTER;
+  InterfaceInfo info;
+  const int index = FindInterface(id_, &info);
+  if (index < 0) return kInterfaceGone;
+  HRESULT hr = Injected("SetCommand", index, nullptr);
+  if (hr != S_OK) return hr;
+  SentCommand sent;
+  sent.command_id = command_id;
+  const bool bytes_ok = PayloadBytes(data, &sent.type, &sent.bytes);
+  RecordCommand(sent);
+  if (!bytes_ok) return E_INVALIDARG;
+  *request_id = g_next_request++;
+  // Command 1 of this service is the AT tunnel; the module knows no other.
+  const bool at = command_id == 1;
+  Complete(Kind::kSet, "SetCommand.Complete", *request_id, command_id,
+           at ? S_OK : E_INVALIDARG, at ? Respond(sent.bytes, info) : std::string());
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE SimDeviceService::get_InterfaceID(BSTR* id) {
+  if (id == nullptr) return E_POINTER;
+  *id = NewBstr(id_);
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE SimDeviceService::get_DeviceServiceID(BSTR* id) {
+  if (id == nullptr) return E_POINTER;
+  *id = NewBstr(kAtDeviceServiceId);
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE SimDeviceService::get_IsCommandSessionOpen(BOOL* open) {
+  if (open == nullptr) return E_POINTER;
+  const int index = FindInterface(id_, nullptr);
+  if (index < 0) return kInterfaceGone;
+  HRESULT hr = Injected("get_IsCommandSessionOpen", index, nullptr);
+  if (hr != S_OK) return hr;
+  *open = SessionOpen(index) ? TRUE : FALSE;
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE SimDeviceService::get_IsDataSessionOpen(BOOL* open) {
+  if (open == nullptr) return E_POINTER;
+  *open = FALSE;
+  return S_OK;
+}
+
+// -- SimDeviceServicesContext ---------------------------------------------------------
+
+HRESULT STDMETHODCALLTYPE SimDeviceServicesContext::QueryInterface(REFIID riid, void** ppv) {
+  return QueryOne<IMbnDeviceServicesContext>(this, IID_IMbnDeviceServicesContext, riid, ppv);
+}
+
+HRESULT STDMETHODCALLTYPE SimDeviceServicesContext::GetDeviceService(BSTR service_id,
+                                                                     IMbnDeviceService** out) {
+  if (out == nullptr) return E_POINTER;
+  *out = nullptr;
+  const int index = FindInterface(id_, nullptr);
+  if (index < 0) return kInterfaceGone;
+  bool null_out = false;
+  HRESULT hr = Injected("GetDeviceService", index, &null_out);
+  if (hr != S_OK || null_out) return hr;
+  if (service_id == nullptr || !SameText(WideToAnsi(service_id), kAtDeviceServiceId)) {
+    return E_INVALIDARG;
+  }
+  *out = new SimDeviceService(id_);
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE SimDeviceServicesContext::get_MaxCommandSize(ULONG* size) {
+  if (size == nullptr) return E_POINTER;
+  *size = 4096;
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE SimDeviceServicesContext::get_MaxDataSize(ULONG* size) {
+  if (size == nullptr) return E_POINTER;
+  *size = 4096;
+  return S_OK;
+}
+
+// -- SimDeviceServicesManager ---------------------------------------------------------
+
+HRESULT STDMETHODCALLTYPE SimDeviceServicesManager::QueryInterface(REFIID riid, void** ppv) {
+  if (ppv == nullptr) return E_POINTER;
+  *ppv = nullptr;
+  if (IsEqualGUID(riid, IID_IUnknown) || IsEqualGUID(riid, IID_IMbnDeviceServicesManager)) {
+    *ppv = static_cast<IMbnDeviceServicesManager*>(this);
+  } else if (IsEqualGUID(riid, IID_IConnectionPointContainer)) {
+    bool null_out = false;
+    HRESULT hr = Injected("DeviceServices.QueryInterface.IConnectionPointContainer", -1, &null_out);
+    if (FAILED(hr)) return hr;
+    if (null_out) return S_OK;
+    *ppv = static_cast<IConnectionPointContainer*>(this);
+  } else {
+    return E_NOINTERFACE;
+  }
+  AddRef();
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE SimDeviceServicesManager::GetDeviceServicesContext(
+    BSTR interface_id, IMbnDeviceServicesContext** out) {
+  if (out == nullptr) return E_POINTER;
+  *out = nullptr;
+  bool null_out = false;
+  HRESULT hr = Injected("GetDeviceServicesContext", -1, &null_out);
+  if (hr != S_OK || null_out) return hr;
+  const std::string id = WideToAnsi(interface_id);
+  if (FindInterface(id, nullptr) < 0) return E_INVALIDARG;
+  *out = new SimDeviceServicesContext(id);
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE SimDeviceServicesManager::FindConnectionPoint(REFIID riid,
+                                                                        IConnectionPoint** out) {
+  if (out == nullptr) return E_POINTER;
+  *out = nullptr;
+  bool null_out = false;
+  HRESULT hr = Injected("DeviceServices.FindConnectionPoint", -1, &null_out);
+  if (FAILED(hr) || null_out) return hr;
+  if (!IsEqualGUID(riid, IID_IMbnDeviceServicesEvents)) return CONNECT_E_NOCONNECTION;
+  *out = new SimConnectionPoint(this, IID_IMbnDeviceServicesEvents, "DeviceServices.");
+  return S_OK;
+}
+
+HRESULT CreateDeviceServicesManager(REFIID riid, void** ppv) {
+  if (ppv == nullptr) return E_POINTER;
+  *ppv = nullptr;
+  bool null_out = false;
+  HRESULT hr = Injected("DeviceServices.CreateInstance", -1, &null_out);
+  if (FAILED(hr) || null_out) return hr;
+  EventHub::Get().Start();
+  ComPtr<SimDeviceServicesManager> manager;
+  manager.attach(new SimDeviceServicesManager());
+  return manager->QueryInterface(riid, ppv);
+}
+
+}  // namespace mbnsim

@@ -1,0 +1,89 @@
+// The simulated device services: the manager (with its connection point for
+// IMbnDeviceServicesEvents), the per-interface context, and the AT command
+// device service "{ffffffff-abca-4b11-a4e2-f2fc87f94488}".
+//
+// Every request is answered later, on the simulator's thread, after the call
+// that started it has returned, with the request id that call handed out; the
+// AT commands are answered by the responder. Session state is kept in the
+// scenario, so a session opened by one client is open for the next.
+#pragma once
+
+#include "tools/mbnsim/interface_manager.h"
+
+namespace mbnsim {
+
+inline constexpr char kAtDeviceServiceId[] = "{ffffffff-abca-4b11-a4e2-f2fc87f94488}";
+
+class SimDeviceService : public IMbnDeviceService {
+ public:
+  explicit SimDeviceService(std::string interface_id) : id_(std::move(interface_id)) {}
+
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
+  ULONG STDMETHODCALLTYPE AddRef() override { return refs_.AddRef(); }
+  ULONG STDMETHODCALLTYPE Release() override { return refs_.Release(); }
+
+  HRESULT STDMETHODCALLTYPE QuerySupportedCommands(ULONG*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE OpenCommandSession(ULONG* request_id) override;
+  HRESULT STDMETHODCALLTYPE CloseCommandSession(ULONG* request_id) override;
+  HRESULT STDMETHODCALLTYPE SetCommand(ULONG command_id, SAFEARRAY* data, ULONG* request_id) override;
+  HRESULT STDMETHODCALLTYPE QueryCommand(ULONG, SAFEARRAY*, ULONG*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE OpenDataSession(ULONG*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE CloseDataSession(ULONG*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE WriteData(SAFEARRAY*, ULONG*) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE get_InterfaceID(BSTR* id) override;
+  HRESULT STDMETHODCALLTYPE get_DeviceServiceID(BSTR* id) override;
+  HRESULT STDMETHODCALLTYPE get_IsCommandSessionOpen(BOOL* open) override;
+  HRESULT STDMETHODCALLTYPE get_IsDataSessionOpen(BOOL* open) override;
+
+ private:
+  enum class Kind { kOpen, kClose, kSet };
+  // Queues the completion of request `request_id` as `call`.Complete says.
+  void Complete(Kind kind, const char* call, ULONG request_id, ULONG response_id,
+                HRESULT status, std::string answer);
+
+  std::string id_;
+  RefCount refs_;
+};
+
+class SimDeviceServicesContext : public IMbnDeviceServicesContext {
+ public:
+  explicit SimDeviceServicesContext(std::string interface_id) : id_(std::move(interface_id)) {}
+
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
+  ULONG STDMETHODCALLTYPE AddRef() override { return refs_.AddRef(); }
+  ULONG STDMETHODCALLTYPE Release() override { return refs_.Release(); }
+
+  HRESULT STDMETHODCALLTYPE EnumerateDeviceServices(SAFEARRAY**) override { return E_NOTIMPL; }
+  HRESULT STDMETHODCALLTYPE GetDeviceService(BSTR service_id, IMbnDeviceService** out) override;
+  HRESULT STDMETHODCALLTYPE get_MaxCommandSize(ULONG* size) override;
+  HRESULT STDMETHODCALLTYPE get_MaxDataSize(ULONG* size) override;
+
+ private:
+  std::string id_;
+  RefCount refs_;
+};
+
+class SimDeviceServicesManager : public IMbnDeviceServicesManager,
+                                 public IConnectionPointContainer {
+ public:
+  SimDeviceServicesManager() = default;
+
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
+  ULONG STDMETHODCALLTYPE AddRef() override { return refs_.AddRef(); }
+  ULONG STDMETHODCALLTYPE Release() override { return refs_.Release(); }
+
+  HRESULT STDMETHODCALLTYPE GetDeviceServicesContext(BSTR interface_id,
+                                                     IMbnDeviceServicesContext** out) override;
+  HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints**) override {
+    return E_NOTIMPL;
+  }
+  HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID riid, IConnectionPoint** out) override;
+
+ private:
+  RefCount refs_;
+};
+
+// The class factory's work: a new device services manager, or the injected failure.
+HRESULT CreateDeviceServicesManager(REFIID riid, void** ppv);
+
+}  // namespace mbnsim
