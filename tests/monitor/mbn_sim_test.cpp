@@ -22,46 +22,7 @@ using testing::ReadLog;
 const char kSimFail[] = "[error][CStateWork::GetSimInfo] Get mbim interface fail.";
 const char kHomeLine[] = "[CStateWork::GetSimInfo] GetHomeProvider str_mccmnc is ";
 
-class SimTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_TRUE(SUCCEEDED(::CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
-    ASSERT_TRUE(testing::RegisterSimulator());
-    UseInterfaces(1);
-    path_ = testing::MakeTempDir("sim") + "\\Dorvane.log";
-    Logger::GetInstance()->Close();
-    Logger::GetInstance()->SetLogPath(path_);
-    Logger::GetInstance()->Enable(true);
-  }
-
-  void UseInterfaces(int n) {
-    mbnsim::Reset();
-    std::vector<mbnsim::InterfaceInfo> all;
-    for (int i = 0; i < n; ++i) all.push_back(mbnsim::DefaultInterface(i));
-    mbnsim::SetInterfaces(all);
-  }
-  std::vector<std::string> messages() const { return Messages(ReadLog(path_)); }
-  void ClearLog() {
-    Logger::GetInstance()->Close();
-    ::DeleteFileA(path_.c_str());
-  }
-  mbnsim::Counters counters() const {
-    mbnsim::Counters c;
-    mbnsim::ReadCounters(::GetCurrentProcessId(), &c);
-    return c;
-  }
-  // Every object handed out is released, no sink stays advised, nothing was
-  // released twice or unadvised with a wrong cookie.
-  void ExpectNothingLeft() {
-    const mbnsim::Counters c = counters();
-    EXPECT_EQ(0u, c.live_objects);
-    EXPECT_EQ(0u, c.advised_sinks);
-    EXPECT_EQ(0u, c.bad_releases);
-    EXPECT_EQ(0u, c.bad_unadvises);
-  }
-
-  std::string path_;
-};
+using SimTest = testing::SimFixture;
 
 TEST_F(SimTest, AttachedSinkHearsArrivalAndRemovalAndDetachLeavesNothing) {
   CStateWork* worker = CStateWork::GetInstance();

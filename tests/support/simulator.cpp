@@ -33,3 +33,57 @@ bool RegisterSimulator() { return CallServer("DllRegisterServer"); }
 bool UnregisterSimulator() { return CallServer("DllUnregisterServer"); }
 
 }  // namespace dorvane::testing
+
+#include <objbase.h>
+
+#include "log/logger.h"
+#include "support/log_reader.h"
+
+namespace dorvane::testing {
+
+void SimFixture::SetUp() {
+  ASSERT_TRUE(SUCCEEDED(::CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
+  ASSERT_TRUE(RegisterSimulator());
+  UseInterfaces(1);
+  path_ = MakeTempDir("sim") + "\\Dorvane.log";
+  Logger::GetInstance()->Close();
+  Logger::GetInstance()->SetLogPath(path_);
+  Logger::GetInstance()->Enable(true);
+}
+
+void SimFixture::UseInterfaces(int n) {
+  mbnsim::Reset();
+  std::vector<mbnsim::InterfaceInfo> all;
+  for (int i = 0; i < n; ++i) all.push_back(mbnsim::DefaultInterface(i));
+  mbnsim::SetInterfaces(all);
+}
+
+std::vector<std::string> SimFixture::messages() const { return Messages(ReadLog(path_)); }
+
+void SimFixture::ClearLog() {
+  Logger::GetInstance()->Close();
+  ::DeleteFileA(path_.c_str());
+}
+
+mbnsim::Counters SimFixture::counters() const {
+  mbnsim::Counters c;
+  mbnsim::ReadCounters(::GetCurrentProcessId(), &c);
+  return c;
+}
+
+void SimFixture::WaitIdle() {
+  const DWORD start = ::GetTickCount();
+  while (counters().pending_completions != 0 && ::GetTickCount() - start < 10000) ::Sleep(10);
+  EXPECT_EQ(0u, counters().pending_completions);
+}
+
+void SimFixture::ExpectNothingLeft() {
+  WaitIdle();
+  const mbnsim::Counters c = counters();
+  EXPECT_EQ(0u, c.live_objects);
+  EXPECT_EQ(0u, c.advised_sinks);
+  EXPECT_EQ(0u, c.bad_releases);
+  EXPECT_EQ(0u, c.bad_unadvises);
+}
+
+}  // namespace dorvane::testing

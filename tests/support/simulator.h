@@ -1,6 +1,14 @@
 // Registering the Mobile Broadband simulator that the build puts beside the
-// tests, or taking it away for tests of a machine without the stack.
+// tests, or taking it away for tests of a machine without the stack; and a
+// fixture for tests that run against it in this process.
 #pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tools/mbnsim/scenario.h"
 
 namespace dorvane::testing {
 
@@ -10,5 +18,26 @@ bool RegisterSimulator();
 // Runs the simulator's DllUnregisterServer: CoCreateInstance of the Mobile
 // Broadband classes fails again, as on a machine without the stack.
 bool UnregisterSimulator();
+
+// The simulator registered with a fresh scenario of one interface, this thread
+// in the multithreaded apartment, and the process's log in a new file.
+class SimFixture : public ::testing::Test {
+ protected:
+  void SetUp() override;
+
+  // A fresh scenario with `n` default interfaces.
+  void UseInterfaces(int n);
+  std::vector<std::string> messages() const;
+  // Empties the log (the next write starts it again with a banner).
+  void ClearLog();
+  mbnsim::Counters counters() const;
+  // Waits until the simulator has delivered every queued completion.
+  void WaitIdle();
+  // Every object handed out is released, no sink stays advised, nothing was
+  // released twice or unadvised with a wrong cookie.
+  void ExpectNothingLeft();
+
+  std::string path_;
+};
 
 }  // namespace dorvane::testing

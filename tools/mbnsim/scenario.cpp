@@ -16,16 +16,23 @@ const char kRoot[] = "SOFTWARE\\Dorvane\\MbnSim";
 
 std::string Sub(const std::string& path) { return path.empty() ? kRoot : std::string(kRoot) + "\\" + path; }
 
-UniqueRegKey OpenKey(const std::string& path, bool create) {
+enum class Access { kRead, kWrite, kCreate };
+
+UniqueRegKey OpenKey(const std::string& path, Access access) {
   UniqueRegKey key;
   const std::string full = Sub(path);
-  if (create) {
+  if (access == Access::kCreate) {
     ::RegCreateKeyExA(HKEY_LOCAL_MACHINE, full.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
                       key.put(), nullptr);
   } else {
-    ::RegOpenKeyExA(HKEY_LOCAL_MACHINE, full.c_str(), 0, KEY_READ, key.put());
+    ::RegOpenKeyExA(HKEY_LOCAL_MACHINE, full.c_str(), 0,
+                    access == Access::kRead ? KEY_READ : KEY_READ | KEY_WRITE, key.put());
   }
   return key;
+}
+
+UniqueRegKey OpenKey(const std::string& path, bool create) {
+  return OpenKey(path, create ? Access::kCreate : Access::kRead);
 }
 
 std::string ReadString(HKEY key, const char* name) {
@@ -193,7 +200,7 @@ bool SessionOpen(int index) {
 }
 
 void SetSessionOpen(int index, bool open) {
-  UniqueRegKey key = OpenKey("Interfaces\\" + std::to_string(index), false);
+  UniqueRegKey key = OpenKey("Interfaces\\" + std::to_string(index), Access::kWrite);
   if (!key) return;
   DWORD opens = 0;
   DWORD closes = 0;
