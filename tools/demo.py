@@ -1,12 +1,14 @@
 """The service end to end under Wine: install, start, poke, stop, show the log.
 
     demo.py --exe build/dorvane.exe --mbnsim-dir build/tools/mbnsim \
+            --dorvanectl build/tools/dorvanectl/dorvanectl.exe \
             --prefix build/wine/demo --base build/wine/base
 
 Makes a fresh prefix (a copy of the base prefix), registers the Mobile
 Broadband simulator with one modem, installs dorvane.exe with `sc create` and
-starts it; while it runs, the modem leaves and comes back and a value is written
-under the service's registry key; then the service is stopped and its log printed.
+starts it; while it runs, the modem leaves and comes back, dorvanectl sends two
+AT commands to it, and a value is written under the service's registry key;
+then the service is stopped and its log printed.
 """
 import argparse
 import os
@@ -41,6 +43,7 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--exe", required=True)
     parser.add_argument("--mbnsim-dir", required=True)
+    parser.add_argument("--dorvanectl", required=True)
     parser.add_argument("--prefix", required=True)
     parser.add_argument("--base", required=True)
     args = parser.parse_args()
@@ -68,6 +71,15 @@ def main():
         box.simctl("arrive")
         wait_for_log(box, lambda m: m.endswith(ARRIVAL), "the arrival")
 
+        ctl = box.put_file(os.path.abspath(args.dorvanectl), winebox.INSTALL_DIR)
+        for command in ("AT+CGMI", "AT+CIMI"):
+            say('dorvanectl at "%s"' % command)
+            answer = box.run([ctl, "at", command])
+            for line in answer.stdout.replace("\r", "").splitlines():
+                if line:
+                    say("  " + line)
+            say("  (exit status %d)" % answer.returncode)
+
         say(r"reg add %s /v DemoValue /t REG_DWORD /d 1" % winebox.SERVICE_KEY)
         box.reg_add(winebox.SERVICE_KEY, "DemoValue", 1, "REG_DWORD")
         wait_for_log(box, lambda m: REGISTER in m, "the registry change")
@@ -77,7 +89,9 @@ def main():
         state, code = box.wait_state(STOPPED)
         say("state: STOPPED, exit code %d" % code)
         wait_for_log(box, lambda m: m.startswith(STOP_DONE), "the stop work")
-        say("simulator's counters after the stop: " + box.simctl("counters").strip())
+        say("simulator's counters after the stop (one line per process that used it):")
+        for line in box.simctl("counters").strip().splitlines():
+            say("  " + line)
 
         log = box.read_log()
         say("the service's log, %s:" % winebox.LOG_PATH)

@@ -8,6 +8,7 @@ query fail with their logged texts and the service keeps running.
     test_service.py --exe dorvane.exe --lumarix lumarix_stub.exe --work DIR --base PREFIX
 """
 import argparse
+import json
 import os
 import sys
 import time
@@ -176,7 +177,7 @@ SEPARATOR = ("\n\n------------------------[[CStateWork::Work] OnInterfaceArrival
 NO_INTERFACE = "[error][CStateWork::GetSimInfo] Get mbim interface fail."
 
 
-class WithModem(ServiceCase):
+class ModemCase(ServiceCase):
     """The simulator registered in the prefix stands in for the modem's stack."""
 
     def setUp(self):
@@ -193,7 +194,10 @@ class WithModem(ServiceCase):
         self.assertTrue(counters, "the service never used the simulator")
         for pid, c in counters.items():
             self.assertEqual({"LiveObjects": 0, "AdvisedSinks": 0, "BadReleases": 0,
-                              "BadUnadvises": 0}, c, "process %d" % pid)
+                              "BadUnadvises": 0, "PendingCompletions": 0}, c, "process %d" % pid)
+
+
+class WithModem(ModemCase):
 
     def test_one_interface_is_read_and_the_sink_attaches(self):
         self.box.simctl("reset", 1)
@@ -276,6 +280,48 @@ class WithModem(ServiceCase):
         self.assertNothingLeft()
 
 
+class AtTool(ModemCase):
+    """dorvanectl at: the AT command line against the simulated module."""
+
+    def ctl(self, *args):
+        if not hasattr(self, "_ctl"):
+            self._ctl = self.box.put_file(ARGS.dorvanectl, winebox.INSTALL_DIR)
+        return self.box.run([self._ctl] + list(args))
+
+    def test_answers_exit_status_and_json(self):
+        self.box.simctl("reset", 1)
+        result = self.ctl("at", "AT+CGMI")
+        self.assertEqual(0, result.returncode, result.stderr)
+        self.assertEqual("\nDorvaneLabs\n\nOK\n", result.stdout, "blanks are removed")
+        self.assertEqual("id=1 type=17 count=1 bytes=41542B43474D490D0A", self.box.simctl("last").strip(),
+                         "command id 1, VT_UI1 bytes, CR LF, no terminator")
+
+        result = self.ctl("--json", "at", "AT+CIMI", "--hex")
+        self.assertEqual(0, result.returncode, result.stderr)
+        answer = json.loads(result.stdout)
+        self.assertTrue(answer["result"])
+        self.assertEqual("\r\n310260123456789\r\n\r\nOK\r\n", answer["output"])
+        self.assertTrue(answer["hex"].startswith("0D 0A 33 31 30 "))
+
+        self.box.simctl("reply", "AT+CME", "\\r\\n+CME ERROR: 10\\r\\n")
+        log = r"C:\ctl\dorvanectl.log"
+        result = self.ctl("--log", log, "at", "AT+CME")
+        self.assertEqual(1, result.returncode)
+        self.assertIn("no good answer", result.stderr)
+        with open(self.box.unix_path(log), "rb") as f:
+            msgs = winebox.messages(winebox.parse_log(f.read()))
+        self.assertIn("Send Error result:", msgs)
+        self.assertEqual("CoUninitialize", msgs[-1], "the channel is freed")
+
+        self.assertEqual(2, self.ctl("at").returncode)
+        self.assertEqual(2, self.ctl("frobnicate").returncode)
+        self.box.simctl("reset", 0)
+        result = self.ctl("at", "AT")
+        self.assertEqual(3, result.returncode)
+        self.assertIn("no WWAN modem found", result.stderr)
+        self.assertNothingLeft()
+
+
 class Faults(ServiceCase):
     def test_unwritable_log_folder_stalls_the_service_without_a_crash(self):
         # A file where the log folder should be: the log cannot be opened, and the
@@ -299,12 +345,14 @@ def main():
     parser.add_argument("--exe", required=True)
     parser.add_argument("--lumarix", required=True)
     parser.add_argument("--mbnsim-dir", required=True, help="where mbnsim.dll and mbnsimctl.exe are")
+    parser.add_argument("--dorvanectl", required=True)
     parser.add_argument("--work", required=True, help="folder for the tests' prefixes")
     parser.add_argument("--base", required=True, help="base prefix, made if missing")
     ARGS, rest = parser.parse_known_args()
     ARGS.exe = os.path.abspath(ARGS.exe)
     ARGS.lumarix = os.path.abspath(ARGS.lumarix)
     ARGS.mbnsim_dir = os.path.abspath(ARGS.mbnsim_dir)
+    ARGS.dorvanectl = os.path.abspath(ARGS.dorvanectl)
     ARGS.work = os.path.abspath(ARGS.work)
     ARGS.base = os.path.abspath(ARGS.base)
     os.makedirs(ARGS.work, exist_ok=True)

@@ -50,6 +50,20 @@ SAFEARRAY* ByteArray(const std::string& bytes) {
   return array;
 }
 
+// Waits until the starting call has returned, then about 50 microseconds more.
+void WaitForCaller(const std::atomic<bool>& returned) {
+  while (!returned.load()) ::SwitchToThread();
+  LARGE_INTEGER freq;
+  LARGE_INTEGER start;
+  LARGE_INTEGER now;
+  ::QueryPerformanceFrequency(&freq);
+  ::QueryPerformanceCounter(&start);
+  do {
+    ::SwitchToThread();
+    ::QueryPerformanceCounter(&now);
+  } while ((now.QuadPart - start.QuadPart) * 20000 < freq.QuadPart);
+}
+
 }  // namespace
 
 // -- SimDeviceService ---------------------------------------------------------------
@@ -58,8 +72,9 @@ HRESULT STDMETHODCALLTYPE SimDeviceService::QueryInterface(REFIID riid, void** p
   return QueryOne<IMbnDeviceService>(this, IID_IMbnDeviceService, riid, ppv);
 }
 
-void SimDeviceService::Complete(Kind kind, const char* call, ULONG request_id, ULONG response_id,
-                                HRESULT status, std::string answer) {
+void SimDeviceService::Complete(const CallGuard& guard, Kind kind, const char* call,
+                                ULONG request_id, ULONG response_id, HRESULT status,
+                                std::string answer) {
   const Injection inj = ReadInjection(call, FindInterface(id_, nullptr));
   if (inj.kind == Injection::kNoCompletion) return;
   if (inj.kind == Injection::kFail) status = inj.hr;
@@ -67,7 +82,9 @@ void SimDeviceService::Complete(Kind kind, const char* call, ULONG request_id, U
   if (inj.kind == Injection::kEmpty) answer.clear();
   ComPtr<SimDeviceService> self(this);
   Tracker::JobQueued();
-  EventHub::Get().Post([self, kind, request_id, response_id, status, answer] {
+  EventHub::Get().Post([self, kind, request_id, response_id, status, answer,
+                        returned = guard.token()] {
+    WaitForCaller(*returned);
     dorvane::ScopedSafeArray data(kind == Kind::kSet ? ByteArray(answer) : nullptr);
     for (auto& target : EventHub::Get().Sinks(IID_IMbnDeviceServicesEvents)) {
       auto* sink = static_cast<IMbnDeviceServicesEvents*>(target.get());
@@ -88,6 +105,7 @@ void SimDeviceService::Complete(Kind kind, const char* call, ULONG request_id, U
 }
 
 HRESULT STDMETHODCALLTYPE SimDeviceService::OpenCommandSession(ULONG* request_id) {
+  CallGuard guard;
   if (request_id == nullptr) return E_POINTER;
   const int index = FindInterface(id_, nullptr);
   if (index < 0) return kInterfaceGone;
@@ -95,11 +113,12 @@ HRESULT STDMETHODCALLTYPE SimDeviceService::OpenCommandSession(ULONG* request_id
   if (hr != S_OK) return hr;
   *request_id = g_next_request++;
   SetSessionOpen(index, true);
-  Complete(Kind::kOpen, "OpenCommandSession.Complete", *request_id, 0, S_OK, std::string());
+  Complete(guard, Kind::kOpen, "OpenCommandSession.Complete", *request_id, 0, S_OK, std::string());
   return S_OK;
 }
 
 HRESULT STDMETHODCALLTYPE SimDeviceService::CloseCommandSession(ULONG* request_id) {
+  CallGuard guard;
   if (request_id == nullptr) return E_POINTER;
   const int index = FindInterface(id_, nullptr);
   if (index < 0) return kInterfaceGone;
@@ -107,12 +126,13 @@ HRESULT STDMETHODCALLTYPE SimDeviceService::CloseCommandSession(ULONG* request_i
   if (hr != S_OK) return hr;
   *request_id = g_next_request++;
   SetSessionOpen(index, false);
-  Complete(Kind::kClose, "CloseCommandSession.Complete", *request_id, 0, S_OK, std::string());
+  Complete(guard, Kind::kClose, "CloseCommandSession.Complete", *request_id, 0, S_OK, std::string());
   return S_OK;
 }
 
 HRESULT STDMETHODCALLTYPE SimDeviceService::SetCommand(ULONG command_id, SAFEARRAY* data,
                                                        ULONG* request_id) {
+  CallGuard guard;
   if (request_id == nullptr) return E_POINTER;
   InterfaceInfo info;
   const int index = FindInterface(id_, &info);
@@ -127,7 +147,7 @@ HRESULT STDMETHODCALLTYPE SimDeviceService::SetCommand(ULONG command_id, SAFEARR
   *request_id = g_next_request++;
   // Command 1 of this service is the AT tunnel; the module knows no other.
   const bool at = command_id == 1;
-  Complete(Kind::kSet, "SetCommand.Complete", *request_id, command_id,
+  Complete(guard, Kind::kSet, "SetCommand.Complete", *request_id, command_id,
            at ? S_OK : E_INVALIDARG, at ? Respond(sent.bytes, info) : std::string());
   return S_OK;
 }

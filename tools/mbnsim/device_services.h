@@ -8,11 +8,27 @@
 // scenario, so a session opened by one client is open for the next.
 #pragma once
 
+#include <atomic>
+#include <memory>
+
 #include "tools/mbnsim/interface_manager.h"
 
 namespace mbnsim {
 
 inline constexpr char kAtDeviceServiceId[] = "{ffffffff-abca-4b11-a4e2-f2fc87f94488}";
+
+// Set when the simulator method that started a request has returned.
+class CallGuard {
+ public:
+  CallGuard() : returned_(std::make_shared<std::atomic<bool>>(false)) {}
+  ~CallGuard() { returned_->store(true); }
+  CallGuard(const CallGuard&) = delete;
+  CallGuard& operator=(const CallGuard&) = delete;
+  std::shared_ptr<std::atomic<bool>> token() const { return returned_; }
+
+ private:
+  std::shared_ptr<std::atomic<bool>> returned_;
+};
 
 class SimDeviceService : public IMbnDeviceService {
  public:
@@ -37,9 +53,12 @@ class SimDeviceService : public IMbnDeviceService {
 
  private:
   enum class Kind { kOpen, kClose, kSet };
-  // Queues the completion of request `request_id` as `call`.Complete says.
-  void Complete(Kind kind, const char* call, ULONG request_id, ULONG response_id,
-                HRESULT status, std::string answer);
+  // Queues the completion of request `request_id` as `call`.Complete says. It
+  // is delivered once the method guarded by `guard` has returned, and the client
+  // has had a moment to store the request id, as a module's USB round trip
+  // would give it.
+  void Complete(const CallGuard& guard, Kind kind, const char* call, ULONG request_id,
+                ULONG response_id, HRESULT status, std::string answer);
 
   std::string id_;
   RefCount refs_;

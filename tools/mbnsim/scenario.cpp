@@ -1,116 +1,149 @@
 #include "tools/mbnsim/scenario.h"
 
 #include <cctype>
+#include <cstring>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
+#include <memory>
+#include <mutex>
 
-#include "util/scoped_handle.h"
+#include "tools/mbnsim/registry.h"
 
 namespace mbnsim {
 
 using dorvane::UniqueRegKey;
+using reg::Access;
 
 namespace {
 
+// What the tests and mbnsimctl set up: watched, and read through the cache.
 const char kRoot[] = "SOFTWARE\\Dorvane\\MbnSim";
+// What the simulator itself writes as it runs: outside the watched tree, so
+// that its own writes do not throw the cache away.
+const char kStateRoot[] = "SOFTWARE\\Dorvane\\MbnSimState";
 
-std::string Sub(const std::string& path) { return path.empty() ? kRoot : std::string(kRoot) + "\\" + path; }
-
-enum class Access { kRead, kWrite, kCreate };
-
-UniqueRegKey OpenKey(const std::string& path, Access access) {
-  UniqueRegKey key;
-  const std::string full = Sub(path);
-  if (access == Access::kCreate) {
-    ::RegCreateKeyExA(HKEY_LOCAL_MACHINE, full.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
-                      key.put(), nullptr);
-  } else {
-    ::RegOpenKeyExA(HKEY_LOCAL_MACHINE, full.c_str(), 0,
-                    access == Access::kRead ? KEY_READ : KEY_READ | KEY_WRITE, key.put());
-  }
-  return key;
+std::string Path(const std::string& sub) { return sub.empty() ? kRoot : std::string(kRoot) + "\\" + sub; }
+std::string StatePath(const std::string& sub) {
+  return sub.empty() ? kStateRoot : std::string(kStateRoot) + "\\" + sub;
 }
-
-UniqueRegKey OpenKey(const std::string& path, bool create) {
-  return OpenKey(path, create ? Access::kCreate : Access::kRead);
-}
-
-std::string ReadString(HKEY key, const char* name) {
-  char buf[1024];
-  DWORD size = sizeof buf - 1;
-  DWORD type = 0;
-  if (key == nullptr ||
-      ::RegQueryValueExA(key, name, nullptr, &type, reinterpret_cast<BYTE*>(buf), &size) !=
-          ERROR_SUCCESS ||
-      type != REG_SZ) {
-    return std::string();
-  }
-  buf[size] = '\0';
-  return std::string(buf);
-}
-
-bool ReadDword(HKEY key, const char* name, DWORD* out) {
-  DWORD value = 0;
-  DWORD size = sizeof value;
-  DWORD type = 0;
-  if (key == nullptr ||
-      ::RegQueryValueExA(key, name, nullptr, &type, reinterpret_cast<BYTE*>(&value), &size) !=
-          ERROR_SUCCESS ||
-      type != REG_DWORD) {
-    return false;
-  }
-  *out = value;
-  return true;
-}
-
-void WriteString(HKEY key, const char* name, const std::string& value) {
-  ::RegSetValueExA(key, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
-                   static_cast<DWORD>(value.size() + 1));
-}
-
-void WriteDword(HKEY key, const char* name, DWORD value) {
-  ::RegSetValueExA(key, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof value);
-}
-
-void DeleteTree(const std::string& path) {
-  ::RegDeleteTreeA(HKEY_LOCAL_MACHINE, Sub(path).c_str());
+std::string InterfacePath(int index) { return Path("Interfaces\\" + std::to_string(index)); }
+std::string InjectPath(int index) {
+  return index < 0 ? Path("Inject") : InterfacePath(index) + "\\Inject";
 }
 
 InterfaceInfo ReadInterfaceKey(HKEY key) {
   InterfaceInfo info;
-  info.interface_id = ReadString(key, "InterfaceID");
-  ReadDword(key, "ReadyState", &info.ready_state);
-  info.iccid = ReadString(key, "ICCID");
-  info.subscriber_id = ReadString(key, "SubscriberID");
-  info.home_provider_id = ReadString(key, "HomeProviderID");
-  info.home_provider_name = ReadString(key, "HomeProviderName");
-  info.registered_provider_id = ReadString(key, "RegisteredProviderID");
+  info.interface_id = reg::ReadString(key, "InterfaceID");
+  reg::ReadDword(key, "ReadyState", &info.ready_state);
+  info.iccid = reg::ReadString(key, "ICCID");
+  info.subscriber_id = reg::ReadString(key, "SubscriberID");
+  info.home_provider_id = reg::ReadString(key, "HomeProviderID");
+  info.home_provider_name = reg::ReadString(key, "HomeProviderName");
+  info.registered_provider_id = reg::ReadString(key, "RegisteredProviderID");
   return info;
 }
 
 void WriteInterfaceKey(int index, const InterfaceInfo& info) {
-  UniqueRegKey key = OpenKey("Interfaces\\" + std::to_string(index), true);
-  WriteString(key.get(), "InterfaceID", info.interface_id);
-  WriteDword(key.get(), "ReadyState", info.ready_state);
-  WriteString(key.get(), "ICCID", info.iccid);
-  WriteString(key.get(), "SubscriberID", info.subscriber_id);
-  WriteString(key.get(), "HomeProviderID", info.home_provider_id);
-  WriteString(key.get(), "HomeProviderName", info.home_provider_name);
-  WriteString(key.get(), "RegisteredProviderID", info.registered_provider_id);
+  UniqueRegKey key = reg::Open(InterfacePath(index), Access::kCreate);
+  reg::WriteString(key.get(), "InterfaceID", info.interface_id);
+  reg::WriteDword(key.get(), "ReadyState", info.ready_state);
+  reg::WriteString(key.get(), "ICCID", info.iccid);
+  reg::WriteString(key.get(), "SubscriberID", info.subscriber_id);
+  reg::WriteString(key.get(), "HomeProviderID", info.home_provider_id);
+  reg::WriteString(key.get(), "HomeProviderName", info.home_provider_name);
+  reg::WriteString(key.get(), "RegisteredProviderID", info.registered_provider_id);
 }
 
-std::string InjectPath(int index) {
-  return index < 0 ? std::string("Inject") : "Interfaces\\" + std::to_string(index) + "\\Inject";
+std::map<std::string, std::string> ReadStrings(const std::string& path) {
+  std::map<std::string, std::string> out;
+  UniqueRegKey key = reg::Open(path, Access::kRead);
+  for (const reg::Value& v : reg::Values(key.get())) {
+    if (v.type == REG_SZ || v.type == REG_BINARY) out[v.name] = v.data;
+  }
+  return out;
+}
+
+// -- the cached scenario ---------------------------------------------------------
+//
+// Every simulated call reads the scenario, and a round trip of one AT command
+// makes dozens of calls: reading the registry each time would cost milliseconds.
+// The copy is reloaded whenever the registry reports a change under the root;
+// the report is signalled before the writer's call returns, so a change is seen
+// by the very next call, in this process or any other.
+
+struct ScenarioData {
+  std::vector<InterfaceInfo> interfaces;
+  std::vector<std::map<std::string, std::string>> interface_injections;
+  std::map<std::string, std::string> injections;
+  std::map<std::string, DWORD> delays;
+  std::map<std::string, std::string> replies;
+};
+
+std::shared_ptr<const ScenarioData> LoadScenario() {
+  auto data = std::make_shared<ScenarioData>();
+  for (int i = 0;; ++i) {
+    UniqueRegKey key = reg::Open(InterfacePath(i), Access::kRead);
+    if (!key) break;
+    data->interfaces.push_back(ReadInterfaceKey(key.get()));
+    data->interface_injections.push_back(ReadStrings(InjectPath(i)));
+  }
+  data->injections = ReadStrings(InjectPath(-1));
+  data->replies = ReadStrings(Path("Replies"));
+  UniqueRegKey delays = reg::Open(Path("Delay"), Access::kRead);
+  for (const reg::Value& v : reg::Values(delays.get())) {
+    DWORD ms = 0;
+    if (v.type == REG_DWORD && v.data.size() == sizeof ms) {
+      std::memcpy(&ms, v.data.data(), sizeof ms);
+      data->delays[v.name] = ms;
+    }
+  }
+  return data;
+}
+
+class ScenarioCache {
+ public:
+  std::shared_ptr<const ScenarioData> Get() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!watch_) {
+      reg::Open(kRoot, Access::kCreate);
+      watch_ = reg::Open(kRoot, Access::kRead);
+      changed_.reset(::CreateEventA(nullptr, TRUE, TRUE, nullptr));
+    }
+    if (!data_ || !armed_ || ::WaitForSingleObject(changed_.get(), 0) == WAIT_OBJECT_0) {
+      ::ResetEvent(changed_.get());
+      // Armed before reading, so that a change during the read is not missed.
+      // Thread-agnostic: the calling thread may end before the next change.
+      armed_ = ::RegNotifyChangeKeyValue(watch_.get(), TRUE,
+                                         REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET |
+                                             REG_NOTIFY_THREAD_AGNOSTIC,
+                                         changed_.get(), TRUE) == ERROR_SUCCESS;
+      data_ = LoadScenario();
+    }
+    return data_;
+  }
+
+ private:
+  std::mutex mutex_;
+  UniqueRegKey watch_;
+  dorvane::UniqueHandle changed_;
+  bool armed_ = false;
+  std::shared_ptr<const ScenarioData> data_;
+};
+
+std::shared_ptr<const ScenarioData> Scenario() {
+  static ScenarioCache* cache = new ScenarioCache();  // lives until the process ends
+  return cache->Get();
 }
 
 void PostEvent(const char* kind, const std::string& interface_id) {
-  UniqueRegKey key = OpenKey("Events", true);
+  UniqueRegKey key = reg::Open(Path("Events"), Access::kCreate);
   DWORD seq = 0;
-  ReadDword(key.get(), "Seq", &seq);
+  reg::ReadDword(key.get(), "Seq", &seq);
   ++seq;
-  WriteString(key.get(), ("E" + std::to_string(seq)).c_str(), std::string(kind) + " " + interface_id);
+  reg::WriteString(key.get(), ("E" + std::to_string(seq)).c_str(), std::string(kind) + " " + interface_id);
   // The sequence number last: a reader that sees it finds the event written.
-  WriteDword(key.get(), "Seq", seq);
+  reg::WriteDword(key.get(), "Seq", seq);
 }
 
 }  // namespace
@@ -130,21 +163,15 @@ InterfaceInfo DefaultInterface(int n) {
   return info;
 }
 
-std::vector<InterfaceInfo> ReadInterfaces() {
-  std::vector<InterfaceInfo> out;
-  for (int i = 0;; ++i) {
-    UniqueRegKey key = OpenKey("Interfaces\\" + std::to_string(i), false);
-    if (!key) break;
-    out.push_back(ReadInterfaceKey(key.get()));
-  }
-  return out;
-}
+// -- reading -----------------------------------------------------------------------
+
+std::vector<InterfaceInfo> ReadInterfaces() { return Scenario()->interfaces; }
 
 int FindInterface(const std::string& interface_id, InterfaceInfo* info) {
-  std::vector<InterfaceInfo> all = ReadInterfaces();
-  for (size_t i = 0; i < all.size(); ++i) {
-    if (all[i].interface_id == interface_id) {
-      if (info) *info = all[i];
+  const auto data = Scenario();
+  for (size_t i = 0; i < data->interfaces.size(); ++i) {
+    if (data->interfaces[i].interface_id == interface_id) {
+      if (info) *info = data->interfaces[i];
       return static_cast<int>(i);
     }
   }
@@ -152,21 +179,15 @@ int FindInterface(const std::string& interface_id, InterfaceInfo* info) {
 }
 
 bool ParseInjection(const std::string& text, Injection* out) {
+  static const std::map<std::string, Injection::Kind> kWords = {
+      {"", Injection::kNone},           {"null", Injection::kNull},
+      {"wrongtype", Injection::kWrongType}, {"nullelement", Injection::kNullElement},
+      {"none", Injection::kNoCompletion},   {"wrongid", Injection::kWrongId},
+      {"empty", Injection::kEmpty}};
   Injection inj;
-  if (text.empty()) {
-    inj.kind = Injection::kNone;
-  } else if (text == "null") {
-    inj.kind = Injection::kNull;
-  } else if (text == "wrongtype") {
-    inj.kind = Injection::kWrongType;
-  } else if (text == "nullelement") {
-    inj.kind = Injection::kNullElement;
-  } else if (text == "none") {
-    inj.kind = Injection::kNoCompletion;
-  } else if (text == "wrongid") {
-    inj.kind = Injection::kWrongId;
-  } else if (text == "empty") {
-    inj.kind = Injection::kEmpty;
+  auto word = kWords.find(text);
+  if (word != kWords.end()) {
+    inj.kind = word->second;
   } else {
     char* end = nullptr;
     unsigned long value = std::strtoul(text.c_str(), &end, 0);
@@ -179,70 +200,23 @@ bool ParseInjection(const std::string& text, Injection* out) {
 }
 
 Injection ReadInjection(const std::string& call, int index) {
+  const auto data = Scenario();
   Injection inj;
-  if (index >= 0) {
-    UniqueRegKey own = OpenKey(InjectPath(index), false);
-    if (own && ParseInjection(ReadString(own.get(), call.c_str()), &inj) &&
-        inj.kind != Injection::kNone) {
-      return inj;
-    }
+  if (index >= 0 && static_cast<size_t>(index) < data->interface_injections.size()) {
+    const auto& own = data->interface_injections[static_cast<size_t>(index)];
+    auto it = own.find(call);
+    if (it != own.end() && ParseInjection(it->second, &inj) && inj.kind != Injection::kNone) return inj;
   }
-  UniqueRegKey global = OpenKey(InjectPath(-1), false);
-  if (!global || !ParseInjection(ReadString(global.get(), call.c_str()), &inj)) return Injection();
+  auto it = data->injections.find(call);
+  if (it == data->injections.end() || !ParseInjection(it->second, &inj)) return Injection();
   return inj;
 }
 
-bool SessionOpen(int index) {
-  UniqueRegKey key = OpenKey("Interfaces\\" + std::to_string(index), false);
-  DWORD open = 0;
-  ReadDword(key.get(), "CommandSessionOpen", &open);
-  return open != 0;
+DWORD ReadDelay(const std::string& call) {
+  const auto data = Scenario();
+  auto it = data->delays.find(call);
+  return it == data->delays.end() ? 0 : it->second;
 }
-
-void SetSessionOpen(int index, bool open) {
-  UniqueRegKey key = OpenKey("Interfaces\\" + std::to_string(index), Access::kWrite);
-  if (!key) return;
-  DWORD opens = 0;
-  DWORD closes = 0;
-  ReadDword(key.get(), "SessionOpens", &opens);
-  ReadDword(key.get(), "SessionCloses", &closes);
-  WriteDword(key.get(), open ? "SessionOpens" : "SessionCloses", (open ? opens : closes) + 1);
-  WriteDword(key.get(), "CommandSessionOpen", open ? 1 : 0);
-}
-
-void SessionCounts(int index, DWORD* opens, DWORD* closes) {
-  UniqueRegKey key = OpenKey("Interfaces\\" + std::to_string(index), false);
-  *opens = 0;
-  *closes = 0;
-  ReadDword(key.get(), "SessionOpens", opens);
-  ReadDword(key.get(), "SessionCloses", closes);
-}
-
-namespace {
-
-bool ReadBinary(HKEY key, const char* name, std::string* out) {
-  DWORD size = 0;
-  DWORD type = 0;
-  if (key == nullptr || ::RegQueryValueExA(key, name, nullptr, &type, nullptr, &size) != ERROR_SUCCESS ||
-      type != REG_BINARY) {
-    return false;
-  }
-  std::string bytes(size, '\0');
-  if (size > 0 && ::RegQueryValueExA(key, name, nullptr, &type, reinterpret_cast<BYTE*>(&bytes[0]),
-                                     &size) != ERROR_SUCCESS) {
-    return false;
-  }
-  bytes.resize(size);
-  *out = bytes;
-  return true;
-}
-
-void WriteBinary(HKEY key, const char* name, const std::string& bytes) {
-  ::RegSetValueExA(key, name, 0, REG_BINARY, reinterpret_cast<const BYTE*>(bytes.data()),
-                   static_cast<DWORD>(bytes.size()));
-}
-
-}  // namespace
 
 std::string NormaliseCommand(const std::string& payload) {
   size_t begin = 0;
@@ -256,67 +230,23 @@ std::string NormaliseCommand(const std::string& payload) {
 }
 
 bool ReadReply(const std::string& command, std::string* bytes) {
-  UniqueRegKey key = OpenKey("Replies", false);
-  return ReadBinary(key.get(), NormaliseCommand(command).c_str(), bytes);
-}
-
-void SetReply(const std::string& command, const std::string& bytes) {
-  UniqueRegKey key = OpenKey("Replies", true);
-  const std::string name = NormaliseCommand(command);
-  if (bytes.empty()) {
-    ::RegDeleteValueA(key.get(), name.c_str());
-  } else {
-    WriteBinary(key.get(), name.c_str(), bytes);
-  }
-}
-
-void RecordCommand(const SentCommand& sent) {
-  UniqueRegKey key = OpenKey("", true);
-  DWORD count = 0;
-  ReadDword(key.get(), "LastCommandCount", &count);
-  WriteDword(key.get(), "LastCommandID", sent.command_id);
-  WriteDword(key.get(), "LastCommandType", sent.type);
-  WriteBinary(key.get(), "LastCommand", sent.bytes);
-  WriteDword(key.get(), "LastCommandCount", count + 1);
-}
-
-bool ReadLastCommand(SentCommand* sent) {
-  UniqueRegKey key = OpenKey("", false);
-  DWORD type = VT_EMPTY;
-  if (!ReadBinary(key.get(), "LastCommand", &sent->bytes)) return false;
-  ReadDword(key.get(), "LastCommandID", &sent->command_id);
-  ReadDword(key.get(), "LastCommandType", &type);
-  ReadDword(key.get(), "LastCommandCount", &sent->count);
-  sent->type = static_cast<VARTYPE>(type);
+  const auto data = Scenario();
+  auto it = data->replies.find(NormaliseCommand(command));
+  if (it == data->replies.end()) return false;
+  *bytes = it->second;
   return true;
 }
 
-DWORD ReadDelay(const std::string& call) {
-  UniqueRegKey key = OpenKey("Delay", false);
-  DWORD ms = 0;
-  ReadDword(key.get(), call.c_str(), &ms);
-  return ms;
-}
-
-void SetDelay(const std::string& call, DWORD ms) {
-  UniqueRegKey key = OpenKey("Delay", true);
-  if (ms == 0) {
-    ::RegDeleteValueA(key.get(), call.c_str());
-  } else {
-    WriteDword(key.get(), call.c_str(), ms);
-  }
-}
-
 DWORD EventSeq() {
-  UniqueRegKey key = OpenKey("Events", false);
+  UniqueRegKey key = reg::Open(Path("Events"), Access::kRead);
   DWORD seq = 0;
-  ReadDword(key.get(), "Seq", &seq);
+  reg::ReadDword(key.get(), "Seq", &seq);
   return seq;
 }
 
 bool ReadEvent(DWORD seq, Event* event) {
-  UniqueRegKey key = OpenKey("Events", false);
-  const std::string text = ReadString(key.get(), ("E" + std::to_string(seq)).c_str());
+  UniqueRegKey key = reg::Open(Path("Events"), Access::kRead);
+  const std::string text = reg::ReadString(key.get(), ("E" + std::to_string(seq)).c_str());
   const size_t blank = text.find(' ');
   if (blank == std::string::npos) return false;
   const std::string kind = text.substr(0, blank);
@@ -326,82 +256,154 @@ bool ReadEvent(DWORD seq, Event* event) {
   return true;
 }
 
+// -- the simulator's state -------------------------------------------------------------
+
+namespace {
+
+std::string SessionPath(int index) {
+  const auto data = Scenario();
+  if (index < 0 || static_cast<size_t>(index) >= data->interfaces.size()) return std::string();
+  return StatePath("Sessions\\" + data->interfaces[static_cast<size_t>(index)].interface_id);
+}
+
+}  // namespace
+
+bool SessionOpen(int index) {
+  const std::string path = SessionPath(index);
+  if (path.empty()) return false;
+  UniqueRegKey key = reg::Open(path, Access::kRead);
+  DWORD open = 0;
+  reg::ReadDword(key.get(), "Open", &open);
+  return open != 0;
+}
+
+void SetSessionOpen(int index, bool open) {
+  const std::string path = SessionPath(index);
+  if (path.empty()) return;
+  UniqueRegKey key = reg::Open(path, Access::kCreate);
+  const char* counter = open ? "Opens" : "Closes";
+  DWORD count = 0;
+  reg::ReadDword(key.get(), counter, &count);
+  reg::WriteDword(key.get(), counter, count + 1);
+  reg::WriteDword(key.get(), "Open", open ? 1 : 0);
+}
+
+void SessionCounts(int index, DWORD* opens, DWORD* closes) {
+  *opens = 0;
+  *closes = 0;
+  const std::string path = SessionPath(index);
+  if (path.empty()) return;
+  UniqueRegKey key = reg::Open(path, Access::kRead);
+  reg::ReadDword(key.get(), "Opens", opens);
+  reg::ReadDword(key.get(), "Closes", closes);
+}
+
+void RecordCommand(const SentCommand& sent) {
+  UniqueRegKey key = reg::Open(StatePath("LastCommand"), Access::kCreate);
+  DWORD count = 0;
+  reg::ReadDword(key.get(), "Count", &count);
+  reg::WriteDword(key.get(), "ID", sent.command_id);
+  reg::WriteDword(key.get(), "Type", sent.type);
+  reg::WriteBinary(key.get(), "Bytes", sent.bytes);
+  reg::WriteDword(key.get(), "Count", count + 1);
+}
+
+bool ReadLastCommand(SentCommand* sent) {
+  UniqueRegKey key = reg::Open(StatePath("LastCommand"), Access::kRead);
+  DWORD type = VT_EMPTY;
+  if (!reg::ReadBinary(key.get(), "Bytes", &sent->bytes)) return false;
+  reg::ReadDword(key.get(), "ID", &sent->command_id);
+  reg::ReadDword(key.get(), "Type", &type);
+  reg::ReadDword(key.get(), "Count", &sent->count);
+  sent->type = static_cast<VARTYPE>(type);
+  return true;
+}
+
+// One binary value per process, written through a key kept open: objects come
+// and go dozens of times per AT command, and each change is published at once.
+namespace {
+
+struct CounterRecord {
+  DWORD values[5];
+};
+
+CounterRecord Pack(const Counters& c) {
+  return CounterRecord{{c.live_objects, c.advised_sinks, c.bad_releases, c.bad_unadvises,
+                        c.pending_completions}};
+}
+
+}  // namespace
+
 void PublishCounters(DWORD pid, const Counters& c) {
-  UniqueRegKey key = OpenKey("Counters\\" + std::to_string(pid), true);
-  WriteDword(key.get(), "LiveObjects", c.live_objects);
-  WriteDword(key.get(), "AdvisedSinks", c.advised_sinks);
-  WriteDword(key.get(), "BadReleases", c.bad_releases);
-  WriteDword(key.get(), "BadUnadvises", c.bad_unadvises);
-  WriteDword(key.get(), "PendingCompletions", c.pending_completions);
+  static DWORD open_pid = 0;
+  static UniqueRegKey* key = new UniqueRegKey();  // kept open until the process ends
+  const CounterRecord record = Pack(c);
+  const std::string bytes(reinterpret_cast<const char*>(&record), sizeof record);
+  // A second try after a reset has deleted the key under us.
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    if (!*key || open_pid != pid) {
+      *key = reg::Open(StatePath("Counters\\" + std::to_string(pid)), Access::kCreate);
+      open_pid = pid;
+    }
+    if (reg::WriteBinary(key->get(), "Counters", bytes) == ERROR_SUCCESS) return;
+    key->reset();
+  }
 }
 
 bool ReadCounters(DWORD pid, Counters* c) {
-  UniqueRegKey key = OpenKey("Counters\\" + std::to_string(pid), false);
-  if (!key) return false;
-  ReadDword(key.get(), "LiveObjects", &c->live_objects);
-  ReadDword(key.get(), "AdvisedSinks", &c->advised_sinks);
-  ReadDword(key.get(), "BadReleases", &c->bad_releases);
-  ReadDword(key.get(), "BadUnadvises", &c->bad_unadvises);
-  ReadDword(key.get(), "PendingCompletions", &c->pending_completions);
+  UniqueRegKey key = reg::Open(StatePath("Counters\\" + std::to_string(pid)), Access::kRead);
+  std::string bytes;
+  if (!reg::ReadBinary(key.get(), "Counters", &bytes) || bytes.size() != sizeof(CounterRecord)) {
+    return false;
+  }
+  CounterRecord r;
+  std::memcpy(&r, bytes.data(), sizeof r);
+  *c = Counters{r.values[0], r.values[1], r.values[2], r.values[3], r.values[4]};
   return true;
 }
 
 std::vector<std::pair<DWORD, Counters>> AllCounters() {
   std::vector<std::pair<DWORD, Counters>> out;
-  UniqueRegKey key = OpenKey("Counters", false);
-  if (!key) return out;
-  char name[64];
-  for (DWORD i = 0;; ++i) {
-    DWORD size = sizeof name;
-    if (::RegEnumKeyExA(key.get(), i, name, &size, nullptr, nullptr, nullptr, nullptr) !=
-        ERROR_SUCCESS) {
-      break;
-    }
+  UniqueRegKey key = reg::Open(StatePath("Counters"), Access::kRead);
+  for (const std::string& name : reg::Subkeys(key.get())) {
     Counters c;
-    DWORD pid = static_cast<DWORD>(std::strtoul(name, nullptr, 10));
+    DWORD pid = static_cast<DWORD>(std::strtoul(name.c_str(), nullptr, 10));
     if (ReadCounters(pid, &c)) out.emplace_back(pid, c);
   }
   return out;
 }
 
+// -- control -----------------------------------------------------------------------------
+
 void Reset() {
-  DeleteTree("Interfaces");
-  DeleteTree("Inject");
-  DeleteTree("Delay");
-  DeleteTree("Replies");
-  DeleteTree("Counters");
-  UniqueRegKey root = OpenKey("", true);
-  for (const char* name : {"LastCommand", "LastCommandID", "LastCommandType", "LastCommandCount"}) {
-    ::RegDeleteValueA(root.get(), name);
-  }
-  OpenKey("Interfaces", true);
-  OpenKey("Events", true);
+  for (const char* sub : {"Interfaces", "Inject", "Delay", "Replies"}) reg::DeleteTree(Path(sub));
+  reg::DeleteTree(kStateRoot);
+  reg::Open(Path("Interfaces"), Access::kCreate);
+  reg::Open(Path("Events"), Access::kCreate);
 }
 
 void SetInterfaces(const std::vector<InterfaceInfo>& interfaces) {
-  DeleteTree("Interfaces");
-  OpenKey("Interfaces", true);
+  reg::DeleteTree(Path("Interfaces"));
+  reg::Open(Path("Interfaces"), Access::kCreate);
   for (size_t i = 0; i < interfaces.size(); ++i) WriteInterfaceKey(static_cast<int>(i), interfaces[i]);
 }
 
 bool SetField(int index, const std::string& field, const std::string& value) {
-  std::vector<InterfaceInfo> all = ReadInterfaces();
-  if (index < 0 || index >= static_cast<int>(all.size())) return false;
-  InterfaceInfo& info = all[static_cast<size_t>(index)];
-  if (field == "InterfaceID") {
-    info.interface_id = value;
+  UniqueRegKey key = reg::Open(InterfacePath(index), Access::kWrite);
+  if (!key || index < 0) return false;
+  InterfaceInfo info = ReadInterfaceKey(key.get());
+  static const std::map<std::string, std::string InterfaceInfo::*> kText = {
+      {"InterfaceID", &InterfaceInfo::interface_id},
+      {"ICCID", &InterfaceInfo::iccid},
+      {"SubscriberID", &InterfaceInfo::subscriber_id},
+      {"HomeProviderID", &InterfaceInfo::home_provider_id},
+      {"HomeProviderName", &InterfaceInfo::home_provider_name},
+      {"RegisteredProviderID", &InterfaceInfo::registered_provider_id}};
+  auto text = kText.find(field);
+  if (text != kText.end()) {
+    info.*(text->second) = value;
   } else if (field == "ReadyState") {
     info.ready_state = static_cast<DWORD>(std::strtoul(value.c_str(), nullptr, 0));
-  } else if (field == "ICCID") {
-    info.iccid = value;
-  } else if (field == "SubscriberID") {
-    info.subscriber_id = value;
-  } else if (field == "HomeProviderID") {
-    info.home_provider_id = value;
-  } else if (field == "HomeProviderName") {
-    info.home_provider_name = value;
-  } else if (field == "RegisteredProviderID") {
-    info.registered_provider_id = value;
   } else {
     return false;
   }
@@ -412,23 +414,49 @@ bool SetField(int index, const std::string& field, const std::string& value) {
 bool Inject(const std::string& call, const std::string& what, int index) {
   Injection parsed;
   if (!ParseInjection(what, &parsed)) return false;
-  if (index >= 0 && !OpenKey("Interfaces\\" + std::to_string(index), false)) return false;
-  UniqueRegKey key = OpenKey(InjectPath(index), true);
+  if (index >= 0 && !reg::Open(InterfacePath(index), Access::kRead)) return false;
+  UniqueRegKey key = reg::Open(InjectPath(index), Access::kCreate);
   if (what.empty()) {
     ::RegDeleteValueA(key.get(), call.c_str());
   } else {
-    WriteString(key.get(), call.c_str(), what);
+    reg::WriteString(key.get(), call.c_str(), what);
   }
   return true;
 }
 
+void SetDelay(const std::string& call, DWORD ms) {
+  UniqueRegKey key = reg::Open(Path("Delay"), Access::kCreate);
+  if (ms == 0) {
+    ::RegDeleteValueA(key.get(), call.c_str());
+  } else {
+    reg::WriteDword(key.get(), call.c_str(), ms);
+  }
+}
+
+void SetReply(const std::string& command, const std::string& bytes) {
+  UniqueRegKey key = reg::Open(Path("Replies"), Access::kCreate);
+  const std::string name = NormaliseCommand(command);
+  if (bytes.empty()) {
+    ::RegDeleteValueA(key.get(), name.c_str());
+  } else {
+    reg::WriteBinary(key.get(), name.c_str(), bytes);
+  }
+}
+
 void Arrive(const InterfaceInfo& info) {
-  WriteInterfaceKey(static_cast<int>(ReadInterfaces().size()), info);
+  int count = 0;
+  while (reg::Open(InterfacePath(count), Access::kRead)) ++count;
+  WriteInterfaceKey(count, info);
   PostEvent("arrival", info.interface_id);
 }
 
 bool Remove(int index) {
-  std::vector<InterfaceInfo> all = ReadInterfaces();
+  std::vector<InterfaceInfo> all;
+  for (int i = 0;; ++i) {
+    UniqueRegKey key = reg::Open(InterfacePath(i), Access::kRead);
+    if (!key) break;
+    all.push_back(ReadInterfaceKey(key.get()));
+  }
   if (index < 0 || index >= static_cast<int>(all.size())) return false;
   const std::string id = all[static_cast<size_t>(index)].interface_id;
   all.erase(all.begin() + index);

@@ -3,16 +3,14 @@
 // The scenario lives in the registry under HKLM\SOFTWARE\Dorvane\MbnSim, so that
 // every process of a Wine prefix (or a Windows machine) sees the same modem: the
 // service that loads the simulator, a test in the same process, and the control
-// program mbnsimctl. The simulator reads it afresh at every call, so a change
-// takes effect at once, also while the service runs.
+// program mbnsimctl. A change takes effect at the simulator's next call, also
+// while the service runs.
 //
 //   HKLM\SOFTWARE\Dorvane\MbnSim
 //     Interfaces\0, 1, ...   one key per interface, in array order:
 //                            InterfaceID, ReadyState (DWORD), ICCID, SubscriberID,
 //                            HomeProviderID, HomeProviderName, RegisteredProviderID,
 //                            and Inject\<call> for failures of that interface only
-//                            CommandSessionOpen, SessionOpens, SessionCloses
-//                            (the AT device service's command session)
 //     Inject\<call>          a failure of every object: "0x80004005" (an HRESULT
 //                            to return), "null" (succeed, hand out a null pointer),
 //                            for GetInterfaces also "wrongtype" and "nullelement";
@@ -21,9 +19,12 @@
 //                            request id), "empty" (no answer bytes)
 //     Replies\<COMMAND>      the answer bytes for an AT command, instead of the
 //                            built-in responder's
-//     LastCommand...         what the last SetCommand carried
 //     Delay\<call>           milliseconds the call takes before it answers
 //     Events                 Seq (DWORD) and E<seq> = "arrival <id>" / "removal <id>"
+//
+//   HKLM\SOFTWARE\Dorvane\MbnSimState   what the simulator records as it runs:
+//     Sessions\<interface id> Open, Opens, Closes of the AT command session
+//     LastCommand            ID, Type, Bytes, Count of the last SetCommand
 //     Counters\<pid>         what each process did wrong or left behind
 #pragma once
 

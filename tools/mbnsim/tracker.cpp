@@ -9,6 +9,7 @@ namespace {
 std::mutex g_mutex;
 Counters g_counters;
 
+// Called under the tracker's lock, so the cached key in PublishCounters is safe.
 template <typename Change>
 void Update(Change change) {
   std::lock_guard<std::mutex> lock(g_mutex);
