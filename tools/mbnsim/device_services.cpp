@@ -216,24 +216,6 @@ HRESULT STDMETHODCALLTYPE SimDeviceServicesContext::get_MaxDataSize(ULONG* size)
 
 // -- SimDeviceServicesManager ---------------------------------------------------------
 
-HRESULT STDMETHODCALLTYPE SimDeviceServicesManager::QueryInterface(REFIID riid, void** ppv) {
-  if (ppv == nullptr) return E_POINTER;
-  *ppv = nullptr;
-  if (IsEqualGUID(riid, IID_IUnknown) || IsEqualGUID(riid, IID_IMbnDeviceServicesManager)) {
-    *ppv = static_cast<IMbnDeviceServicesManager*>(this);
-  } else if (IsEqualGUID(riid, IID_IConnectionPointContainer)) {
-    bool null_out = false;
-    HRESULT hr = Injected("DeviceServices.QueryInterface.IConnectionPointContainer", -1, &null_out);
-    if (FAILED(hr)) return hr;
-    if (null_out) return S_OK;
-    *ppv = static_cast<IConnectionPointContainer*>(this);
-  } else {
-    return E_NOINTERFACE;
-  }
-  AddRef();
-  return S_OK;
-}
-
 HRESULT STDMETHODCALLTYPE SimDeviceServicesManager::GetDeviceServicesContext(
     BSTR interface_id, IMbnDeviceServicesContext** out) {
   if (out == nullptr) return E_POINTER;
@@ -247,28 +229,8 @@ HRESULT STDMETHODCALLTYPE SimDeviceServicesManager::GetDeviceServicesContext(
   return S_OK;
 }
 
-HRESULT STDMETHODCALLTYPE SimDeviceServicesManager::FindConnectionPoint(REFIID riid,
-                                                                        IConnectionPoint** out) {
-  if (out == nullptr) return E_POINTER;
-  *out = nullptr;
-  bool null_out = false;
-  HRESULT hr = Injected("DeviceServices.FindConnectionPoint", -1, &null_out);
-  if (FAILED(hr) || null_out) return hr;
-  if (!IsEqualGUID(riid, IID_IMbnDeviceServicesEvents)) return CONNECT_E_NOCONNECTION;
-  *out = new SimConnectionPoint(this, IID_IMbnDeviceServicesEvents, "DeviceServices.");
-  return S_OK;
-}
-
 HRESULT CreateDeviceServicesManager(REFIID riid, void** ppv) {
-  if (ppv == nullptr) return E_POINTER;
-  *ppv = nullptr;
-  bool null_out = false;
-  HRESULT hr = Injected("DeviceServices.CreateInstance", -1, &null_out);
-  if (FAILED(hr) || null_out) return hr;
-  EventHub::Get().Start();
-  ComPtr<SimDeviceServicesManager> manager;
-  manager.attach(new SimDeviceServicesManager());
-  return manager->QueryInterface(riid, ppv);
+  return CreateManager<SimDeviceServicesManager>("DeviceServices.", riid, ppv);
 }
 
 }  // namespace mbnsim

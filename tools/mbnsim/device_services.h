@@ -82,24 +82,13 @@ class SimDeviceServicesContext : public IMbnDeviceServicesContext {
   RefCount refs_;
 };
 
-class SimDeviceServicesManager : public IMbnDeviceServicesManager,
-                                 public IConnectionPointContainer {
+class SimDeviceServicesManager : public SimManager<IMbnDeviceServicesManager> {
  public:
-  SimDeviceServicesManager() = default;
-
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
-  ULONG STDMETHODCALLTYPE AddRef() override { return refs_.AddRef(); }
-  ULONG STDMETHODCALLTYPE Release() override { return refs_.Release(); }
+  SimDeviceServicesManager()
+      : SimManager(IID_IMbnDeviceServicesManager, IID_IMbnDeviceServicesEvents, "DeviceServices.") {}
 
   HRESULT STDMETHODCALLTYPE GetDeviceServicesContext(BSTR interface_id,
                                                      IMbnDeviceServicesContext** out) override;
-  HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints**) override {
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID riid, IConnectionPoint** out) override;
-
- private:
-  RefCount refs_;
 };
 
 // The class factory's work: a new device services manager, or the injected failure.

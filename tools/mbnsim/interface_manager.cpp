@@ -70,24 +70,6 @@ HRESULT STDMETHODCALLTYPE SimConnectionPoint::Unadvise(DWORD cookie) {
 
 // -- SimInterfaceManager ------------------------------------------------------------
 
-HRESULT STDMETHODCALLTYPE SimInterfaceManager::QueryInterface(REFIID riid, void** ppv) {
-  if (ppv == nullptr) return E_POINTER;
-  *ppv = nullptr;
-  if (IsEqualGUID(riid, IID_IUnknown) || IsEqualGUID(riid, IID_IMbnInterfaceManager)) {
-    *ppv = static_cast<IMbnInterfaceManager*>(this);
-  } else if (IsEqualGUID(riid, IID_IConnectionPointContainer)) {
-    bool null_out = false;
-    HRESULT hr = Injected("QueryInterface.IConnectionPointContainer", -1, &null_out);
-    if (FAILED(hr)) return hr;
-    if (null_out) return S_OK;
-    *ppv = static_cast<IConnectionPointContainer*>(this);
-  } else {
-    return E_NOINTERFACE;
-  }
-  AddRef();
-  return S_OK;
-}
-
 HRESULT STDMETHODCALLTYPE SimInterfaceManager::GetInterface(LPCWSTR interface_id,
                                                             IMbnInterface** out) {
   if (interface_id == nullptr || out == nullptr) return E_POINTER;
@@ -128,28 +110,8 @@ HRESULT STDMETHODCALLTYPE SimInterfaceManager::GetInterfaces(SAFEARRAY** out) {
   return S_OK;
 }
 
-HRESULT STDMETHODCALLTYPE SimInterfaceManager::FindConnectionPoint(REFIID riid,
-                                                                   IConnectionPoint** out) {
-  if (out == nullptr) return E_POINTER;
-  *out = nullptr;
-  bool null_out = false;
-  HRESULT hr = Injected("FindConnectionPoint", -1, &null_out);
-  if (FAILED(hr) || null_out) return hr;
-  if (!IsEqualGUID(riid, IID_IMbnInterfaceManagerEvents)) return CONNECT_E_NOCONNECTION;
-  *out = new SimConnectionPoint(this, IID_IMbnInterfaceManagerEvents);
-  return S_OK;
-}
-
 HRESULT CreateInterfaceManager(REFIID riid, void** ppv) {
-  if (ppv == nullptr) return E_POINTER;
-  *ppv = nullptr;
-  bool null_out = false;
-  HRESULT hr = Injected("CreateInstance", -1, &null_out);
-  if (FAILED(hr) || null_out) return hr;
-  EventHub::Get().Start();
-  ComPtr<SimInterfaceManager> manager;
-  manager.attach(new SimInterfaceManager());
-  return manager->QueryInterface(riid, ppv);
+  return CreateManager<SimInterfaceManager>("", riid, ppv);
 }
 
 }  // namespace mbnsim

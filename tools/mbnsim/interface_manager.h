@@ -2,6 +2,8 @@
 // point container) and the connection point that both managers hand out.
 #pragma once
 
+#include <olectl.h>
+
 #include "tools/mbnsim/event_hub.h"
 #include "tools/mbnsim/sim_interface.h"
 
@@ -30,24 +32,79 @@ class SimConnectionPoint : public IConnectionPoint {
   RefCount refs_;
 };
 
-class SimInterfaceManager : public IMbnInterfaceManager, public IConnectionPointContainer {
+// A manager: its own interface and a connection point container for one event
+// interface. Failures are injected under the prefix and the call's name
+// ("QueryInterface.IConnectionPointContainer", "FindConnectionPoint", and
+// "CreateInstance" for the factory).
+template <typename IManager>
+class SimManager : public IManager, public IConnectionPointContainer {
  public:
-  SimInterfaceManager() = default;
+  SimManager(REFIID manager_iid, REFIID events_iid, const char* prefix)
+      : manager_iid_(manager_iid), events_iid_(events_iid), prefix_(prefix) {}
 
-  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
+    if (ppv == nullptr) return E_POINTER;
+    *ppv = nullptr;
+    if (IsEqualGUID(riid, IID_IUnknown) || IsEqualGUID(riid, manager_iid_)) {
+      *ppv = static_cast<IManager*>(this);
+    } else if (IsEqualGUID(riid, IID_IConnectionPointContainer)) {
+      bool null_out = false;
+      HRESULT hr = Injected(prefix_ + "QueryInterface.IConnectionPointContainer", -1, &null_out);
+      if (FAILED(hr)) return hr;
+      if (null_out) return S_OK;
+      *ppv = static_cast<IConnectionPointContainer*>(this);
+    } else {
+      return E_NOINTERFACE;
+    }
+    AddRef();
+    return S_OK;
+  }
   ULONG STDMETHODCALLTYPE AddRef() override { return refs_.AddRef(); }
   ULONG STDMETHODCALLTYPE Release() override { return refs_.Release(); }
-
-  HRESULT STDMETHODCALLTYPE GetInterface(LPCWSTR interface_id, IMbnInterface** out) override;
-  HRESULT STDMETHODCALLTYPE GetInterfaces(SAFEARRAY** out) override;
 
   HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints**) override {
     return E_NOTIMPL;
   }
-  HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID riid, IConnectionPoint** out) override;
+  HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID riid, IConnectionPoint** out) override {
+    if (out == nullptr) return E_POINTER;
+    *out = nullptr;
+    bool null_out = false;
+    HRESULT hr = Injected(prefix_ + "FindConnectionPoint", -1, &null_out);
+    if (FAILED(hr) || null_out) return hr;
+    if (!IsEqualGUID(riid, events_iid_)) return CONNECT_E_NOCONNECTION;
+    *out = new SimConnectionPoint(this, events_iid_, prefix_.c_str());
+    return S_OK;
+  }
 
  private:
+  IID manager_iid_;
+  IID events_iid_;
+  std::string prefix_;
   RefCount refs_;
+};
+
+// The class factory's work: a new manager of type T, or the failure injected
+// under `prefix` + "CreateInstance".
+template <typename T>
+HRESULT CreateManager(const std::string& prefix, REFIID riid, void** ppv) {
+  if (ppv == nullptr) return E_POINTER;
+  *ppv = nullptr;
+  bool null_out = false;
+  HRESULT hr = Injected(prefix + "CreateInstance", -1, &null_out);
+  if (FAILED(hr) || null_out) return hr;
+  EventHub::Get().Start();
+  dorvane::ComPtr<T> manager;
+  manager.attach(new T());
+  return manager->QueryInterface(riid, ppv);
+}
+
+class SimInterfaceManager : public SimManager<IMbnInterfaceManager> {
+ public:
+  SimInterfaceManager()
+      : SimManager(IID_IMbnInterfaceManager, IID_IMbnInterfaceManagerEvents, "") {}
+
+  HRESULT STDMETHODCALLTYPE GetInterface(LPCWSTR interface_id, IMbnInterface** out) override;
+  HRESULT STDMETHODCALLTYPE GetInterfaces(SAFEARRAY** out) override;
 };
 
 // The class factory's work: a new manager, or the injected failure.
