@@ -104,30 +104,28 @@ void SimDeviceService::Complete(const CallGuard& guard, Kind kind, const char* c
   });
 }
 
-HRESULT STDMETHODCALLTYPE SimDeviceService::OpenCommandSession(ULONG* request_id) {
-  CallGuard guard;
+HRESULT SimDeviceService::ChangeSession(const CallGuard& guard, bool open, ULONG* request_id) {
   if (request_id == nullptr) return E_POINTER;
   const int index = FindInterface(id_, nullptr);
   if (index < 0) return kInterfaceGone;
-  HRESULT hr = Injected("OpenCommandSession", index, nullptr);
+  const char* call = open ? "OpenCommandSession" : "CloseCommandSession";
+  HRESULT hr = Injected(call, index, nullptr);
   if (hr != S_OK) return hr;
   *request_id = g_next_request++;
-  SetSessionOpen(index, true);
-  Complete(guard, Kind::kOpen, "OpenCommandSession.Complete", *request_id, 0, S_OK, std::string());
+  SetSessionOpen(index, open);
+  Complete(guard, open ? Kind::kOpen : Kind::kClose, (std::string(call) + ".Complete").c_str(),
+           *request_id, 0, S_OK, std::string());
   return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE SimDeviceService::OpenCommandSession(ULONG* request_id) {
+  CallGuard guard;
+  return ChangeSession(guard, true, request_id);
 }
 
 HRESULT STDMETHODCALLTYPE SimDeviceService::CloseCommandSession(ULONG* request_id) {
   CallGuard guard;
-  if (request_id == nullptr) return E_POINTER;
-  const int index = FindInterface(id_, nullptr);
-  if (index < 0) return kInterfaceGone;
-  HRESULT hr = Injected("CloseCommandSession", index, nullptr);
-  if (hr != S_OK) return hr;
-  *request_id = g_next_request++;
-  SetSessionOpen(index, false);
-  Complete(guard, Kind::kClose, "CloseCommandSession.Complete", *request_id, 0, S_OK, std::string());
-  return S_OK;
+  return ChangeSession(guard, false, request_id);
 }
 
 HRESULT STDMETHODCALLTYPE SimDeviceService::SetCommand(ULONG command_id, SAFEARRAY* data,

@@ -53,6 +53,8 @@ class SimDeviceService : public IMbnDeviceService {
 
  private:
   enum class Kind { kOpen, kClose, kSet };
+  // Opens or closes the command session and queues its completion.
+  HRESULT ChangeSession(const CallGuard& guard, bool open, ULONG* request_id);
   // Queues the completion of request `request_id` as `call`.Complete says. It
   // is delivered once the method guarded by `guard` has returned, and the client
   // has had a moment to store the request id, as a module's USB round trip
