@@ -20,6 +20,8 @@ packages=(
   mingw-w64-x86-64-dev libz-mingw-w64-dev
   googletest
   wine wine64
+  nlohmann-json3-dev libcli11-dev
+  time
 )
 
 # A deb-src entry for bookworm main, so that tinyxml2's source package can be fetched.
