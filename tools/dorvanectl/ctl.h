@@ -40,5 +40,6 @@ void PrintJson(const nlohmann::json& object);
 void PrintRaw(const std::string& text);
 
 void AddAtCommands(CLI::App& app, Common& common);
+void AddTableCommands(CLI::App& app, Common& common);
 
 }  // namespace dorvane::ctl

@@ -1,0 +1,241 @@
+// dorvanectl's table commands: one subcommand per lookup of the configuration
+// tables, arguments in the lookup's own order.
+#include <windows.h>
+
+#include <cstdio>
+#include <functional>
+#include <future>
+#include <thread>
+
+#include "config/carrier_rules.h"
+#include "config/esim_region.h"
+#include "config/firmware_info.h"
+#include "config/scatter.h"
+#include "tools/dorvanectl/ctl.h"
+
+namespace dorvane::ctl {
+
+namespace {
+
+const char* const kCarrierFieldNames[CarrierFirmwareInfo::kFieldCount] = {
+    "carrier id", "carrier version", "image file", "image version", "cust pack file",
+    "cust pack version", "reserved", "AP file", "AP version", "AP type", "AP count",
+    "MD file", "MD version", "MD type", "MD count", "OP file", "OP version", "OP type",
+    "OP count", "PARAM/OEM file", "PARAM/OEM version", "PARAM/OEM type", "PARAM/OEM count",
+    "switch table file"};
+const char* const kPackageFieldNames[PackageFirmwareInfo::kFieldCount] = {
+    "field 0", "field 1", "field 2", "field 3", "field 4", "firmware file", "firmware version",
+    "cust pack file", "cust pack version"};
+
+// Runs `lookup` and gives up after `seconds`: one lookup is known never to
+// return for keys its table holds too late, and a script must not hang on it.
+template <typename T>
+T Bounded(std::function<T()> lookup, int seconds) {
+  std::packaged_task<T()> task(std::move(lookup));
+  std::future<T> done = task.get_future();
+  std::thread(std::move(task)).detach();
+  if (done.wait_for(std::chrono::seconds(seconds)) != std::future_status::ready) {
+    std::fprintf(stderr,
+                 "dorvanectl: the lookup did not return within %d s (a SKU that is not the "
+                 "table's first SKU_GUID is never found)\n",
+                 seconds);
+    std::fflush(stdout);
+    ::ExitProcess(kGaveUp);  // the walk goes on in its thread; only the process can end it
+  }
+  return done.get();
+}
+
+template <size_t N>
+nlohmann::json FieldArray(const std::array<std::string, N>& fields) {
+  return Texts(std::vector<std::string>(fields.begin(), fields.end()));
+}
+
+template <size_t N>
+void PrintFields(const std::array<std::string, N>& fields, const char* const* names) {
+  for (size_t i = 0; i < N; ++i) {
+    std::printf("  %2zu %-18s %s\n", i, names[i], fields[i].c_str());
+  }
+}
+
+int Finish(bool success) { return success ? kOk : kFailed; }
+
+// A lookup with a string answer.
+int ReportText(const Common& common, bool result, const std::string& output) {
+  if (common.json) {
+    PrintJson({{"result", result}, {"output", Text(output)}});
+  } else {
+    std::printf("result: %s\noutput: %s\n", result ? "true" : "false", output.c_str());
+  }
+  return Finish(result);
+}
+
+int ReportCarrier(const Common& common, bool result, const CarrierFirmwareInfo& record) {
+  if (common.json) {
+    PrintJson({{"result", result}, {"fields", FieldArray(record.fields)}});
+  } else {
+    std::printf("result: %s\nfields:\n", result ? "true" : "false");
+    PrintFields(record.fields, kCarrierFieldNames);
+  }
+  return Finish(result);
+}
+
+CarrierFirmwareInfo PresetCarrier(const Common& common) {
+  CarrierFirmwareInfo record;
+  record.fields.fill(Initial(common));
+  return record;
+}
+
+struct Args {
+  std::string a, b, c;
+  std::optional<std::string> sku, imsi;
+  int timeout = 5;
+};
+
+// Adds a subcommand with positional arguments named in `names` (stored in a, b,
+// c in that order) that runs `run`; `options` may add options of its own.
+void Add(CLI::App& app, Common& common, const char* name, const char* help,
+         std::vector<const char*> names, std::function<int(const Common&, const Args&)> run,
+         std::function<void(CLI::App*, Args&)> options = nullptr) {
+  auto args = std::make_shared<Args>();
+  CLI::App* sub = app.add_subcommand(name, help);
+  if (options) options(sub, *args);
+  std::string* slots[] = {&args->a, &args->b, &args->c};
+  for (size_t i = 0; i < names.size(); ++i) sub->add_option(names[i], *slots[i])->required();
+  sub->add_option("--timeout", args->timeout, "give up after this many seconds")
+      ->capture_default_str();
+  sub->callback([&common, args, run] { common.exit_code = run(common, *args); });
+}
+
+int FwPackage(const Common& common, const Args& a) {
+  FwPackageInfo package;
+  package.SetPackageVer(Initial(common));
+  package.SetPackageType(Initial(common));
+  const bool result =
+      Bounded<bool>([&] { return GetFwPackageInfo(a.a, package); }, a.timeout);
+  if (common.json) {
+    nlohmann::json carriers = nlohmann::json::array();
+    for (const auto& carrier : package.GetCarriers()) carriers.push_back(FieldArray(carrier.fields));
+    PrintJson({{"result", result},
+               {"packageVer", Text(package.GetPackageVer())},
+               {"packageType", Text(package.GetPackageType())},
+               {"carriers", carriers}});
+  } else {
+    std::printf("result: %s\npackage version: %s\npackage type: %s\n", result ? "true" : "false",
+                package.GetPackageVer().c_str(), package.GetPackageType().c_str());
+    for (const auto& carrier : package.GetCarriers()) {
+      std::printf("carrier:\n");
+      PrintFields(carrier.fields, kCarrierFieldNames);
+    }
+  }
+  return Finish(result);
+}
+
+int Esim(const Common& common, const Args& a) {
+  const DWORD result = Bounded<DWORD>(
+      [&] { return getEsimDisableType(a.a, a.sku ? a.sku->c_str() : nullptr,
+                                      a.imsi ? a.imsi->c_str() : nullptr); },
+      a.timeout);
+  if (common.json) {
+    PrintJson({{"result", result}});
+  } else {
+    std::printf("result: %lu (0x%lX)\n", static_cast<unsigned long>(result),
+                static_cast<unsigned long>(result));
+  }
+  return Finish(result != kEsimNoDecision);
+}
+
+int Region(const Common& common, const Args& a) {
+  std::string region = Initial(common);
+  const DWORD result = Bounded<DWORD>([&] { return getRegulatoryByMcc(a.a, a.b, region); }, a.timeout);
+  if (common.json) {
+    PrintJson({{"result", result}, {"output", Text(region)}});
+  } else {
+    std::printf("result: %lu\noutput: %s\n", static_cast<unsigned long>(result), region.c_str());
+  }
+  return Finish(result != kRegionNotFound);
+}
+
+}  // namespace
+
+void AddTableCommands(CLI::App& app, Common& common) {
+  using Lookup = bool (*)(std::string, std::string, std::string&);
+  auto text = [&](const char* name, const char* help, const char* key, Lookup lookup) {
+    Add(app, common, name, help, {key, "path"}, [lookup](const Common& c, const Args& a) {
+      std::string out = Initial(c);
+      const bool result = Bounded<bool>([&] { return lookup(a.a, a.b, out); }, a.timeout);
+      return ReportText(c, result, out);
+    });
+  };
+  text("carrier-id-by-mccmnc", "carrier id of an MCC+MNC (true once the table is found)", "mccmnc",
+       GetCarrierIdByMccmnc);
+  text("carrier-id-by-mcc", "carrier id of an MCC", "mcc", GetCarrierIdByMcc);
+  text("carrier-id-by-iccid", "carrier id of an ICCID by the ICCID ranges", "iccid",
+       GetCarrierIdByIccid);
+  Add(app, common, "selection-rule-by-mcc", "reads the root SelectionRule (always false)",
+      {"mcc", "path"}, [](const Common& c, const Args& a) {
+        const bool result = Bounded<bool>([&] { return GetSelectionRuleByMcc(a.a, a.b); }, a.timeout);
+        if (c.json) {
+          PrintJson({{"result", result}});
+        } else {
+          std::printf("result: %s\n", result ? "true" : "false");
+        }
+        return Finish(result);
+      });
+
+  using RecordLookup = bool (*)(std::string, std::string, CarrierFirmwareInfo&);
+  auto record = [&](const char* name, const char* help, const char* key, RecordLookup lookup) {
+    Add(app, common, name, help, {key, "path"}, [lookup](const Common& c, const Args& a) {
+      CarrierFirmwareInfo r = PresetCarrier(c);
+      const bool result = Bounded<bool>([&] { return lookup(a.a, a.b, r); }, a.timeout);
+      return ReportCarrier(c, result, r);
+    });
+  };
+  record("carrier-firmware", "AP, MD and OP firmware of a carrier", "carrier-id", GetCarrierFirmware);
+  record("param-firmware-by-mcc", "parameter firmware of a registered MCC", "mcc",
+         GetParamFirmwareByMcc);
+  record("oem-firmware-by-model", "OEM firmware and switch table of a customer model", "model-id",
+         GetOemFirmwareByModel);
+  Add(app, common, "param-firmware-by-sku", "parameter firmware of a SKU and area",
+      {"sku-guid", "area", "path"}, [](const Common& c, const Args& a) {
+        CarrierFirmwareInfo r = PresetCarrier(c);
+        const bool result =
+            Bounded<bool>([&] { return GetParamFirmwareBySku(a.a, a.b, a.c, r); }, a.timeout);
+        return ReportCarrier(c, result, r);
+      });
+  Add(app, common, "package-info-firmware", "firmware and cust pack of a carrier in package_info.xml",
+      {"carrier-id", "path"}, [](const Common& c, const Args& a) {
+        PackageFirmwareInfo info;
+        info.fields.fill(Initial(c));
+        const bool result =
+            Bounded<bool>([&] { return GetPackageInfoFirmware(a.a, a.b, info); }, a.timeout);
+        if (c.json) {
+          PrintJson({{"result", result}, {"fields", FieldArray(info.fields)}});
+        } else {
+          std::printf("result: %s\nfields:\n", result ? "true" : "false");
+          PrintFields(info.fields, kPackageFieldNames);
+        }
+        return Finish(result);
+      });
+  Add(app, common, "fw-package-info", "version, type and carriers of FwPackageInfo.xml", {"path"},
+      FwPackage);
+  Add(app, common, "esim-disable-type",
+      "eSIM disable type of a SKU and an IMSI text (either may be left out)", {"path"}, Esim,
+      [](CLI::App* sub, Args& args) {
+        sub->add_option("--sku", args.sku, "the SKU (left out: none)");
+        sub->add_option("--imsi", args.imsi, "the IMSI or MCC+MNC text (left out: none)");
+      });
+  Add(app, common, "regulatory-by-mcc", "regulatory region of an MCC", {"path", "mcc"}, Region);
+  Add(app, common, "update-scatter",
+      "rewrite the download flags of C:\\Windows\\WWAN\\FwSwitchBin\\FlashData\\scatter.xml",
+      {"selection"}, [](const Common& c, const Args& a) {
+        const bool result = Bounded<bool>([&] { return UpdateScatterDownloadFlags(a.a); }, a.timeout);
+        if (c.json) {
+          PrintJson({{"result", result}});
+        } else {
+          std::printf("result: %s\n", result ? "true" : "false");
+        }
+        return Finish(result);
+      });
+}
+
+}  // namespace dorvane::ctl
