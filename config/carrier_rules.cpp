@@ -16,9 +16,9 @@ namespace {
 bool FindItem(XMLElement* table, const char* key_name, const std::string& key,
               std::string& carrier_id) {
   for (XMLElement* item = table::FirstEntry(table, "Item"); item; item = table::NextEntry(item)) {
-    std::string text = table::Text(item);
+    const char* text = item->GetText();  // read for every visited item, as deployed
     if (table::KeyIs(item, key_name, key)) {
-      carrier_id = text;
+      carrier_id = text == nullptr ? std::string() : std::string(text);
       return true;
     }
   }

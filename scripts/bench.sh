@@ -11,3 +11,4 @@ run() { "$repo/scripts/wine-run" "$@"; }
 run "$repo/build/tools/mbnsim/mbnsimctl.exe" register >/dev/null
 run "$repo/build/tools/mbnsim/mbnsimctl.exe" reset 1
 run "$repo/build/benchmarks/at_roundtrip.exe" 100 'C:\bench\Dorvane.log'
+run "$repo/build/benchmarks/table_lookup.exe" 10000 'C:\bench\tables.log'
