@@ -1,0 +1,177 @@
+"""dorvanectl under Wine: the table commands on small tables, in JSON, with
+their exit statuses.
+
+    test_dorvanectl.py --dorvanectl dorvanectl.exe --work DIR --base PREFIX
+"""
+import argparse
+import json
+import os
+import sys
+import unittest
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
+from winebox import WineBox  # noqa: E402
+
+ARGS = None
+
+RULES = """<Rules><SwitchingRule><SelectionRule>
+  <MCCMNCTable><Item mccmnc="310260">TMO</Item><Item mccmnc="310260">second</Item></MCCMNCTable>
+  <MCCTable><Item mcc="310"> US </Item></MCCTable>
+  <ICCIDTable><Range min="89012600000000000000" max="89012609999999999999">TMO-20</Range></ICCIDTable>
+</SelectionRule>
+<Registered mcc="310"><PARAMFirmware File="p.bin" Ver="1" Type="P" Count="03"/></Registered>
+</SwitchingRule></Rules>"""
+
+CARRIERS = """<F><CarrierList><Carrier id="TMO">
+  <APFirmware File="ap" Ver="1" Type="AP" Count="1"/><MDFirmware File="md" Ver="2" Type="MD" Count="2"/>
+  <OPFirmware File="op" Ver="3" Type="OP" Count="3"/></Carrier>
+  <CustModel id="X13"><OEMFirmware File="oem" Ver="5" Type="OEM" Count="1"><Switch_table File="sw.xml"/></OEMFirmware></CustModel>
+</CarrierList></F>"""
+
+PACKAGE_INFO = """<P><CarrierList>
+  <Carrier id="default"><Firmware File="d.bin" Ver="d"/><CustPack File="d.pak" Ver="dp"/></Carrier>
+  <Carrier id="310"><Firmware File="310.bin" Ver="3"/><CustPack File="310.pak" Ver="p3"/></Carrier>
+</CarrierList></P>"""
+
+FW_PACKAGE = """<Pkg><PackageVer>1.2</PackageVer><PackageType>FULL</PackageType><CarrierList>
+  <Carrier id="TMO" ver="7"><FWImage file="fw.bin" ver="f1"/><CustPack file="cp.bin" ver="c1"/></Carrier>
+</CarrierList></Pkg>"""
+
+SKUS = """<S><SKU_GUID ID="A"><Area ID="EU"><PARAMFirmware File="eu.bin" Ver="1" Type="P" Count="1"/></Area></SKU_GUID>
+<SKU_GUID ID="B"><Area ID="EU"/></SKU_GUID></S>"""
+
+ESIM = """<E><TableEnableFlag FlagValue="True"/><SKU_BlackList><SKU SKUValue="X13"/></SKU_BlackList>
+<IMSI_BlackList><MCCMNC MCCMNCValue="46000"/></IMSI_BlackList></E>"""
+
+REGION = """<R><SelectionRule><Region mcc="default" Regulatory="FCC"/><Region mcc="460" Regulatory="SRRC"/></SelectionRule></R>"""
+
+SCATTER = """<root><general/><storage_type>
+<partition_index><is_download>true</is_download></partition_index>
+<partition_index><is_download>false</is_download></partition_index>
+</storage_type></root>"""
+
+
+def blank(n, first=None, values=None):
+    """n empty fields, with `values` placed from index `first`."""
+    fields = [""] * n
+    for i, v in enumerate(values or []):
+        fields[first + i] = v
+    return fields
+
+
+class TableCommands(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.box = WineBox(os.path.join(ARGS.work, "tables"), base=ARGS.base)
+        cls.ctl = cls.box.put_file(ARGS.dorvanectl, r"C:\Program Files\Dorvane")
+        folder = cls.box.unix_path(r"C:\tables")
+        os.makedirs(folder, exist_ok=True)
+        for name, text in [("rules.xml", RULES), ("carriers.xml", CARRIERS),
+                           ("package_info.xml", PACKAGE_INFO), ("FwPackageInfo.xml", FW_PACKAGE),
+                           ("skus.xml", SKUS), ("esim.xml", ESIM), ("region.xml", REGION),
+                           ("broken.xml", "<Rules><SwitchingRule>")]:
+            with open(os.path.join(folder, name), "w") as f:
+                f.write(text)
+        flash = cls.box.unix_path(r"C:\Windows\WWAN\FwSwitchBin\FlashData")
+        os.makedirs(flash, exist_ok=True)
+        cls.scatter = os.path.join(flash, "scatter.xml")
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.box.close(discard=True)
+
+    def run_ctl(self, *args):
+        return self.box.run([self.ctl] + list(args), timeout=60)
+
+    def json_of(self, *args, status=0):
+        result = self.run_ctl("--json", *args)
+        self.assertEqual(status, result.returncode, result.stdout + result.stderr)
+        return json.loads(result.stdout)
+
+    def test_lookups_answer_as_the_library_does(self):
+        t = r"C:\tables" + "\\"
+        cases = [
+            (["carrier-id-by-mccmnc", "310260", t + "rules.xml"], 0, {"result": True, "output": "TMO"}),
+            (["carrier-id-by-mccmnc", "999", t + "rules.xml"], 0, {"result": True, "output": ""}),
+            (["carrier-id-by-mccmnc", "310260", t + "broken.xml"], 1, {"result": False, "output": ""}),
+            (["carrier-id-by-mcc", "310", t + "rules.xml"], 0, {"result": True, "output": " US "}),
+            (["carrier-id-by-mcc", "311", t + "rules.xml"], 1, {"result": False, "output": ""}),
+            (["carrier-id-by-iccid", "89012601234567890123", t + "rules.xml"], 0,
+             {"result": True, "output": "TMO-20"}),
+            (["selection-rule-by-mcc", "310", t + "rules.xml"], 1, {"result": False}),
+            (["carrier-firmware", "TMO", t + "carriers.xml"], 0,
+             {"result": True, "fields": ["TMO"] + blank(6) + ["ap", "1", "AP", "1", "md", "2", "MD", "2",
+                                                             "op", "3", "OP", "3"] + blank(5)}),
+            (["oem-firmware-by-model", "X13", t + "carriers.xml"], 0,
+             {"result": True, "fields": ["X13"] + blank(18) + ["oem", "5", "OEM", "1", "sw.xml"]}),
+            (["param-firmware-by-mcc", "310", t + "rules.xml"], 0,
+             {"result": True, "fields": blank(24, 19, ["p.bin", "1", "P", "03"])}),
+            (["param-firmware-by-sku", "A", "EU", t + "skus.xml"], 0,
+             {"result": True, "fields": blank(24, 19, ["eu.bin", "1", "P", "1"])}),
+            (["package-info-firmware", "999", t + "package_info.xml"], 0,
+             {"result": True, "fields": blank(9, 5, ["d.bin", "d", "d.pak", "dp"])}),
+            (["fw-package-info", t + "FwPackageInfo.xml"], 0,
+             {"result": True, "packageVer": "1.2", "packageType": "FULL",
+              "carriers": [["TMO", "7", "fw.bin", "f1", "cp.bin", "c1"] + blank(18)]}),
+            (["esim-disable-type", t + "esim.xml", "--sku", "x13", "--imsi", "46000"], 0, {"result": 256}),
+            (["esim-disable-type", t + "esim.xml", "--imsi", "46000"], 0, {"result": 1}),
+            (["esim-disable-type", t + "esim.xml"], 1, {"result": 4294967295}),
+            (["regulatory-by-mcc", t + "region.xml", "460"], 0, {"result": 1, "output": "SRRC"}),
+            (["regulatory-by-mcc", t + "region.xml", "999"], 0, {"result": 2, "output": "FCC"}),
+        ]
+        for args, status, expected in cases:
+            with self.subTest(args=args):
+                self.assertEqual(expected, self.json_of(*args, status=status))
+
+    def test_preset_shows_what_a_failed_lookup_leaves(self):
+        t = r"C:\tables" + "\\"
+        self.assertEqual({"result": False, "output": "P"},
+                         self.json_of("--preset", "P", "carrier-id-by-mcc", "999", t + "rules.xml", status=1))
+        answer = self.json_of("--preset", "P", "carrier-firmware", "TMO", t + "carriers.xml")
+        self.assertEqual(["TMO"] + ["P"] * 6, answer["fields"][:7], "fields the reader does not write")
+        self.assertEqual({"result": 0, "output": "P"},
+                         self.json_of("--preset", "P", "regulatory-by-mcc", t + "missing.xml", "460",
+                                      status=1))
+
+    def test_scatter_is_rewritten_in_place(self):
+        with open(self.scatter, "w") as f:
+            f.write(SCATTER)
+        self.assertEqual({"result": True}, self.json_of("update-scatter", ";false;"))
+        with open(self.scatter) as f:
+            text = f.read()
+        self.assertLess(text.index("<is_download>false</is_download>"),
+                        text.index("<is_download>true</is_download>"))
+        self.assertEqual({"result": False}, self.json_of("update-scatter", "", status=1))
+
+    def test_exit_statuses_for_usage_time_limit_and_help(self):
+        t = r"C:\tables" + "\\"
+        result = self.run_ctl("param-firmware-by-sku", "B", "EU", t + "skus.xml", "--timeout", "1")
+        self.assertEqual(4, result.returncode)
+        self.assertIn("did not return within 1 s", result.stderr)
+        self.assertEqual(2, self.run_ctl("carrier-id-by-mcc", "310").returncode)
+        self.assertEqual(2, self.run_ctl("no-such-command").returncode)
+        self.assertEqual(2, self.run_ctl("esim-disable-type", t + "esim.xml", "--timeout", "soon").returncode)
+        for args in (["--help"], ["carrier-firmware", "--help"]):
+            result = self.run_ctl(*args)
+            self.assertEqual(0, result.returncode)
+            self.assertIn("Usage:", result.stdout)
+        text = self.run_ctl("carrier-id-by-mccmnc", "310260", t + "rules.xml")
+        self.assertEqual("result: true\noutput: TMO\n", text.stdout)
+
+
+def main():
+    global ARGS
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--dorvanectl", required=True)
+    parser.add_argument("--work", required=True)
+    parser.add_argument("--base", required=True)
+    ARGS, rest = parser.parse_known_args()
+    ARGS.dorvanectl = os.path.abspath(ARGS.dorvanectl)
+    ARGS.work = os.path.abspath(ARGS.work)
+    ARGS.base = os.path.abspath(ARGS.base)
+    os.makedirs(ARGS.work, exist_ok=True)
+    unittest.main(argv=[sys.argv[0]] + rest, verbosity=2)
+
+
+if __name__ == "__main__":
+    main()
