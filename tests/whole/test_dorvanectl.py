@@ -1,5 +1,5 @@
-"""dorvanectl under Wine: the table commands on small tables, in JSON, with
-their exit statuses.
+"""dorvanectl under Wine: the table, registry and device-configuration commands
+on small tables and Wine's real registry, in JSON, with their exit statuses.
 
     test_dorvanectl.py --dorvanectl dorvanectl.exe --work DIR --base PREFIX
 """
@@ -157,6 +157,75 @@ class TableCommands(unittest.TestCase):
             self.assertIn("Usage:", result.stdout)
         text = self.run_ctl("carrier-id-by-mccmnc", "310260", t + "rules.xml")
         self.assertEqual("result: true\noutput: TMO\n", text.stdout)
+
+
+DEVICE_TABLE = r"""<T><WwanDeviceConfigureIDTable>
+  <CustProductNamePathToUniqueSkuID CombineMode="combine">
+    <CustProductNamePath RegistryPath="SOFTWARE\DorvaneCtl,Family"/>
+    <CustProductNamePath RegistryPath="SOFTWARE\DorvaneCtl,Missing"/>
+    <CustProductNamePath RegistryPath="SOFTWARE\DorvaneCtl,Model"/>
+  </CustProductNamePathToUniqueSkuID>
+  <UniqueSkuIDToWwanDeviceConfigureIDMappingTable>
+    <UniqueSkuID ProductID="THINKPAD_X13" WwanDeviceConfigID="CFG-13"/>
+  </UniqueSkuIDToWwanDeviceConfigureIDMappingTable>
+</WwanDeviceConfigureIDTable></T>"""
+
+IMAGE_TABLE = """<T><WwanDeviceConfigureIDToImageMappingTable>
+  <WwanDeviceConfigID ID="CFG-13"><Standard Value="310"><DEVFirmware File="us.bin" Ver="3" Type="USA" Count="12x"/></Standard></WwanDeviceConfigID>
+</WwanDeviceConfigureIDToImageMappingTable></T>"""
+
+
+class RegistryCommands(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.box = WineBox(os.path.join(ARGS.work, "registry"), base=ARGS.base)
+        cls.ctl = cls.box.put_file(ARGS.dorvanectl, r"C:\Program Files\Dorvane")
+        key = r"HKLM\SOFTWARE\DorvaneCtl"
+        for value, data in (("Family", "ThinkPad"), ("Model", "x13")):
+            cls.box.run(["reg", "add", key, "/v", value, "/d", data, "/f", "/reg:32"], check=True)
+        cls.box.run(["reg", "add", r"HKLM\SOFTWARE\DorvaneCtl64", "/v", "Only", "/d", "x", "/f",
+                     "/reg:64"], check=True)
+        with open(cls.box.unix_path(r"C:\device.xml"), "w") as f:
+            f.write(DEVICE_TABLE)
+        folder = cls.box.unix_path(r"C:\Windows\WWAN\FwSwitchBin\SarAntData")
+        os.makedirs(folder, exist_ok=True)
+        with open(os.path.join(folder, "WwanDeviceIdImageMappingTable.xml"), "w") as f:
+            f.write(IMAGE_TABLE)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.box.close(discard=True)
+
+    def json_of(self, *args, status=0):
+        result = self.box.run([self.ctl, "--json"] + list(args), timeout=60)
+        self.assertEqual(status, result.returncode, result.stdout + result.stderr)
+        return json.loads(result.stdout)
+
+    def test_values_of_the_32_bit_view(self):
+        self.assertEqual({"result": 0, "type": 1, "output": "ThinkPad"},
+                         self.json_of("reg-get", r"SOFTWARE\DorvaneCtl", "Family"))
+        self.assertEqual({"result": 1, "type": 1, "output": ""},
+                         self.json_of("reg-get", r"SOFTWARE\DorvaneCtl64", "Only", status=1),
+                         "a key of the 64-bit view only is not found")
+        self.assertEqual({"result": 0}, self.json_of("reg-set", r"SOFTWARE\DorvaneCtl", "Three", "abc"))
+        self.assertEqual({"result": 0, "type": 1, "size": 3, "bytes": "61 62 63 "},
+                         self.json_of("reg-get", "--raw", r"SOFTWARE\DorvaneCtl", "Three"))
+        self.assertEqual({"result": 0},
+                         self.json_of("reg-set-dword", r"SOFTWARE\DorvaneCtl", "Flag", "0x12345678"))
+        self.assertEqual({"result": 0, "type": 4, "size": 4, "bytes": "78 56 34 12 "},
+                         self.json_of("reg-get", "--raw", r"SOFTWARE\DorvaneCtl", "Flag"))
+        self.assertEqual({"result": 1},
+                         self.json_of("reg-set", r"SOFTWARE\DorvaneCtl\Absent", "x", "y", status=1))
+        query = self.box.run(["reg", "query", r"HKLM\SOFTWARE\DorvaneCtl\Absent", "/reg:32"])
+        self.assertNotEqual(0, query.returncode, "nothing was created")
+        self.assertEqual(2, self.box.run([self.ctl, "reg-set-dword", "K", "N", "many"]).returncode)
+
+    def test_device_configuration(self):
+        self.assertEqual({"result": True, "output": "CFG-13"}, self.json_of("device-config-id", r"C:\device.xml"))
+        self.assertEqual({"result": True, "fields": ["P", "P", "", "us.bin", "3", "USA", "310"], "count": 12},
+                         self.json_of("--preset", "P", "cfg-pk-info", "CFG-13", "310"))
+        self.assertEqual({"result": False, "fields": ["P"] * 7, "count": 0},
+                         self.json_of("--preset", "P", "cfg-pk-info", "cfg-13", "310", status=1))
 
 
 def main():

@@ -68,6 +68,7 @@ int Run(int argc, char** argv) {
   app.add_option("--log", common.log, "file for the library's log lines")->capture_default_str();
   AddAtCommands(app, common);
   AddTableCommands(app, common);
+  AddRegistryCommands(app, common);
 
   // The logger needs a usable file before the first line: a write that finds
   // none leaves it locked for good.
