@@ -11,25 +11,9 @@ namespace {
 using testing::Messages;
 using testing::ReadLog;
 
-class RulesTest : public ::testing::Test {
+class RulesTest : public testing::LogFixture {
  protected:
-  void SetUp() override {
-    dir_ = testing::MakeTempDir("rules");
-    log_ = dir_ + "\\Dorvane.log";
-    Logger::GetInstance()->Close();
-    Logger::GetInstance()->SetLogPath(log_);
-    Logger::GetInstance()->Enable(true);
-  }
-  std::string Table(const std::string& xml) {
-    const std::string path = dir_ + "\\rules" + std::to_string(n_++) + ".xml";
-    testing::WriteFileBytes(path, xml);
-    return path;
-  }
-  std::vector<std::string> messages() const { return Messages(ReadLog(log_)); }
-
-  std::string dir_;
-  std::string log_;
-  int n_ = 0;
+  std::string Table(const std::string& xml) { return WriteTable(xml); }
 };
 
 const char kRules[] = R"(<?xml version="1.0"?>
@@ -105,8 +89,7 @@ TEST_F(RulesTest, MccmncLogsItsStepsAndWhyItFailed) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.xml);
     const std::string path = Table(c.xml);
-    testing::WriteFileBytes(log_, "");
-    Logger::GetInstance()->Close();
+    ClearLog();
     out = "kept";
     EXPECT_FALSE(GetCarrierIdByMccmnc("310260", path, out));
     EXPECT_EQ("kept", out);

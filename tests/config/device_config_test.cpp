@@ -14,14 +14,10 @@ using testing::ReadLog;
 
 const char kProductKey[] = "SOFTWARE\\DorvaneTest\\Product";
 
-class DeviceConfigTest : public ::testing::Test {
+class DeviceConfigTest : public testing::LogFixture {
  protected:
   void SetUp() override {
-    dir_ = testing::MakeTempDir("devcfg");
-    log_ = dir_ + "\\Dorvane.log";
-    Logger::GetInstance()->Close();
-    Logger::GetInstance()->SetLogPath(log_);
-    Logger::GetInstance()->Enable(true);
+    LogFixture::SetUp();
     HKEY key = nullptr;
     ASSERT_EQ(ERROR_SUCCESS, ::RegCreateKeyExA(HKEY_LOCAL_MACHINE, kProductKey, 0, nullptr, 0,
                                                KEY_ALL_ACCESS | KEY_WOW64_32KEY, nullptr, &key, nullptr));
@@ -39,20 +35,9 @@ class DeviceConfigTest : public ::testing::Test {
     for (const std::string& p : paths) xml += "<CustProductNamePath RegistryPath=\"" + p + "\"/>";
     xml += "</CustProductNamePathToUniqueSkuID><UniqueSkuIDToWwanDeviceConfigureIDMappingTable>" + rows +
            "</UniqueSkuIDToWwanDeviceConfigureIDMappingTable></WwanDeviceConfigureIDTable></T>";
-    const std::string path = dir_ + "\\cfg" + std::to_string(n_++) + ".xml";
-    testing::WriteFileBytes(path, xml);
-    return path;
+    return WriteTable(xml);
   }
   static std::string Path(const char* value) { return std::string(kProductKey) + "," + value; }
-  std::vector<std::string> messages() const { return Messages(ReadLog(log_)); }
-  void ClearLog() {
-    Logger::GetInstance()->Close();
-    ::DeleteFileA(log_.c_str());
-  }
-
-  std::string dir_;
-  std::string log_;
-  int n_ = 0;
 };
 
 const char kRows[] =
@@ -125,8 +110,7 @@ TEST_F(DeviceConfigTest, BrokenTablesAreLoggedAndNotFound) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);
-    const std::string path = dir_ + "\\broken" + std::to_string(n_++) + ".xml";
-    testing::WriteFileBytes(path, c.xml);
+    const std::string path = WriteTable(c.xml);
     ClearLog();
     std::string id = "kept";
     EXPECT_FALSE(getWwanDeviceConfigID(path, id));

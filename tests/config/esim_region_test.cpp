@@ -12,30 +12,10 @@ using testing::IndexOf;
 using testing::Messages;
 using testing::ReadLog;
 
-class RulesTableTest : public ::testing::Test {
+class RulesTableTest : public testing::LogFixture {
  protected:
-  void SetUp() override {
-    dir_ = testing::MakeTempDir("esim");
-    log_ = dir_ + "\\Dorvane.log";
-    Logger::GetInstance()->Close();
-    Logger::GetInstance()->SetLogPath(log_);
-    Logger::GetInstance()->Enable(true);
-  }
-  std::string Table(const std::string& xml) {
-    const std::string path = dir_ + "\\t" + std::to_string(n_++) + ".xml";
-    testing::WriteFileBytes(path, xml);
-    return path;
-  }
-  void ClearLog() {
-    Logger::GetInstance()->Close();
-    ::DeleteFileA(log_.c_str());
-  }
-  std::vector<std::string> messages() const { return Messages(ReadLog(log_)); }
+  std::string Table(const std::string& xml) { return WriteTable(xml); }
   bool Logged(const std::string& text) const { return IndexOf(messages(), text) >= 0; }
-
-  std::string dir_;
-  std::string log_;
-  int n_ = 0;
 };
 
 std::string Esim(const std::string& flag, bool sku_list = true, bool imsi_list = true) {

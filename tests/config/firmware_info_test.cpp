@@ -14,30 +14,14 @@ using testing::Messages;
 using testing::ReadLog;
 using F = CarrierFirmwareInfo;
 
-class FirmwareTest : public ::testing::Test {
+class FirmwareTest : public testing::LogFixture {
  protected:
-  void SetUp() override {
-    dir_ = testing::MakeTempDir("firmware");
-    log_ = dir_ + "\\Dorvane.log";
-    Logger::GetInstance()->Close();
-    Logger::GetInstance()->SetLogPath(log_);
-    Logger::GetInstance()->Enable(true);
-  }
-  std::string Table(const std::string& xml, const std::string& name = "") {
-    const std::string path = dir_ + "\\" + (name.empty() ? "t" + std::to_string(n_++) + ".xml" : name);
-    testing::WriteFileBytes(path, xml);
-    return path;
-  }
+  std::string Table(const std::string& xml, const std::string& name = "") { return WriteTable(xml, name); }
   static CarrierFirmwareInfo Preset() {
     CarrierFirmwareInfo r;
     for (auto& f : r.fields) f = "x";
     return r;
   }
-  std::vector<std::string> messages() const { return Messages(ReadLog(log_)); }
-
-  std::string dir_;
-  std::string log_;
-  int n_ = 0;
 };
 
 const char kCarriers[] = R"(<Firmwares><CarrierList>
@@ -122,8 +106,7 @@ TEST_F(FirmwareTest, PackageInfoLogsItsThreeFailures) {
       {Table("<P/>"), "CarrierList failed"},
   };
   for (const Case& c : cases) {
-    testing::WriteFileBytes(log_, "");
-    Logger::GetInstance()->Close();
+    ClearLog();
     PackageFirmwareInfo info;
     info.fields[5] = "x";
     EXPECT_FALSE(GetPackageInfoFirmware("310", c.path, info));

@@ -11,21 +11,9 @@
 namespace dorvane {
 namespace {
 
-class MalformedTest : public ::testing::Test {
+class MalformedTest : public testing::LogFixture {
  protected:
-  void SetUp() override {
-    dir_ = testing::MakeTempDir("malformed");
-    Logger::GetInstance()->Close();
-    Logger::GetInstance()->SetLogPath(dir_ + "\\Dorvane.log");
-    Logger::GetInstance()->Enable(true);
-  }
-  std::string Table(const std::string& xml) {
-    const std::string path = dir_ + "\\t" + std::to_string(n_++) + ".xml";
-    testing::WriteFileBytes(path, xml);
-    return path;
-  }
-  std::string dir_;
-  int n_ = 0;
+  std::string Table(const std::string& xml) { return WriteTable(xml); }
 };
 
 TEST_F(MalformedTest, EntriesWithoutKeysNeverMatchEvenAnEmptyKey) {

@@ -233,7 +233,7 @@ TEST_F(ChannelTest, OpenAndFreeLogTheirStepsAndFreeWithoutChannelDoesNothing) {
   auto worker = Worker();
   ClearLog();
   EXPECT_EQ(0u, worker->FreeMBIM());
-  EXPECT_FALSE(testing::FileExists(path_)) << "nothing logged";
+  EXPECT_FALSE(testing::FileExists(log_)) << "nothing logged";
 
   EXPECT_FALSE(worker->CheckMBIM()) << "no interface";
   ASSERT_NE(nullptr, worker->channel()) << "kept until freed";

@@ -15,13 +15,10 @@ namespace {
 using testing::Messages;
 using testing::ReadLog;
 
-class SinkTest : public ::testing::Test {
+class SinkTest : public testing::LogFixture {
  protected:
   void SetUp() override {
-    path_ = testing::MakeTempDir("sink") + "\\Dorvane.log";
-    Logger::GetInstance()->Close();
-    Logger::GetInstance()->SetLogPath(path_);
-    Logger::GetInstance()->Enable(true);
+    LogFixture::SetUp();
     sink_ = new CrMbimServicesEvents(&text_, &pending_, 50);
   }
   void TearDown() override {
@@ -40,9 +37,6 @@ class SinkTest : public ::testing::Test {
     ::SafeArrayUnaccessData(a);
     return a;
   }
-  std::vector<std::string> messages() const { return Messages(ReadLog(path_)); }
-
-  std::string path_;
   std::string text_;
   std::vector<PendingCommand> pending_;
   CrMbimServicesEvents* sink_ = nullptr;

@@ -17,17 +17,12 @@ namespace {
 using testing::Messages;
 using testing::ReadLog;
 
-class MonitorTest : public ::testing::Test {
+class MonitorTest : public testing::LogFixture {
  protected:
   void SetUp() override {
     ASSERT_TRUE(testing::UnregisterSimulator());
-    path_ = testing::MakeTempDir("monitor") + "\\Dorvane.log";
-    Logger::GetInstance()->Close();
-    Logger::GetInstance()->SetLogPath(path_);
-    Logger::GetInstance()->Enable(true);
+    LogFixture::SetUp();
   }
-  std::vector<std::string> messages() const { return Messages(ReadLog(path_)); }
-  std::string path_;
 };
 
 class ObservedSink : public CMbnRegEvent {
@@ -102,7 +97,7 @@ TEST_F(MonitorTest, WithoutAMobileBroadbandStackAttachFailsAndDetachIsSafe) {
   EXPECT_FALSE(monitor.attached());
   monitor.Detach();
   monitor.Detach();
-  const auto records = ReadLog(path_);
+  const auto records = ReadLog(log_);
   ASSERT_EQ(2u, records.size());
   EXPECT_EQ("[ERROR] ", records[1].tag);
   EXPECT_EQ(
@@ -134,7 +129,7 @@ TEST_F(MonitorTest, SimQueryWithoutAStackKeepsTheTexts) {
     EXPECT_EQ(1u, sink.GetMccInfo());
   });
   worker_thread.join();
-  const auto records = ReadLog(path_);
+  const auto records = ReadLog(log_);
   ASSERT_EQ(3u, records.size());
   EXPECT_EQ("[ERROR] ", records[1].tag);
   EXPECT_EQ("[Fail][CStateWork::GetSimInfo] CoInitializeEx Fail.", records[1].message);

@@ -34,13 +34,13 @@ TEST_F(SimTest, AttachedSinkHearsArrivalAndRemovalAndDetachLeavesNothing) {
   EXPECT_EQ(1u, counters().advised_sinks);
 
   mbnsim::Arrive(mbnsim::DefaultInterface(1));
-  ASSERT_TRUE(testing::WaitForMessage(path_, "OnInterfaceArrival", 10000));
+  ASSERT_TRUE(testing::WaitForMessage(log_, "OnInterfaceArrival", 10000));
   EXPECT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(sim, 0));
   EXPECT_EQ("OnInterfaceArrival", worker->mccmnc());
 
   ASSERT_TRUE(mbnsim::Remove(1));
   ASSERT_TRUE(testing::WaitForMessage(
-      path_, "----------------[Info][CMbnChangeEvent::OnInterfaceRemoval]", 10000));
+      log_, "----------------[Info][CMbnChangeEvent::OnInterfaceRemoval]", 10000));
   EXPECT_EQ(static_cast<DWORD>(WAIT_TIMEOUT), ::WaitForSingleObject(sim, 0))
       << "a removal signals nothing";
 
@@ -94,7 +94,7 @@ TEST_F(SimTest, SimQueryReadsTheLastInterfacesSim) {
     const mbnsim::InterfaceInfo last = mbnsim::DefaultInterface(n - 1);
     EXPECT_EQ(last.home_provider_id, worker.mccmnc());
     EXPECT_EQ(last.iccid, worker.iccid());
-    const auto records = ReadLog(path_);
+    const auto records = ReadLog(log_);
     ASSERT_EQ(2u, records.size());
     EXPECT_EQ("[ERROR] ", records[1].tag) << "logged at the error level";
     EXPECT_EQ(kHomeLine + last.home_provider_id, records[1].message);

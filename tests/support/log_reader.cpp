@@ -115,3 +115,30 @@ long long FileSize(const std::string& path) {
 }
 
 }  // namespace dorvane::testing
+
+#include "log/logger.h"
+
+namespace dorvane::testing {
+
+void LogFixture::SetUp() {
+  dir_ = MakeTempDir("test");
+  log_ = dir_ + "\\Dorvane.log";
+  Logger::GetInstance()->Close();
+  Logger::GetInstance()->SetLogPath(log_);
+  Logger::GetInstance()->Enable(true);
+}
+
+std::vector<std::string> LogFixture::messages() const { return Messages(ReadLog(log_)); }
+
+void LogFixture::ClearLog() {
+  Logger::GetInstance()->Close();
+  ::DeleteFileA(log_.c_str());
+}
+
+std::string LogFixture::WriteTable(const std::string& text, const std::string& name) {
+  const std::string path = dir_ + "\\" + (name.empty() ? "t" + std::to_string(tables_++) + ".xml" : name);
+  WriteFileBytes(path, text);
+  return path;
+}
+
+}  // namespace dorvane::testing

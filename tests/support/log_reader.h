@@ -4,6 +4,8 @@
 
 #include <windows.h>
 
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
 
@@ -39,5 +41,25 @@ void WriteFileBytes(const std::string& path, const std::string& bytes);
 void MakeFileOfSize(const std::string& path, long long size);
 bool FileExists(const std::string& path);
 long long FileSize(const std::string& path);
+
+}  // namespace dorvane::testing
+
+namespace dorvane::testing {
+
+// A test whose process-wide log goes to a file of its own, in a fresh folder
+// where the test may also write its tables.
+class LogFixture : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  std::vector<std::string> messages() const;
+  // Empties the log; the next line starts it again with a banner.
+  void ClearLog();
+  // Writes `text` to a new file in the test's folder (or to `name` there).
+  std::string WriteTable(const std::string& text, const std::string& name = "");
+
+  std::string dir_;
+  std::string log_;
+  int tables_ = 0;
+};
 
 }  // namespace dorvane::testing

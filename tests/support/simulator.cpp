@@ -45,10 +45,7 @@ void SimFixture::SetUp() {
   ASSERT_TRUE(SUCCEEDED(::CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
   ASSERT_TRUE(RegisterSimulator());
   UseInterfaces(1);
-  path_ = MakeTempDir("sim") + "\\Dorvane.log";
-  Logger::GetInstance()->Close();
-  Logger::GetInstance()->SetLogPath(path_);
-  Logger::GetInstance()->Enable(true);
+  LogFixture::SetUp();
 }
 
 void SimFixture::UseInterfaces(int n) {
@@ -56,13 +53,6 @@ void SimFixture::UseInterfaces(int n) {
   std::vector<mbnsim::InterfaceInfo> all;
   for (int i = 0; i < n; ++i) all.push_back(mbnsim::DefaultInterface(i));
   mbnsim::SetInterfaces(all);
-}
-
-std::vector<std::string> SimFixture::messages() const { return Messages(ReadLog(path_)); }
-
-void SimFixture::ClearLog() {
-  Logger::GetInstance()->Close();
-  ::DeleteFileA(path_.c_str());
 }
 
 mbnsim::Counters SimFixture::counters() const {

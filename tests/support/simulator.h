@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "support/log_reader.h"
 #include "tools/mbnsim/scenario.h"
 
 namespace dorvane::testing {
@@ -21,23 +22,18 @@ bool UnregisterSimulator();
 
 // The simulator registered with a fresh scenario of one interface, this thread
 // in the multithreaded apartment, and the process's log in a new file.
-class SimFixture : public ::testing::Test {
+class SimFixture : public LogFixture {
  protected:
   void SetUp() override;
 
   // A fresh scenario with `n` default interfaces.
   void UseInterfaces(int n);
-  std::vector<std::string> messages() const;
-  // Empties the log (the next write starts it again with a banner).
-  void ClearLog();
   mbnsim::Counters counters() const;
   // Waits until the simulator has delivered every queued completion.
   void WaitIdle();
   // Every object handed out is released, no sink stays advised, nothing was
   // released twice or unadvised with a wrong cookie.
   void ExpectNothingLeft();
-
-  std::string path_;
 };
 
 }  // namespace dorvane::testing

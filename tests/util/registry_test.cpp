@@ -18,13 +18,10 @@ using testing::ReadLog;
 const char kKey32[] = "SOFTWARE\\DorvaneTest\\Values";
 const char kKey64Only[] = "SOFTWARE\\DorvaneTest64Only";
 
-class RegistryTest : public ::testing::Test {
+class RegistryTest : public testing::LogFixture {
  protected:
   void SetUp() override {
-    log_ = testing::MakeTempDir("registry") + "\\Dorvane.log";
-    Logger::GetInstance()->Close();
-    Logger::GetInstance()->SetLogPath(log_);
-    Logger::GetInstance()->Enable(true);
+    LogFixture::SetUp();
     ::RegDeleteTreeA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Wow6432Node\\DorvaneTest");
     Create(kKey32, KEY_WOW64_32KEY);
   }
@@ -40,12 +37,6 @@ class RegistryTest : public ::testing::Test {
     ::RegSetValueExA(key, name, 0, type, static_cast<const BYTE*>(data), size);
     ::RegCloseKey(key);
   }
-  std::vector<std::string> messages() const { return Messages(ReadLog(log_)); }
-  void ClearLog() {
-    Logger::GetInstance()->Close();
-    ::DeleteFileA(log_.c_str());
-  }
-  std::string log_;
 };
 
 TEST_F(RegistryTest, StringValuesAreReadFromThe32BitView) {
