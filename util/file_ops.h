@@ -1,0 +1,45 @@
+// Folder and file operations of the firmware-switching installation: copying
+// and deleting folders, testing for a file, making a folder chain.
+//
+// Paths are narrow (ANSI) strings passed to the A-form file functions; every
+// path they build is cut at 259 characters (see path_buffer.h). Each failure is
+// one log line and a result; nothing throws, and partial work (files already
+// copied or deleted, folders already made) stays in place.
+//
+//   if (IsFileExist(package)) MakeFolders(target + "\\");
+//   CopyFileInDir(driver_folder, driver_folder + "x64\\");
+#pragma once
+
+#include <string>
+
+namespace dorvane {
+
+// Results of CopyFileInDir.
+inline constexpr int kCopyWalked = 1;
+inline constexpr int kCopyEmptyArgument = -1;   // 0xFFFFFFFF
+inline constexpr int kCopySourceUnlisted = -3;  // 0xFFFFFFFD
+
+// Copies every file directly in `source` into `destination`, replacing files of
+// the same name; the destination folder is not created. A sub-folder S of the
+// source is handed to a nested call with the two arguments swapped, that is,
+// the files of destination\S are copied into source\S (installers depend on
+// this direction). Returns kCopyWalked when the walk ran (single failed copies
+// are logged and skipped), kCopyEmptyArgument when either argument is empty,
+// kCopySourceUnlisted when the source cannot be listed.
+int CopyFileInDir(const std::string& destination, const std::string& source);
+
+// Deletes `folder` with everything in it. The first entry the listing hands out
+// is never looked at (on every file system this runs on, that is "."). Returns 1
+// when the folder itself was removed, 0 otherwise (logged).
+int DeleteDir(const std::string& folder);
+
+// True when `path` (file or folder) exists; otherwise logs the path with the
+// platform's error number and returns false.
+bool IsFileExist(const std::string& path);
+
+// Creates, after turning every "/" into "\", the folder named by the text
+// before each backslash, so "C:\a\b\" makes C:\a and C:\a\b; the text after the
+// last backslash is not made. Failures (a folder that exists) are ignored.
+void MakeFolders(const std::string& path);
+
+}  // namespace dorvane
