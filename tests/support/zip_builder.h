@@ -1,0 +1,50 @@
+// Zip archives written byte by byte for the reader's tests: any entry name,
+// data descriptors, Zip64 records, and the positions of every record so that a
+// test can damage exactly one field.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace dorvane::testing {
+
+struct ZipItem {
+  std::string name;
+  std::string data;
+  bool deflate = false;
+  // Sizes and CRC in a data descriptor after the data (zeros in the local header).
+  bool descriptor = false;
+  // Sizes and offset in a Zip64 extra field (all ones in the fixed fields).
+  bool zip64 = false;
+  uint16_t flags = 0;  // further general-purpose flags, such as 1 (encrypted)
+};
+
+// Where the records of a built archive start.
+struct ZipLayout {
+  std::vector<size_t> local;    // local header of each entry
+  std::vector<size_t> data;     // first data byte of each entry
+  std::vector<size_t> central;  // central header of each entry
+  size_t end = 0;               // end-of-central-directory record
+};
+
+// Offsets of fields inside the records, for damaging them.
+inline constexpr size_t kCentralCrcField = 16;
+inline constexpr size_t kCentralCompressedField = 20;
+inline constexpr size_t kCentralSizeField = 24;
+inline constexpr size_t kEndCountField = 10;
+inline constexpr size_t kEndOffsetField = 16;
+
+// The archive bytes; with `zip64_end`, also the Zip64 end record and locator,
+// the classic end record then holding all ones.
+std::string BuildZip(const std::vector<ZipItem>& items, bool zip64_end = false,
+                     ZipLayout* layout = nullptr);
+
+void PutLe16(std::string& bytes, size_t at, uint16_t value);
+void PutLe32(std::string& bytes, size_t at, uint32_t value);
+
+// Raw deflate data of `data`, as a zip entry holds it.
+std::string Deflate(const std::string& data);
+uint32_t Crc32(const std::string& data);
+
+}  // namespace dorvane::testing

@@ -1,0 +1,99 @@
+"""Makes the archives that the zip reader is checked against, with writers
+other than our own: Python's zipfile and Info-ZIP's zip.
+
+    make_zips.py OUTDIR
+
+Writes OUTDIR/*.zip and OUTDIR/manifest.txt, one line per entry in the order
+of each archive's central directory: archive, name, size and CRC-32 in hex
+(size "-" for a folder entry), separated by tabs.
+"""
+import io
+import os
+import random
+import shutil
+import subprocess
+import sys
+import zipfile
+
+
+def make_tree(root):
+    """A small firmware-like folder: text, an image larger than the reader's
+    buffers (half compressible, half noise), an empty file, nested folders."""
+    rng = random.Random(7)
+    files = {
+        "readme.txt": b"firmware package for tests\n" * 20,
+        "image.bin": b"".join(b"block %06d " % i for i in range(50000))
+        + bytes(rng.getrandbits(8) for _ in range(600000)),
+        "empty.txt": b"",
+        "sub/deeper/inner.txt": b"inner file\n",
+    }
+    for name, data in files.items():
+        path = os.path.join(root, name)
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "wb") as f:
+            f.write(data)
+    return files
+
+
+class Unseekable(io.RawIOBase):
+    """A write-only stream: zipfile then writes data descriptors."""
+
+    def __init__(self):
+        self.data = bytearray()
+
+    def writable(self):
+        return True
+
+    def write(self, b):
+        self.data += b
+        return len(b)
+
+
+def python_archives(out, files):
+    with zipfile.ZipFile(os.path.join(out, "python.zip"), "w") as z:
+        z.writestr("readme.txt", files["readme.txt"], zipfile.ZIP_STORED)
+        z.writestr("image.bin", files["image.bin"], zipfile.ZIP_DEFLATED)
+        z.writestr("empty.txt", b"", zipfile.ZIP_STORED)
+        z.writestr("empty-deflated.txt", b"", zipfile.ZIP_DEFLATED)
+        z.writestr("sub/", b"")
+        z.writestr("sub/deeper/inner.txt", files["sub/deeper/inner.txt"], zipfile.ZIP_DEFLATED)
+        z.writestr("caf\u00e9.txt", b"utf-8 name", zipfile.ZIP_STORED)  # flagged as UTF-8
+    stream = Unseekable()
+    with zipfile.ZipFile(stream, "w") as z:
+        z.writestr("readme.txt", files["readme.txt"], zipfile.ZIP_STORED)
+        z.writestr("image.bin", files["image.bin"], zipfile.ZIP_DEFLATED)
+        z.writestr("empty.txt", b"", zipfile.ZIP_DEFLATED)
+    with open(os.path.join(out, "python-descriptors.zip"), "wb") as f:
+        f.write(stream.data)
+
+
+def infozip_archives(out, src):
+    names = ["readme.txt", "image.bin", "empty.txt", "sub/", "sub/deeper/", "sub/deeper/inner.txt"]
+    run = lambda args, **kw: subprocess.run(args, cwd=src, check=True, **kw)
+    # -fz: Zip64 extra fields and Zip64 end records although nothing needs them.
+    run(["zip", "-q", "-X", "-fz", os.path.join(out, "infozip-zip64.zip")] + names)
+    run(["zip", "-q", "-X", "-0", os.path.join(out, "infozip-stored.zip")] + names)
+    # Written to a pipe, zip cannot seek back: data descriptors.
+    piped = run(["zip", "-q", "-X", "-"] + names, stdout=subprocess.PIPE).stdout
+    with open(os.path.join(out, "infozip-piped.zip"), "wb") as f:
+        f.write(piped)
+
+
+def main():
+    out = os.path.abspath(sys.argv[1])
+    shutil.rmtree(out, ignore_errors=True)
+    src = os.path.join(out, "src")
+    os.makedirs(src)
+    files = make_tree(src)
+    python_archives(out, files)
+    infozip_archives(out, src)
+    with open(os.path.join(out, "manifest.txt"), "w", encoding="utf-8", newline="\n") as m:
+        for archive in sorted(n for n in os.listdir(out) if n.endswith(".zip")):
+            with zipfile.ZipFile(os.path.join(out, archive)) as z:
+                for info in z.infolist():
+                    size = "-" if info.is_dir() else str(info.file_size)
+                    m.write("%s\t%s\t%s\t%08x\n" % (archive, info.filename, size, info.CRC))
+
+
+if __name__ == "__main__":
+    main()
