@@ -69,6 +69,7 @@ int Run(int argc, char** argv) {
   AddAtCommands(app, common);
   AddTableCommands(app, common);
   AddRegistryCommands(app, common);
+  AddFileCommands(app, common);
 
   // The logger needs a usable file before the first line: a write that finds
   // none leaves it locked for good.

@@ -42,5 +42,6 @@ void PrintRaw(const std::string& text);
 void AddAtCommands(CLI::App& app, Common& common);
 void AddTableCommands(CLI::App& app, Common& common);
 void AddRegistryCommands(CLI::App& app, Common& common);
+void AddFileCommands(CLI::App& app, Common& common);
 
 }  // namespace dorvane::ctl

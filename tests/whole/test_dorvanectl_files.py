@@ -1,0 +1,142 @@
+"""dorvanectl's file, package and process commands under Wine: arguments in the
+operations' order, --json results, exit statuses, and the effects on disk.
+
+    test_dorvanectl_files.py --dorvanectl dorvanectl.exe --work DIR --base PREFIX
+"""
+import argparse
+import io
+import json
+import os
+import sys
+import unittest
+import zipfile
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
+from winebox import WineBox  # noqa: E402
+
+ARGS = None
+DRIVER = "C:\\Windows\\WWAN\\FwSwitchBin\\FirmwareData\\USBDriver\\"
+LOG = "C:\\ctl\\files.log"
+
+
+class FileCommands(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.box = WineBox(os.path.join(ARGS.work, "files"), base=ARGS.base)
+        cls.ctl_path = cls.box.put_file(ARGS.dorvanectl, "C:\\ctl")
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.box.close(discard=True)
+
+    def ctl(self, *args):
+        """(exit status, the JSON object printed)."""
+        result = self.box.run([self.ctl_path, "--json", "--log", LOG] + list(args))
+        return result.returncode, json.loads(result.stdout) if result.stdout.strip() else None
+
+    def put(self, windows_path, data):
+        path = self.box.unix_path(windows_path)
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "wb") as f:
+            f.write(data if isinstance(data, bytes) else data.encode())
+
+    def exists(self, windows_path):
+        return os.path.exists(self.box.unix_path(windows_path))
+
+    def read(self, windows_path):
+        with open(self.box.unix_path(windows_path), "rb") as f:
+            return f.read()
+
+    def zip_bytes(self, entries):
+        data = io.BytesIO()
+        with zipfile.ZipFile(data, "w", zipfile.ZIP_DEFLATED) as z:
+            for name, content in entries:
+                z.writestr(zipfile.ZipInfo(name), content)
+        return data.getvalue()
+
+    def test_folders_existence_and_processes(self):
+        self.put("C:\\t1\\src\\a.txt", "a")
+        self.box.run(["cmd", "/c", "mkdir", "C:\\t1\\dst"])
+        self.assertEqual((0, {"result": 1}), self.ctl("copy-dir", "C:\\t1\\dst", "C:\\t1\\src"))
+        self.assertEqual(b"a", self.read("C:\\t1\\dst\\a.txt"))
+        self.assertEqual((1, {"result": -1}), self.ctl("copy-dir", "C:\\t1\\dst", ""))
+        self.assertEqual((1, {"result": -3}), self.ctl("copy-dir", "C:\\t1\\dst", "C:\\t1\\none"))
+
+        self.assertEqual((0, {"result": True}), self.ctl("file-exists", "C:\\t1\\dst\\a.txt"))
+        self.assertEqual((1, {"result": False}), self.ctl("file-exists", "C:\\t1\\dst\\b.txt"))
+        self.assertEqual((0, {"result": None}), self.ctl("make-folders", "C:\\t1\\m/n\\o/"))
+        self.assertTrue(self.exists("C:\\t1\\m\\n\\o"))
+        self.assertEqual((0, {"result": 1}), self.ctl("delete-dir", "C:\\t1"))
+        self.assertFalse(self.exists("C:\\t1"))
+        self.assertEqual((1, {"result": 0}), self.ctl("delete-dir", "C:\\t1"))
+        log = self.read(LOG).decode("latin-1")
+        self.assertIn("C:\\t1\\dst\\b.txt file is not exist error=2", log)
+        self.assertIn("Delete dir failed", log)
+
+        cmd = "C:\\windows\\system32\\cmd.exe"
+        self.assertEqual((0, {"result": 3}), self.ctl("run-process", cmd, "cmd /c exit 3"))
+        self.assertEqual((1, {"result": -999}), self.ctl("run-process", "C:\\none.exe", ""))
+
+    def test_packages_and_names(self):
+        self.put("C:\\t2\\pkg\\fw.zip", self.zip_bytes([
+            ("img/a.bin", b"A" * 5000), ("..\\..\\up.txt", b"up"), ("d/../../x", b"x")]))
+        status, listing = self.ctl("zip-items", "C:\\t2\\pkg\\fw.zip")
+        self.assertEqual(0, status)
+        self.assertEqual((0, "Success", 3), (listing["result"], listing["text"], listing["count"]))
+        self.assertEqual(["img/a.bin", "up.txt", "../x"], [i["name"] for i in listing["items"]])
+        self.assertEqual(5000, listing["items"][0]["size"])
+
+        self.assertEqual((0, {"result": 1}),
+                         self.ctl("unzip-package", "C:\\t2\\pkg\\", "fw.zip", "C:\\t2\\out\\", "fw"))
+        self.assertEqual(b"A" * 5000, self.read("C:\\t2\\out\\fw\\img\\a.bin"))
+        self.assertEqual(b"up", self.read("C:\\t2\\out\\fw\\up.txt"))
+        self.assertEqual(b"x", self.read("C:\\t2\\out\\x"), "the kept one-level-up name")
+        self.assertEqual((1, {"result": 0}),
+                         self.ctl("unzip-package", "C:\\t2\\pkg\\", "no.zip", "C:\\t2\\out\\", "fw"))
+
+        self.assertEqual((0, {"result": 1}),
+                         self.ctl("unzip-all-items", "C:\\t2\\all\\", "C:\\t2\\pkg\\fw.zip"))
+        self.assertTrue(self.exists("C:\\t2\\all\\img\\a.bin"))
+        self.put("C:\\t2\\bad.zip", b"PK not really")
+        self.assertEqual((0, {"result": 1}), self.ctl("unzip-all-items", "C:\\t2\\b\\", "C:\\t2\\bad.zip"))
+        self.assertIn("GetZipItem failed.", self.read(LOG).decode("latin-1"))
+        status, listing = self.ctl("zip-items", "C:\\t2\\bad.zip")
+        self.assertEqual((1, 0x700, "Zipfile is corrupt or not a zipfile"),
+                         (status, listing["result"], listing["text"]))
+
+    def test_usb_driver_installation(self):
+        self.assertEqual((1, {"result": 0}), self.ctl("install-usb-driver"))
+        self.put(DRIVER + "Uninstall_Inf.bat", "@echo uninstall>>order.txt\r\n")
+        self.put(DRIVER + "Install_Inf.bat",
+                 "@if exist drv.inf echo install-after-copy>>order.txt\r\n")
+        self.put(DRIVER + "x64\\drv.inf", "inf")
+        self.assertEqual((0, {"result": 1}), self.ctl("install-usb-driver"))
+        self.assertEqual(b"uninstall\r\ninstall-after-copy\r\n", self.read(DRIVER + "order.txt"))
+
+    def test_result_texts_and_usage(self):
+        self.assertEqual((0, {"result": 35, "text": "Zipfile is corrupt or not a zipfile"}),
+                         self.ctl("zip-result-text", "0x700"))
+        self.assertEqual((0, {"result": 35, "text": "Zipfile"}),
+                         self.ctl("zip-result-text", "1792", "--size", "8"))
+        self.assertEqual((0, {"result": 24, "text": "Culdn't duplicate handle"}),
+                         self.ctl("zip-result-text", "256"))
+        self.assertEqual((0, {"result": 7, "text": "Success"}), self.ctl("zip-result-text", "1"))
+        self.assertEqual(2, self.ctl("zip-result-text", "0x7G")[0])
+        self.assertEqual(2, self.ctl("copy-dir", "C:\\only-one")[0])
+        self.assertEqual(2, self.ctl("unzip-package", "a", "b", "c")[0])
+
+
+def main():
+    global ARGS
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--dorvanectl", required=True)
+    parser.add_argument("--work", required=True, help="folder for the test's prefix")
+    parser.add_argument("--base", required=True, help="base prefix, made if missing")
+    ARGS, rest = parser.parse_known_args()
+    ARGS.dorvanectl = os.path.abspath(ARGS.dorvanectl)
+    os.makedirs(ARGS.work, exist_ok=True)
+    unittest.main(argv=[sys.argv[0]] + rest, verbosity=2)
+
+
+if __name__ == "__main__":
+    main()
