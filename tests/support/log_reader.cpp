@@ -130,6 +130,14 @@ void LogFixture::SetUp() {
 
 std::vector<std::string> LogFixture::messages() const { return Messages(ReadLog(log_)); }
 
+std::vector<std::string> LogFixture::tagged() const {
+  std::vector<std::string> out;
+  for (const LogRecord& r : ReadLog(log_)) {
+    if (r.tag != "banner") out.push_back(r.tag + r.message);
+  }
+  return out;
+}
+
 void LogFixture::ClearLog() {
   Logger::GetInstance()->Close();
   ::DeleteFileA(log_.c_str());

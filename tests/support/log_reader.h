@@ -52,10 +52,14 @@ class LogFixture : public ::testing::Test {
  protected:
   void SetUp() override;
   std::vector<std::string> messages() const;
+  // The messages with their tags in front: "[ERROR] text", "[DETAIL]text".
+  std::vector<std::string> tagged() const;
   // Empties the log; the next line starts it again with a banner.
   void ClearLog();
   // Writes `text` to a new file in the test's folder (or to `name` there).
   std::string WriteTable(const std::string& text, const std::string& name = "");
+  // A path in the test's folder.
+  std::string In(const std::string& relative) const { return dir_ + "\\" + relative; }
 
   std::string dir_;
   std::string log_;

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "support/log_fixture.h"
+#include "support/log_reader.h"
 #include "support/tree.h"
 #include "support/zip_builder.h"
 #include "util/file_ops.h"
@@ -23,13 +23,8 @@ using testing::WriteFileBytes;
 
 using Lines = std::vector<std::string>;
 
-class PackageTest : public testing::LoggedTest {
+class PackageTest : public testing::LogFixture {
  protected:
-  Lines Tagged() const {
-    Lines out;
-    for (const auto& r : records()) out.push_back(r.tag + r.message);
-    return out;
-  }
   // A package with one file, written to `relative`.
   std::string OneFilePackage(const std::string& relative) {
     MakeFolders(In(relative));
@@ -44,8 +39,8 @@ TEST_F(PackageTest, MissingPackageIsLoggedAndNothingIsMade) {
   const std::string package = In("pkg\\fw.zip");
   EXPECT_EQ((Lines{"[ERROR] " + package + " file is not exist error=2",
                    "[ERROR] Unzip Package not exist.", "[ERROR] " + package}),
-            Tagged());
-  EXPECT_EQ((Lines{"pkg/"}), TreeOf(dir_, {"log"}));
+            tagged());
+  EXPECT_EQ((Lines{"pkg/"}), TreeOf(dir_, {"Dorvane.log"}));
 }
 
 TEST_F(PackageTest, TargetIsFolderPlusSubFolderPlusBackslashAsGiven) {
@@ -60,7 +55,7 @@ TEST_F(PackageTest, TargetIsFolderPlusSubFolderPlusBackslashAsGiven) {
     SCOPED_TRACE(c.target);
     testing::RemoveTree(In("a"));
     EXPECT_EQ(1, UnzipPackage(In("pkg\\"), "fw.zip", In(c.target), "c"));
-    EXPECT_EQ(c.tree, TreeOf(dir_, {"log", "pkg"}));
+    EXPECT_EQ(c.tree, TreeOf(dir_, {"Dorvane.log", "pkg"}));
   }
   EXPECT_EQ(Lines{}, messages());
 }
@@ -69,7 +64,7 @@ TEST_F(PackageTest, MissingArchiveIsLoggedWithItsErrorNumber) {
   EXPECT_EQ(0, UnzipAllItems(In("out\\"), In("none.zip")));
   EXPECT_EQ((Lines{"[ERROR] " + In("none.zip") + " file is not exist error=2",
                    "[ERROR] unZip file not exist."}),
-            Tagged());
+            tagged());
 }
 
 TEST_F(PackageTest, UnlistableArchiveIsLoggedReturnsOneAndIsClosed) {
@@ -83,7 +78,7 @@ TEST_F(PackageTest, UnlistableArchiveIsLoggedReturnsOneAndIsClosed) {
     CloseZip(open);
   }
   EXPECT_EQ(1, UnzipAllItems(In("out\\"), archive));
-  EXPECT_EQ(Lines{"[ERROR] GetZipItem failed."}, Tagged());
+  EXPECT_EQ(Lines{"[ERROR] GetZipItem failed."}, tagged());
   EXPECT_TRUE(::DeleteFileA(archive.c_str()));
 }
 
@@ -99,7 +94,7 @@ TEST_F(PackageTest, EntryNamesLandWhereTheNameRulesPutThem) {
   EXPECT_EQ((Lines{"box/", "box/target/", "box/target/abs.txt", "box/target/drive.txt",
                    "box/target/ok/", "box/target/ok/inner.txt", "box/target/server/",
                    "box/target/server/share.txt", "box/target/up.txt", "box/x", "names.zip"}),
-            TreeOf(dir_, {"log"}));
+            TreeOf(dir_, {"Dorvane.log"}));
   EXPECT_EQ("kept one level up", testing::ReadFileBytes(In("box\\x")));
 }
 
@@ -109,7 +104,7 @@ TEST_F(PackageTest, AFailingEntryDoesNotStopTheOthers) {
   bytes[at.local[1]] = 'X';
   WriteFileBytes(In("p.zip"), bytes);
   EXPECT_EQ(1, UnzipAllItems(In("out\\"), In("p.zip")));
-  EXPECT_EQ((Lines{"out/", "out/first.txt", "out/last.txt"}), TreeOf(dir_, {"log", "p.zip"}));
+  EXPECT_EQ((Lines{"out/", "out/first.txt", "out/last.txt"}), TreeOf(dir_, {"Dorvane.log", "p.zip"}));
   EXPECT_EQ(Lines{}, messages());
 }
 
@@ -154,7 +149,7 @@ TEST_F(UsbDriverTest, WithoutTheUninstallBatchNothingRuns) {
   EXPECT_EQ((Lines{"[DETAIL]InstallUSBDriver enter.",
                    "[ERROR] " + Base("Uninstall_Inf.bat") + " file is not exist error=2",
                    "[ERROR] USBDriver not exist."}),
-            Tagged());
+            tagged());
   EXPECT_EQ((Lines{"Install_Inf.bat"}), TreeOf(Base()));
 }
 
@@ -182,9 +177,9 @@ TEST_F(UsbDriverTest, InstallBatchIsRunEvenWhenThereIsNothingToCopy) {
   Put("Uninstall_Inf.bat", "@echo uninstall>>order.txt\r\n");
   EXPECT_EQ(1, InstallUSBDriver());
   EXPECT_EQ("uninstall\r\n", testing::ReadFileBytes(Base("order.txt")));
-  const Lines tagged = Tagged();
-  ASSERT_FALSE(tagged.empty());
-  EXPECT_EQ("[ERROR] Create process failed", tagged.back()) << "Install_Inf.bat is missing";
+  const Lines lines = tagged();
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ("[ERROR] Create process failed", lines.back()) << "Install_Inf.bat is missing";
 }
 
 }  // namespace
