@@ -5,7 +5,8 @@ memory of our process on that package and on a tiny one.
 
     bench_zip.py --exe unzip_package.exe --work DIR [--rounds 3] [--size-mib 256]
 
-Run through scripts/bench-zip.sh, which builds and prepares the Wine prefix.
+Run through scripts/bench.sh (alone: "scripts/bench.sh zip"), which builds and
+prepares the Wine prefix.
 """
 import argparse
 import json

@@ -1,5 +1,8 @@
 #!/usr/bin/env bash
-# Runs the benchmarks under Wine against the simulator, in a prefix of their own.
+# Runs the benchmarks under Wine, in a prefix of their own: the AT round trip
+# against the simulator, a table lookup, and the package extraction against
+# Info-ZIP unzip. "bench.sh zip [ARGS]" runs the extraction alone, passing ARGS
+# on to benchmarks/bench_zip.py (for example --rounds 5).
 set -euo pipefail
 repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 "$repo/scripts/build.sh" >/dev/null
@@ -8,7 +11,18 @@ export WINEPREFIX="$repo/build/wine/bench"
 wineserver -p </dev/null >/dev/null 2>&1 || true
 trap 'wineserver -k >/dev/null 2>&1 || true' EXIT
 run() { "$repo/scripts/wine-run" "$@"; }
+run cmd /c exit </dev/null >/dev/null 2>&1 || true
+unzip_bench() {
+  python3 "$repo/benchmarks/bench_zip.py" --exe "$repo/build/benchmarks/unzip_package.exe" \
+    --work "$repo/build/bench/zip" "$@"
+}
+if [ "${1-}" = zip ]; then
+  shift
+  unzip_bench "$@"
+  exit
+fi
 run "$repo/build/tools/mbnsim/mbnsimctl.exe" register >/dev/null
 run "$repo/build/tools/mbnsim/mbnsimctl.exe" reset 1
 run "$repo/build/benchmarks/at_roundtrip.exe" 100 'C:\bench\Dorvane.log'
 run "$repo/build/benchmarks/table_lookup.exe" 10000 'C:\bench\tables.log'
+unzip_bench

@@ -31,13 +31,13 @@ std::string FixtureDir() {
 
 // The manifest's names are UTF-8; the reader hands names out in the ANSI code page.
 std::string Ansi(const std::string& utf8) {
+  const int n = static_cast<int>(utf8.size());
   std::wstring wide(utf8.size(), L'\0');
-  wide.resize(static_cast<size_t>(::MultiByteToWideChar(
-      CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), &wide[0], static_cast<int>(wide.size()))));
+  wide.resize(static_cast<size_t>(::MultiByteToWideChar(CP_UTF8, 0, utf8.data(), n, &wide[0], n)));
+  const int w = static_cast<int>(wide.size());
   std::string ansi(wide.size() * 2, '\0');
-  ansi.resize(static_cast<size_t>(::WideCharToMultiByte(CP_ACP, 0, wide.data(), static_cast<int>(wide.size()),
-                                                        &ansi[0], static_cast<int>(ansi.size()), nullptr,
-                                                        nullptr)));
+  ansi.resize(static_cast<size_t>(
+      ::WideCharToMultiByte(CP_ACP, 0, wide.data(), w, &ansi[0], 2 * w, nullptr, nullptr)));
   return ansi;
 }
 

@@ -33,6 +33,9 @@ int Report(const Common& common, const nlohmann::json& result, bool success,
   return success ? kOk : kFailed;
 }
 
+// For the operations whose success value is 1.
+int ReportOne(const Common& common, int result) { return Report(common, result, result == 1); }
+
 // A subcommand whose arguments are required texts, taken in the listed order.
 CLI::App* AddCommand(CLI::App& app, Common& common, const char* name, const char* help,
                      const std::vector<std::pair<const char*, const char*>>& arguments, Run run) {
@@ -125,14 +128,11 @@ void AddFileCommands(CLI::App& app, Common& common) {
              "result 1, -1 (empty argument) or -3 (source cannot be listed)",
              {{"destination", "folder to copy into"}, {"source", "folder to copy from"}},
              [](const Common& c, const Values& v) {
-               const int result = CopyFileInDir(v[0], v[1]);
-               return Report(c, result, result == kCopyWalked);
+               return ReportOne(c, CopyFileInDir(v[0], v[1]));
              });
   AddCommand(app, common, "delete-dir", "delete a folder with everything in it; result 1 or 0",
-             {{"folder", "the folder"}}, [](const Common& c, const Values& v) {
-               const int result = DeleteDir(v[0]);
-               return Report(c, result, result == 1);
-             });
+             {{"folder", "the folder"}},
+             [](const Common& c, const Values& v) { return ReportOne(c, DeleteDir(v[0])); });
   AddCommand(app, common, "file-exists", "test that a file or folder exists; result true or false",
              {{"path", "the path"}}, [](const Common& c, const Values& v) {
                const bool result = IsFileExist(v[0]);
@@ -161,16 +161,14 @@ void AddFileCommands(CLI::App& app, Common& common) {
               {"target-folder", "folder to unpack under (joined to SUB-FOLDER as it is)"},
               {"sub-folder", "name of the folder to unpack into"}},
              [](const Common& c, const Values& v) {
-               const int result = UnzipPackage(v[0], v[1], v[2], v[3]);
-               return Report(c, result, result == 1);
+               return ReportOne(c, UnzipPackage(v[0], v[1], v[2], v[3]));
              });
   AddCommand(app, common, "unzip-all-items",
              "unpack every entry of ARCHIVE to TARGET+name; result 1, or 0 when the archive does "
              "not exist",
              {{"target-folder", "folder ending in a backslash"}, {"archive", "the zip file"}},
              [](const Common& c, const Values& v) {
-               const int result = UnzipAllItems(v[0], v[1]);
-               return Report(c, result, result == 1);
+               return ReportOne(c, UnzipAllItems(v[0], v[1]));
              });
   AddCommand(app, common, "zip-items",
              "list the entries of ARCHIVE with the names as they are unpacked; result the zip "
@@ -182,10 +180,7 @@ void AddFileCommands(CLI::App& app, Common& common) {
                  .append(kUsbDriverFolder)
                  .append("; result 1, or 0 when Uninstall_Inf.bat is missing")
                  .c_str(),
-             {}, [](const Common& c, const Values&) {
-               const int result = InstallUSBDriver();
-               return Report(c, result, result == 1);
-             });
+             {}, [](const Common& c, const Values&) { return ReportOne(c, InstallUSBDriver()); });
   AddZipResultText(app, common);
 }
 
