@@ -27,16 +27,15 @@ struct Written {
 };
 
 // Fields shared by local and central headers, from the version needed on.
-void AddCommon(std::string& out, const ZipItem& item, const Written& w, bool in_local) {
-  const bool hide_sizes = item.descriptor && in_local;
+void AddCommon(std::string& out, const ZipItem& item, const Written& w) {
   Add16(out, item.zip64 ? 45 : 20);
-  Add16(out, static_cast<uint16_t>(item.flags | (item.descriptor ? 0x0008 : 0)));
+  Add16(out, 0);       // flags
   Add16(out, item.deflate ? 8 : 0);
   Add16(out, 0x6000);  // 12:00:00
   Add16(out, 0x5A36);  // 2025-01-22
-  Add32(out, hide_sizes ? 0 : w.crc);
-  Add32(out, item.zip64 ? 0xFFFFFFFFu : hide_sizes ? 0 : static_cast<uint32_t>(w.compressed));
-  Add32(out, item.zip64 ? 0xFFFFFFFFu : hide_sizes ? 0 : static_cast<uint32_t>(w.size));
+  Add32(out, w.crc);
+  Add32(out, item.zip64 ? 0xFFFFFFFFu : static_cast<uint32_t>(w.compressed));
+  Add32(out, item.zip64 ? 0xFFFFFFFFu : static_cast<uint32_t>(w.size));
   Add16(out, static_cast<uint16_t>(item.name.size()));
 }
 
@@ -120,17 +119,11 @@ std::string BuildZip(const std::vector<ZipItem>& items, bool zip64_end, ZipLayou
     at.local.push_back(out.size());
     const std::string extra = item.zip64 ? Zip64Extra(w, false) : std::string();
     Add32(out, 0x04034b50);
-    AddCommon(out, item, w, true);
+    AddCommon(out, item, w);
     Add16(out, static_cast<uint16_t>(extra.size()));
     out += item.name + extra;
     at.data.push_back(out.size());
     out += stored;
-    if (item.descriptor) {
-      Add32(out, 0x08074b50);
-      Add32(out, w.crc);
-      Add32(out, static_cast<uint32_t>(w.compressed));
-      Add32(out, static_cast<uint32_t>(w.size));
-    }
   }
   const size_t cd_offset = out.size();
   for (size_t i = 0; i < items.size(); ++i) {
@@ -138,7 +131,7 @@ std::string BuildZip(const std::vector<ZipItem>& items, bool zip64_end, ZipLayou
     at.central.push_back(out.size());
     Add32(out, 0x02014b50);
     Add16(out, 45);  // made by MS-DOS
-    AddCommon(out, items[i], written[i], false);
+    AddCommon(out, items[i], written[i]);
     Add16(out, static_cast<uint16_t>(extra.size()));
     Add16(out, 0);   // comment
     Add16(out, 0);   // disk

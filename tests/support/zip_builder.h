@@ -1,6 +1,6 @@
 // Zip archives written byte by byte for the reader's tests: any entry name,
-// data descriptors, Zip64 records, and the positions of every record so that a
-// test can damage exactly one field.
+// Zip64 records, and the positions of every record so that a test can damage
+// exactly one field.
 #pragma once
 
 #include <cstdint>
@@ -13,11 +13,8 @@ struct ZipItem {
   std::string name;
   std::string data;
   bool deflate = false;
-  // Sizes and CRC in a data descriptor after the data (zeros in the local header).
-  bool descriptor = false;
   // Sizes and offset in a Zip64 extra field (all ones in the fixed fields).
   bool zip64 = false;
-  uint16_t flags = 0;  // further general-purpose flags, such as 1 (encrypted)
 };
 
 // Where the records of a built archive start.

@@ -108,16 +108,6 @@ TEST_F(PackageTest, AFailingEntryDoesNotStopTheOthers) {
   EXPECT_EQ(Lines{}, messages());
 }
 
-TEST(UsbDriverArchitecture, AmdAndItaniumTakeX64EverythingElseX86) {
-  EXPECT_STREQ("x64\\", UsbDriverArchitectureFolder(PROCESSOR_ARCHITECTURE_AMD64));
-  EXPECT_STREQ("x64\\", UsbDriverArchitectureFolder(PROCESSOR_ARCHITECTURE_IA64));
-  const WORD arm64 = 12;
-  for (int other : {PROCESSOR_ARCHITECTURE_INTEL, PROCESSOR_ARCHITECTURE_ARM, int{arm64},
-                    int{PROCESSOR_ARCHITECTURE_UNKNOWN}}) {
-    EXPECT_STREQ("x86\\", UsbDriverArchitectureFolder(static_cast<WORD>(other))) << other;
-  }
-}
-
 // The installation's fixed driver folder, emptied before and after each test.
 class UsbDriverTest : public PackageTest {
  protected:
