@@ -226,6 +226,33 @@ TEST_F(ZipReaderTest, DamagedArchivesGiveResultCodesAndWriteNothingOutsideTheTar
   }
 }
 
+// Random damage anywhere in the headers: results, no crash, and nothing
+// written outside the target folder.
+TEST_F(ZipReaderTest, RandomlyDamagedHeadersNeverWriteOutsideTheTarget) {
+  ZipLayout at;
+  const std::string good = BuildZip({{"a/s.txt", std::string(3000, 's')},
+                                     {"d.txt", Compressible(70000), true},
+                                     {"z.txt", "zip64", false, true}},
+                                    true, &at);
+  unsigned x = 4711;
+  auto next = [&x] { return (x = x * 1103515245 + 12345) >> 8; };
+  for (int round = 0; round < 300; ++round) {
+    std::string bytes = good;
+    const bool in_directory = round % 2 == 0;  // else in a local header
+    const size_t from = in_directory ? at.central[0] : at.local[next() % 3];
+    for (int n = 1 + next() % 4; n > 0; --n) bytes[from + next() % (bytes.size() - from)] = char(next());
+    if (round % 10 == 9) bytes.resize(next() % bytes.size());
+    testing::RemoveTree(dir_ + "\\out");
+    ASSERT_NE(nullptr, Open(bytes));
+    int count = 0;
+    if (Count(&count) != kZipOk) continue;
+    for (int i = 0; i < count; ++i) Unpack(i);
+    for (const std::string& path : TreeOf(dir_)) {
+      ASSERT_TRUE(path == "a.zip" || path.rfind("out/", 0) == 0) << path << " in round " << round;
+    }
+  }
+}
+
 TEST_F(ZipReaderTest, HandlesThatWereNotOpenedHereAreRefused) {
   EXPECT_EQ(nullptr, OpenZip((dir_ + "\\missing.zip").c_str()));
   EXPECT_EQ("Couldn't create/open file", TextOf(kZipRecent));
