@@ -98,6 +98,18 @@ TEST_F(PackageTest, EntryNamesLandWhereTheNameRulesPutThem) {
   EXPECT_EQ("kept one level up", testing::ReadFileBytes(In("box\\x")));
 }
 
+TEST_F(PackageTest, NamesAndOutputPathsAreCutAt259Characters) {
+  const std::string name = std::string(100, 'd') + "/" + std::string(199, 'f');
+  WriteFileBytes(In("long.zip"), BuildZip({{name, "cut"}}));
+  ZipHandle zip = OpenZip(In("long.zip").c_str());
+  ZipEntry entry;
+  ASSERT_EQ(kZipOk, GetZipItem(zip, 0, &entry));
+  EXPECT_EQ(name.substr(0, 259), entry.name);
+  CloseZip(zip);
+  EXPECT_EQ(1, UnzipAllItems(In("t\\"), In("long.zip")));
+  EXPECT_EQ("cut", testing::ReadFileBytes((In("t\\") + name).substr(0, 259)));
+}
+
 TEST_F(PackageTest, AFailingEntryDoesNotStopTheOthers) {
   testing::ZipLayout at;
   std::string bytes = BuildZip({{"first.txt", "1"}, {"broken.txt", "2"}, {"last.txt", "3"}}, false, &at);
