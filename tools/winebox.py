@@ -181,7 +181,7 @@ class WineBox:
             return None
         return int(state.group(1)), int(code.group(1)) if code else None
 
-    def wait_state(self, state, name=SERVICE_NAME, timeout=30):
+    def wait_state(self, state, name=SERVICE_NAME, timeout=60):
         deadline = time.monotonic() + timeout
         while True:
             now = self.query(name)

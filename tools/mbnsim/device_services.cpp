@@ -86,8 +86,8 @@ void SimDeviceService::Complete(const CallGuard& guard, Kind kind, const char* c
                         returned = guard.token()] {
     WaitForCaller(*returned);
     dorvane::ScopedSafeArray data(kind == Kind::kSet ? ByteArray(answer) : nullptr);
-    for (auto& target : EventHub::Get().Sinks(IID_IMbnDeviceServicesEvents)) {
-      auto* sink = static_cast<IMbnDeviceServicesEvents*>(target.get());
+    EventHub::Get().ForEachSink(IID_IMbnDeviceServicesEvents, [&](IUnknown* target) {
+      auto* sink = static_cast<IMbnDeviceServicesEvents*>(target);
       switch (kind) {
         case Kind::kOpen:
           sink->OnOpenCommandSessionComplete(self.get(), status, request_id);
@@ -99,7 +99,7 @@ void SimDeviceService::Complete(const CallGuard& guard, Kind kind, const char* c
           sink->OnSetCommandComplete(self.get(), response_id, data.get(), status, request_id);
           break;
       }
-    }
+    });
     Tracker::JobDone();
   });
 }

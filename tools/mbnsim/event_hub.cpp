@@ -38,24 +38,47 @@ DWORD EventHub::Advise(IUnknown* sink, REFIID iid, const void* owner) {
 bool EventHub::Unadvise(DWORD cookie, const void* owner) {
   IUnknown* sink = nullptr;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(mutex_);
     auto it = sinks_.find(cookie);
     if (it == sinks_.end() || it->second.owner != owner) return false;
     sink = it->second.sink;
     sinks_.erase(it);
+    if (::GetCurrentThreadId() != thread_id_) {
+      calls_done_.wait(lock, [this, cookie] { return calls_[cookie] == 0; });
+    }
+    calls_.erase(cookie);
   }
   Tracker::SinkUnadvised();
   sink->Release();
   return true;
 }
 
-std::vector<ComPtr<IUnknown>> EventHub::Sinks(REFIID iid) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  std::vector<ComPtr<IUnknown>> out;
-  for (auto& entry : sinks_) {
-    if (IsEqualGUID(entry.second.iid, iid)) out.emplace_back(entry.second.sink);
+void EventHub::ForEachSink(REFIID iid, const std::function<void(IUnknown*)>& call) {
+  std::vector<DWORD> cookies;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (auto& entry : sinks_) {
+      if (IsEqualGUID(entry.second.iid, iid)) cookies.push_back(entry.first);
+    }
   }
-  return out;
+  for (DWORD cookie : cookies) {
+    IUnknown* sink = nullptr;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      auto it = sinks_.find(cookie);
+      if (it == sinks_.end()) continue;  // unadvised meanwhile
+      sink = it->second.sink;
+      ++calls_[cookie];
+    }
+    // The advise entry holds its reference until Unadvise, which waits for this
+    // call: the sink cannot go away under it.
+    call(sink);
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      --calls_[cookie];
+    }
+    calls_done_.notify_all();
+  }
 }
 
 void EventHub::Post(std::function<void()> job) {
@@ -68,6 +91,7 @@ void EventHub::Post(std::function<void()> job) {
 }
 
 DWORD WINAPI EventHub::ThreadMain(LPVOID self) {
+  static_cast<EventHub*>(self)->thread_id_ = ::GetCurrentThreadId();
   ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
   static_cast<EventHub*>(self)->Run();
   return 0;
@@ -107,18 +131,16 @@ void EventHub::RunJobs() {
 }
 
 void EventHub::DeliverInterfaceEvent(const Event& event) {
-  std::vector<ComPtr<IUnknown>> targets = Sinks(dorvane::IID_IMbnInterfaceManagerEvents);
-  if (targets.empty()) return;
   ComPtr<SimInterface> iface;
   iface.attach(new SimInterface(event.interface_id));
-  for (auto& target : targets) {
-    auto* sink = static_cast<dorvane::IMbnInterfaceManagerEvents*>(target.get());
+  ForEachSink(dorvane::IID_IMbnInterfaceManagerEvents, [&](IUnknown* target) {
+    auto* sink = static_cast<dorvane::IMbnInterfaceManagerEvents*>(target);
     if (event.kind == Event::kArrival) {
       sink->OnInterfaceArrival(iface.get());
     } else {
       sink->OnInterfaceRemoval(iface.get());
     }
-  }
+  });
 }
 
 }  // namespace mbnsim

@@ -7,6 +7,7 @@
 #include <windows.h>
 #include <unknwn.h>
 
+#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <map>
@@ -29,9 +30,12 @@ class EventHub {
   // `sink` already answers for `iid`; the hub keeps that reference while advised.
   DWORD Advise(IUnknown* sink, REFIID iid, const void* owner);
   // False when `cookie` was not given out by `owner` (or is already unadvised).
+  // Once it returns, no call to the sink is running or will start (unless it is
+  // called from such a call), so the client may tear its sink down.
   bool Unadvise(DWORD cookie, const void* owner);
-  // The sinks advised for `iid`, each with a reference of the caller's own.
-  std::vector<dorvane::ComPtr<IUnknown>> Sinks(REFIID iid);
+  // Calls `call` for each sink advised for `iid`, one after the other; a sink is
+  // only called while it is advised.
+  void ForEachSink(REFIID iid, const std::function<void(IUnknown*)>& call);
 
   // Runs `job` on the simulator's thread, after the jobs posted before it.
   void Post(std::function<void()> job);
@@ -49,7 +53,10 @@ class EventHub {
   void RunJobs();
 
   std::mutex mutex_;
+  std::condition_variable calls_done_;
   std::map<DWORD, Entry> sinks_;
+  std::map<DWORD, int> calls_;  // calls running, by cookie
+  DWORD thread_id_ = 0;
   DWORD next_cookie_ = 1;
   DWORD last_seq_ = 0;
   bool started_ = false;
