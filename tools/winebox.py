@@ -4,12 +4,15 @@ Used by the whole-service tests and by the demo. Every Wine call gets the same
 environment: the prefix, no debug output, no crash debugger (a crash then always
 exits non-zero), no Mono/Gecko installers.
 """
+import argparse
 import os
 import re
 import shutil
 import subprocess
+import sys
 import tempfile
 import time
+import unittest
 
 REPO = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 SERVICE_NAME = "WWAN Dorvane"
@@ -229,3 +232,20 @@ def parse_log(data):
 
 def messages(records):
     return [r.message for r in records if r.tag != "banner"]
+
+
+def test_main(*names):
+    """Runs the calling script's unittest cases. Each name is a required
+    `--name PATH` option, made absolute; the parsed options are returned for
+    the cases to read (assign them before the cases run: unittest.main is
+    called by the returned function)."""
+    parser = argparse.ArgumentParser()
+    for name in names:
+        parser.add_argument("--" + name, required=True)
+    args, rest = parser.parse_known_args()
+    for name in names:
+        attr = name.replace("-", "_")
+        setattr(args, attr, os.path.abspath(getattr(args, attr)))
+    if "work" in names:
+        os.makedirs(args.work, exist_ok=True)
+    return args, lambda: unittest.main(argv=[sys.argv[0]] + rest, verbosity=2)

@@ -1,10 +1,10 @@
 #include "util/registry.h"
 
 #include <cstdio>
-#include <algorithm>
 #include <cstring>
 
 #include "log/logger.h"
+#include "util/path_buffer.h"
 #include "util/scoped_handle.h"
 
 namespace dorvane {
@@ -13,7 +13,7 @@ namespace {
 
 // Key paths and value names go through 260-character buffers in the setters and
 // the raw reader: longer ones are cut, as deployed.
-std::string Cut(const std::string& text) { return text.substr(0, std::min<size_t>(text.size(), 259)); }
+std::string Cut(const std::string& text) { return PathBuffer(text).str(); }
 
 // Opens the key, logging the failure. Invalid owner on failure.
 UniqueRegKey OpenKey(const std::string& key_path, REGSAM access) {

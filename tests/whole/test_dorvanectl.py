@@ -3,13 +3,13 @@ on small tables and Wine's real registry, in JSON, with their exit statuses.
 
     test_dorvanectl.py --dorvanectl dorvanectl.exe --work DIR --base PREFIX
 """
-import argparse
 import json
 import os
 import sys
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
+import winebox  # noqa: E402
 from winebox import WineBox  # noqa: E402
 
 ARGS = None
@@ -230,16 +230,8 @@ class RegistryCommands(unittest.TestCase):
 
 def main():
     global ARGS
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--dorvanectl", required=True)
-    parser.add_argument("--work", required=True)
-    parser.add_argument("--base", required=True)
-    ARGS, rest = parser.parse_known_args()
-    ARGS.dorvanectl = os.path.abspath(ARGS.dorvanectl)
-    ARGS.work = os.path.abspath(ARGS.work)
-    ARGS.base = os.path.abspath(ARGS.base)
-    os.makedirs(ARGS.work, exist_ok=True)
-    unittest.main(argv=[sys.argv[0]] + rest, verbosity=2)
+    ARGS, run = winebox.test_main("dorvanectl", "work", "base")
+    run()
 
 
 if __name__ == "__main__":

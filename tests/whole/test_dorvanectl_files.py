@@ -3,7 +3,6 @@ operations' order, --json results, exit statuses, and the effects on disk.
 
     test_dorvanectl_files.py --dorvanectl dorvanectl.exe --work DIR --base PREFIX
 """
-import argparse
 import io
 import json
 import os
@@ -12,6 +11,7 @@ import unittest
 import zipfile
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
+import winebox  # noqa: E402
 from winebox import WineBox  # noqa: E402
 
 ARGS = None
@@ -128,14 +128,8 @@ class FileCommands(unittest.TestCase):
 
 def main():
     global ARGS
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--dorvanectl", required=True)
-    parser.add_argument("--work", required=True, help="folder for the test's prefix")
-    parser.add_argument("--base", required=True, help="base prefix, made if missing")
-    ARGS, rest = parser.parse_known_args()
-    ARGS.dorvanectl = os.path.abspath(ARGS.dorvanectl)
-    os.makedirs(ARGS.work, exist_ok=True)
-    unittest.main(argv=[sys.argv[0]] + rest, verbosity=2)
+    ARGS, run = winebox.test_main("dorvanectl", "work", "base")
+    run()
 
 
 if __name__ == "__main__":

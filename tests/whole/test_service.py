@@ -7,7 +7,6 @@ query fail with their logged texts and the service keeps running.
 
     test_service.py --exe dorvane.exe --lumarix lumarix_stub.exe --work DIR --base PREFIX
 """
-import argparse
 import json
 import os
 import sys
@@ -341,22 +340,8 @@ class Faults(ServiceCase):
 
 def main():
     global ARGS
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--exe", required=True)
-    parser.add_argument("--lumarix", required=True)
-    parser.add_argument("--mbnsim-dir", required=True, help="where mbnsim.dll and mbnsimctl.exe are")
-    parser.add_argument("--dorvanectl", required=True)
-    parser.add_argument("--work", required=True, help="folder for the tests' prefixes")
-    parser.add_argument("--base", required=True, help="base prefix, made if missing")
-    ARGS, rest = parser.parse_known_args()
-    ARGS.exe = os.path.abspath(ARGS.exe)
-    ARGS.lumarix = os.path.abspath(ARGS.lumarix)
-    ARGS.mbnsim_dir = os.path.abspath(ARGS.mbnsim_dir)
-    ARGS.dorvanectl = os.path.abspath(ARGS.dorvanectl)
-    ARGS.work = os.path.abspath(ARGS.work)
-    ARGS.base = os.path.abspath(ARGS.base)
-    os.makedirs(ARGS.work, exist_ok=True)
-    unittest.main(argv=[sys.argv[0]] + rest, verbosity=2)
+    ARGS, run = winebox.test_main("exe", "lumarix", "mbnsim-dir", "dorvanectl", "work", "base")
+    run()
 
 
 if __name__ == "__main__":

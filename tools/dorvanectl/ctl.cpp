@@ -36,6 +36,15 @@ nlohmann::json Texts(const std::vector<std::string>& list) {
   return array;
 }
 
+int ReportResult(const Common& common, const nlohmann::json& result, bool success) {
+  if (common.json) {
+    PrintJson({{"result", result}});
+  } else {
+    std::printf("result: %s\n", result.dump().c_str());
+  }
+  return success ? kOk : kFailed;
+}
+
 void PrintJson(const nlohmann::json& object) { PrintRaw(object.dump() + "\n"); }
 
 void PrintRaw(const std::string& text) {

@@ -34,6 +34,10 @@ std::string Initial(const Common& common);
 nlohmann::json Text(const std::string& bytes);
 nlohmann::json Texts(const std::vector<std::string>& list);
 
+// Prints an operation's bare result ({"result": ...} or "result: ...") and
+// gives the exit status for `success`.
+int ReportResult(const Common& common, const nlohmann::json& result, bool success);
+
 // Prints one JSON object and a line end.
 void PrintJson(const nlohmann::json& object);
 // Prints text as it is (no conversion of line ends).

@@ -17,14 +17,7 @@ struct RegArgs {
   bool raw = false;
 };
 
-int ReportResult(const Common& common, DWORD result) {
-  if (common.json) {
-    PrintJson({{"result", result}});
-  } else {
-    std::printf("result: %lu\n", static_cast<unsigned long>(result));
-  }
-  return result == 0 ? kOk : kFailed;
-}
+int ReportHelper(const Common& common, DWORD result) { return ReportResult(common, result, result == 0); }
 
 int RegGet(const Common& common, const RegArgs& a) {
   DWORD type = REG_SZ;
@@ -69,7 +62,7 @@ void AddRegistry(CLI::App& app, Common& common) {
   set->add_option("name", set_args->name)->required();
   set->add_option("value", set_args->value)->required();
   set->callback([&common, set_args] {
-    common.exit_code = ReportResult(common, SetRegKeyValue(set_args->key, set_args->name, set_args->value));
+    common.exit_code = ReportHelper(common, SetRegKeyValue(set_args->key, set_args->name, set_args->value));
   });
 
   auto dword_args = std::make_shared<RegArgs>();
@@ -80,7 +73,7 @@ void AddRegistry(CLI::App& app, Common& common) {
   dword->add_option("--type", dword_args->type, "the value type")->capture_default_str();
   dword->callback([&common, dword_args] {
     const RegArgs& a = *dword_args;
-    common.exit_code = ReportResult(common, SetRegKeyDword(a.key, a.name, a.number, a.type));
+    common.exit_code = ReportHelper(common, SetRegKeyDword(a.key, a.name, a.number, a.type));
   });
 }
 

@@ -174,12 +174,7 @@ void AddTableCommands(CLI::App& app, Common& common) {
   Add(app, common, "selection-rule-by-mcc", "reads the root SelectionRule (always false)",
       {"mcc", "path"}, [](const Common& c, const Args& a) {
         const bool result = Bounded<bool>([&] { return GetSelectionRuleByMcc(a.a, a.b); }, a.timeout);
-        if (c.json) {
-          PrintJson({{"result", result}});
-        } else {
-          std::printf("result: %s\n", result ? "true" : "false");
-        }
-        return Finish(result);
+        return ReportResult(c, result, result);
       });
 
   using RecordLookup = bool (*)(std::string, std::string, CarrierFirmwareInfo&);
@@ -229,12 +224,7 @@ void AddTableCommands(CLI::App& app, Common& common) {
       "rewrite the download flags of C:\\Windows\\WWAN\\FwSwitchBin\\FlashData\\scatter.xml",
       {"selection"}, [](const Common& c, const Args& a) {
         const bool result = Bounded<bool>([&] { return UpdateScatterDownloadFlags(a.a); }, a.timeout);
-        if (c.json) {
-          PrintJson({{"result", result}});
-        } else {
-          std::printf("result: %s\n", result ? "true" : "false");
-        }
-        return Finish(result);
+        return ReportResult(c, result, result);
       });
 }
 
