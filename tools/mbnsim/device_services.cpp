@@ -3,11 +3,14 @@
 #include <objbase.h>
 #include <olectl.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <vector>
 
 #include "tools/mbnsim/at_responder.h"
 #include "util/com_ptr.h"
+#include "util/scoped_handle.h"
 
 namespace mbnsim {
 
@@ -50,6 +53,32 @@ SAFEARRAY* ByteArray(const std::string& bytes) {
   return array;
 }
 
+// Three fragments of nearly equal size (fewer when the answer is shorter), as a
+// module that splits a long response over several indications sends them.
+std::vector<std::string> SplitAnswer(const std::string& answer) {
+  const size_t count = std::min<size_t>(3, std::max<size_t>(1, answer.size()));
+  std::vector<std::string> pieces;
+  size_t at = 0;
+  for (size_t i = 0; i < count; ++i) {
+    const size_t size = (answer.size() - at) / (count - i);
+    pieces.push_back(answer.substr(at, size));
+    at += size;
+  }
+  return pieces;
+}
+
+// Fills the array's bytes with 0xDD before destroying it, so that a sink that
+// kept the pointer reads garbage, not a plausible answer.
+void FreeDeliveredArray(SAFEARRAY* array) {
+  if (array == nullptr) return;
+  void* raw = nullptr;
+  if (SUCCEEDED(::SafeArrayAccessData(array, &raw))) {
+    std::memset(raw, 0xDD, array->rgsabound[0].cElements);
+    ::SafeArrayUnaccessData(array);
+  }
+  ::SafeArrayDestroy(array);
+}
+
 // Waits until the starting call has returned, then about 50 microseconds more.
 void WaitForCaller(const std::atomic<bool>& returned) {
   while (!returned.load()) ::SwitchToThread();
@@ -72,49 +101,77 @@ HRESULT STDMETHODCALLTYPE SimDeviceService::QueryInterface(REFIID riid, void** p
   return QueryOne<IMbnDeviceService>(this, IID_IMbnDeviceService, riid, ppv);
 }
 
-void SimDeviceService::Complete(const CallGuard& guard, Kind kind, const char* call,
+void SimDeviceService::Deliver(Kind kind, ULONG request_id, ULONG response_id, HRESULT status,
+                               const std::string& answer) {
+  EventHub::Get().ForEachSink(IID_IMbnDeviceServicesEvents, [&](IUnknown* target) {
+    auto* sink = static_cast<IMbnDeviceServicesEvents*>(target);
+    switch (kind) {
+      case Kind::kOpen:
+        sink->OnOpenCommandSessionComplete(this, status, request_id);
+        break;
+      case Kind::kClose:
+        sink->OnCloseCommandSessionComplete(this, status, request_id);
+        break;
+      case Kind::kSet: {
+        // The data is only valid with S_OK; otherwise the sink gets none.
+        SAFEARRAY* data = status == S_OK ? ByteArray(answer) : nullptr;
+        sink->OnSetCommandComplete(this, response_id, data, status, request_id);
+        FreeDeliveredArray(data);
+        break;
+      }
+    }
+  });
+}
+
+void SimDeviceService::Complete(const CallGuard& guard, Kind kind, const std::string& call,
                                 ULONG request_id, ULONG response_id, HRESULT status,
                                 std::string answer) {
   const Injection inj = ReadInjection(call, FindInterface(id_, nullptr));
   if (inj.kind == Injection::kNoCompletion) return;
   if (inj.kind == Injection::kFail) status = inj.hr;
-  if (inj.kind == Injection::kWrongId) request_id += 1000;
+  if (inj.kind == Injection::kWrongId) request_id = request_id > 1 ? request_id - 1 : request_id + 1;
   if (inj.kind == Injection::kEmpty) answer.clear();
+  const std::vector<std::string> pieces =
+      inj.kind == Injection::kSplit ? SplitAnswer(answer) : std::vector<std::string>{answer};
+  const int times = inj.kind == Injection::kTwice ? 2 : 1;
+  const bool early = inj.kind == Injection::kEarly;
+  // Set once an early completion has been delivered; the call returns after it.
+  auto delivered = early ? std::make_shared<dorvane::UniqueHandle>(
+                               ::CreateEventA(nullptr, TRUE, FALSE, nullptr))
+                         : nullptr;
   ComPtr<SimDeviceService> self(this);
   Tracker::JobQueued();
-  EventHub::Get().Post([self, kind, request_id, response_id, status, answer,
-                        returned = guard.token()] {
-    WaitForCaller(*returned);
-    dorvane::ScopedSafeArray data(kind == Kind::kSet ? ByteArray(answer) : nullptr);
-    EventHub::Get().ForEachSink(IID_IMbnDeviceServicesEvents, [&](IUnknown* target) {
-      auto* sink = static_cast<IMbnDeviceServicesEvents*>(target);
-      switch (kind) {
-        case Kind::kOpen:
-          sink->OnOpenCommandSessionComplete(self.get(), status, request_id);
-          break;
-        case Kind::kClose:
-          sink->OnCloseCommandSessionComplete(self.get(), status, request_id);
-          break;
-        case Kind::kSet:
-          sink->OnSetCommandComplete(self.get(), response_id, data.get(), status, request_id);
-          break;
-      }
-    });
-    Tracker::JobDone();
-  });
+  EventHub::Get().Post(
+      [self, kind, request_id, response_id, status, pieces, times, delivered,
+       returned = guard.token()]() mutable {
+        if (!delivered) WaitForCaller(*returned);
+        for (int t = 0; t < times; ++t) {
+          for (const std::string& piece : pieces) {
+            self->Deliver(kind, request_id, response_id, status, piece);
+          }
+        }
+        self.reset();  // before the job counts as done, so that nothing seems left
+        Tracker::JobDone();
+        if (delivered) ::SetEvent(delivered->get());
+      },
+      ReadDelay(call));
+  if (delivered) ::WaitForSingleObject(delivered->get(), INFINITE);
 }
 
 HRESULT SimDeviceService::ChangeSession(const CallGuard& guard, bool open, ULONG* request_id) {
   if (request_id == nullptr) return E_POINTER;
   const int index = FindInterface(id_, nullptr);
   if (index < 0) return kInterfaceGone;
-  const char* call = open ? "OpenCommandSession" : "CloseCommandSession";
+  const std::string call = open ? "OpenCommandSession" : "CloseCommandSession";
   HRESULT hr = Injected(call, index, nullptr);
   if (hr != S_OK) return hr;
+  if (!open && !SessionOpen(index)) return kNoSession;
   *request_id = g_next_request++;
-  SetSessionOpen(index, open);
-  Complete(guard, open ? Kind::kOpen : Kind::kClose, (std::string(call) + ".Complete").c_str(),
-           *request_id, 0, S_OK, std::string());
+  // A completion that reports a failure tells of a session that did not change.
+  const Injection done = ReadInjection(call + ".Complete", index);
+  if (done.kind != Injection::kFail || done.hr == S_OK) SetSessionOpen(index, open);
+  Complete(guard, open ? Kind::kOpen : Kind::kClose, call + ".Complete", *request_id, 0, S_OK,
+           std::string());
   return S_OK;
 }
 
@@ -142,6 +199,9 @@ HRESULT STDMETHODCALLTYPE SimDeviceService::SetCommand(ULONG command_id, SAFEARR
   const bool bytes_ok = PayloadBytes(data, &sent.type, &sent.bytes);
   RecordCommand(sent);
   if (!bytes_ok) return E_INVALIDARG;
+  if (!SessionOpen(index)) return kNoSession;
+  // The data must be smaller than the maximum command size.
+  if (sent.bytes.size() >= ReadOption("MaxCommandSize", kDefaultMaxCommandSize)) return E_INVALIDARG;
   *request_id = g_next_request++;
   // Command 1 of this service is the AT tunnel; the module knows no other.
   const bool at = command_id == 1;
@@ -202,7 +262,7 @@ HRESULT STDMETHODCALLTYPE SimDeviceServicesContext::GetDeviceService(BSTR servic
 
 HRESULT STDMETHODCALLTYPE SimDeviceServicesContext::get_MaxCommandSize(ULONG* size) {
   if (size == nullptr) return E_POINTER;
-  *size = 4096;
+  *size = ReadOption("MaxCommandSize", kDefaultMaxCommandSize);
   return S_OK;
 }
 

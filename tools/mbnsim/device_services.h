@@ -2,10 +2,13 @@
 // IMbnDeviceServicesEvents), the per-interface context, and the AT command
 // device service "{ffffffff-abca-4b11-a4e2-f2fc87f94488}".
 //
-// Every request is answered later, on the simulator's thread, after the call
-// that started it has returned, with the request id that call handed out; the
-// AT commands are answered by the responder. Session state is kept in the
-// scenario, so a session opened by one client is open for the next.
+// Every request is answered on one of the simulator's delivery threads, by
+// default after the call that started it has returned, with the request id that
+// call handed out; the scenario can make a completion come early, late, never,
+// twice, in fragments, with another id or another status. The AT commands are
+// answered by the responder. Session state is kept in the scenario, so a
+// session opened by one client is open for the next; SetCommand needs an open
+// session and a payload smaller than the maximum command size.
 #pragma once
 
 #include <atomic>
@@ -16,6 +19,8 @@
 namespace mbnsim {
 
 inline constexpr char kAtDeviceServiceId[] = "{ffffffff-abca-4b11-a4e2-f2fc87f94488}";
+// What SetCommand and CloseCommandSession answer when no command session is open.
+inline constexpr HRESULT kNoSession = HRESULT_FROM_WIN32(ERROR_INVALID_STATE);
 
 // Set when the simulator method that started a request has returned.
 class CallGuard {
@@ -55,12 +60,17 @@ class SimDeviceService : public IMbnDeviceService {
   enum class Kind { kOpen, kClose, kSet };
   // Opens or closes the command session and queues its completion.
   HRESULT ChangeSession(const CallGuard& guard, bool open, ULONG* request_id);
-  // Queues the completion of request `request_id` as `call`.Complete says. It
-  // is delivered once the method guarded by `guard` has returned, and the client
-  // has had a moment to store the request id, as a module's USB round trip
-  // would give it.
-  void Complete(const CallGuard& guard, Kind kind, const char* call, ULONG request_id,
+  // Queues the completion of request `request_id` as `call`.Complete says. By
+  // default it is delivered once the method guarded by `guard` has returned and
+  // the client has had a moment to store the request id, as a module's USB round
+  // trip would give it; "early" delivers it before this returns instead.
+  void Complete(const CallGuard& guard, Kind kind, const std::string& call, ULONG request_id,
                 ULONG response_id, HRESULT status, std::string answer);
+  // Calls every advised sink with one completion. A set completion gets a data
+  // array of its own per sink, filled with a pattern and destroyed as soon as
+  // the sink returns, as the stack frees it.
+  void Deliver(Kind kind, ULONG request_id, ULONG response_id, HRESULT status,
+               const std::string& answer);
 
   std::string id_;
   RefCount refs_;

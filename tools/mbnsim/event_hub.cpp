@@ -2,6 +2,8 @@
 
 #include <objbase.h>
 
+#include <algorithm>
+
 #include "tools/mbnsim/sim_interface.h"
 #include "tools/mbnsim/tracker.h"
 #include "util/mbnapi.h"
@@ -10,6 +12,19 @@
 namespace mbnsim {
 
 using dorvane::ComPtr;
+
+namespace {
+
+// The sink this thread is calling right now, so that an Unadvise from inside
+// the call does not wait for itself.
+thread_local DWORD t_calling_cookie = 0;
+
+struct DeliveryStart {
+  EventHub* hub;
+  DWORD index;
+};
+
+}  // namespace
 
 EventHub& EventHub::Get() {
   static EventHub* hub = new EventHub();  // lives until the process ends
@@ -21,9 +36,8 @@ void EventHub::Start() {
   if (started_) return;
   started_ = true;
   last_seq_ = EventSeq();
-  jobs_ready_ = ::CreateEventA(nullptr, FALSE, FALSE, nullptr);
   // The thread runs until the process ends; its handle is not needed.
-  HANDLE thread = ::CreateThread(nullptr, 0, ThreadMain, this, 0, nullptr);
+  HANDLE thread = ::CreateThread(nullptr, 0, WatchMain, this, 0, nullptr);
   if (thread) ::CloseHandle(thread);
 }
 
@@ -43,9 +57,8 @@ bool EventHub::Unadvise(DWORD cookie, const void* owner) {
     if (it == sinks_.end() || it->second.owner != owner) return false;
     sink = it->second.sink;
     sinks_.erase(it);
-    if (::GetCurrentThreadId() != thread_id_) {
-      calls_done_.wait(lock, [this, cookie] { return calls_[cookie] == 0; });
-    }
+    const int own = t_calling_cookie == cookie ? 1 : 0;
+    calls_done_.wait(lock, [this, cookie, own] { return calls_[cookie] == own; });
     calls_.erase(cookie);
   }
   Tracker::SinkUnadvised();
@@ -72,7 +85,10 @@ void EventHub::ForEachSink(REFIID iid, const std::function<void(IUnknown*)>& cal
     }
     // The advise entry holds its reference until Unadvise, which waits for this
     // call: the sink cannot go away under it.
+    const DWORD outer = t_calling_cookie;
+    t_calling_cookie = cookie;
     call(sink);
+    t_calling_cookie = outer;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       --calls_[cookie];
@@ -81,65 +97,102 @@ void EventHub::ForEachSink(REFIID iid, const std::function<void(IUnknown*)>& cal
   }
 }
 
-void EventHub::Post(std::function<void()> job) {
+void EventHub::Post(std::function<void()> job, DWORD delay_ms) {
   Start();
+  const DWORD wanted = std::clamp<DWORD>(ReadOption("DeliveryThreads", kDefaultDeliveryThreads), 1,
+                                         kMaxDeliveryThreads);
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    jobs_.push_back(std::move(job));
+    GrowPool(wanted);
+    jobs_.emplace(Clock::now() + std::chrono::milliseconds(delay_ms), std::move(job));
   }
-  ::SetEvent(jobs_ready_);
+  jobs_changed_.notify_all();
 }
 
-DWORD WINAPI EventHub::ThreadMain(LPVOID self) {
-  static_cast<EventHub*>(self)->thread_id_ = ::GetCurrentThreadId();
+void EventHub::GrowPool(DWORD wanted) {
+  wanted_ = wanted;
+  while (threads_ < wanted) {
+    // Each thread runs until the process ends; its start block is never freed.
+    auto* start = new DeliveryStart{this, threads_};
+    HANDLE thread = ::CreateThread(nullptr, 0, DeliveryMain, start, 0, nullptr);
+    if (thread == nullptr) {
+      delete start;
+      break;
+    }
+    ::CloseHandle(thread);
+    ++threads_;
+  }
+}
+
+DWORD WINAPI EventHub::DeliveryMain(LPVOID param) {
+  const DeliveryStart start = *static_cast<DeliveryStart*>(param);
+  delete static_cast<DeliveryStart*>(param);
   ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-  static_cast<EventHub*>(self)->Run();
+  start.hub->Deliver(start.index);
   return 0;
 }
 
-void EventHub::Run() {
+void EventHub::Deliver(DWORD index) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  for (;;) {
+    if (index >= wanted_ || jobs_.empty()) {
+      jobs_changed_.wait(lock);
+      continue;
+    }
+    auto first = jobs_.begin();
+    if (first->first > Clock::now()) {
+      jobs_changed_.wait_until(lock, first->first);
+      continue;
+    }
+    std::function<void()> job = std::move(first->second);
+    jobs_.erase(first);
+    lock.unlock();
+    job();
+    lock.lock();
+  }
+}
+
+DWORD WINAPI EventHub::WatchMain(LPVOID self) {
+  ::CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+  static_cast<EventHub*>(self)->Watch();
+  return 0;
+}
+
+void EventHub::Watch() {
   dorvane::UniqueRegKey key;
   ::RegCreateKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Dorvane\\MbnSim\\Events", 0, nullptr, 0,
                     KEY_READ | KEY_NOTIFY, nullptr, key.put(), nullptr);
   dorvane::UniqueHandle changed(::CreateEventA(nullptr, FALSE, FALSE, nullptr));
-  HANDLE waits[2] = {jobs_ready_, changed.get()};
   for (;;) {
-    RunJobs();
     // Armed before reading, so that no write between the two is missed; the
     // time-out covers a notification that cannot be armed.
     ::RegNotifyChangeKeyValue(key.get(), FALSE, REG_NOTIFY_CHANGE_LAST_SET, changed.get(), TRUE);
     const DWORD seq = EventSeq();
     while (last_seq_ < seq) {
       Event event;
-      if (ReadEvent(++last_seq_, &event)) DeliverInterfaceEvent(event);
+      if (ReadEvent(++last_seq_, &event)) PostInterfaceEvent(event);
     }
-    ::WaitForMultipleObjects(2, waits, FALSE, 250);
+    ::WaitForSingleObject(changed.get(), 250);
   }
 }
 
-void EventHub::RunJobs() {
-  for (;;) {
-    std::function<void()> job;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      if (jobs_.empty()) return;
-      job = std::move(jobs_.front());
-      jobs_.pop_front();
-    }
-    job();
-  }
-}
-
-void EventHub::DeliverInterfaceEvent(const Event& event) {
+void EventHub::PostInterfaceEvent(const Event& event) {
   ComPtr<SimInterface> iface;
   iface.attach(new SimInterface(event.interface_id));
-  ForEachSink(dorvane::IID_IMbnInterfaceManagerEvents, [&](IUnknown* target) {
-    auto* sink = static_cast<dorvane::IMbnInterfaceManagerEvents*>(target);
-    if (event.kind == Event::kArrival) {
-      sink->OnInterfaceArrival(iface.get());
-    } else {
-      sink->OnInterfaceRemoval(iface.get());
-    }
+  Tracker::JobQueued();
+  Post([this, iface, kind = event.kind]() mutable {
+    ForEachSink(dorvane::IID_IMbnInterfaceManagerEvents, [&](IUnknown* target) {
+      auto* sink = static_cast<dorvane::IMbnInterfaceManagerEvents*>(target);
+      if (kind == Event::kArrival) {
+        Tracker::ArrivalDelivered();
+        sink->OnInterfaceArrival(iface.get());
+      } else {
+        Tracker::RemovalDelivered();
+        sink->OnInterfaceRemoval(iface.get());
+      }
+    });
+    iface.reset();  // before the job counts as done, so that nothing seems left
+    Tracker::JobDone();
   });
 }
 

@@ -1,14 +1,18 @@
-// The advised sinks of this process and the simulator's own thread, which
-// delivers interface arrival and removal events (announced through the
-// scenario) and device-service completions to them, as the real stack does
-// from its own threads.
+// The advised sinks of this process and the threads that call them.
+//
+// A watcher thread reads the interface arrivals and removals announced through
+// the scenario; a pool of delivery threads (Options\DeliveryThreads, default 2)
+// runs every delivery: those events and the device-service completions. As in a
+// real multithreaded apartment, deliveries that are due together may run at the
+// same time on different threads and in any order, and a completion may be
+// delivered while the call that started it is still running.
 #pragma once
 
 #include <windows.h>
 #include <unknwn.h>
 
+#include <chrono>
 #include <condition_variable>
-#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -23,8 +27,8 @@ class EventHub {
  public:
   static EventHub& Get();
 
-  // Starts the thread once per process. Events announced before the first call
-  // are not delivered.
+  // Starts the watcher thread once per process. Events announced before the
+  // first call are not delivered.
   void Start();
 
   // `sink` already answers for `iid`; the hub keeps that reference while advised.
@@ -37,33 +41,38 @@ class EventHub {
   // only called while it is advised.
   void ForEachSink(REFIID iid, const std::function<void(IUnknown*)>& call);
 
-  // Runs `job` on the simulator's thread, after the jobs posted before it.
-  void Post(std::function<void()> job);
+  // Runs `job` on a delivery thread, `delay_ms` from now at the earliest. Jobs
+  // due at the same time start in posting order but may overlap.
+  void Post(std::function<void()> job, DWORD delay_ms = 0);
 
  private:
+  using Clock = std::chrono::steady_clock;
   struct Entry {
     IUnknown* sink;
     IID iid;
     const void* owner;
   };
 
-  static DWORD WINAPI ThreadMain(LPVOID self);
-  void Run();
-  void DeliverInterfaceEvent(const Event& event);
-  void RunJobs();
+  static DWORD WINAPI WatchMain(LPVOID self);
+  static DWORD WINAPI DeliveryMain(LPVOID self);
+  void Watch();
+  void Deliver(DWORD index);
+  // Starts delivery threads up to the scenario's count; called under the lock.
+  void GrowPool(DWORD wanted);
+  void PostInterfaceEvent(const Event& event);
 
   std::mutex mutex_;
   std::condition_variable calls_done_;
+  std::condition_variable jobs_changed_;
   std::map<DWORD, Entry> sinks_;
   std::map<DWORD, int> calls_;  // calls running, by cookie
-  DWORD thread_id_ = 0;
   DWORD next_cookie_ = 1;
   DWORD last_seq_ = 0;
   bool started_ = false;
-  std::deque<std::function<void()>> jobs_;
-  // Signals queued jobs. Never closed: the thread that waits on it runs until the
-  // process ends.
-  HANDLE jobs_ready_ = nullptr;
+  // Due jobs by due time; equal times keep their posting order.
+  std::multimap<Clock::time_point, std::function<void()>> jobs_;
+  DWORD threads_ = 0;  // delivery threads started (they run until the process ends)
+  DWORD wanted_ = 0;   // threads allowed to deliver; the others idle
 };
 
 }  // namespace mbnsim

@@ -20,16 +20,24 @@ const char kUsage[] =
     "                            HomeProviderID HomeProviderName RegisteredProviderID\n"
     "  inject CALL WHAT [INDEX]  make CALL fail: WHAT is an HRESULT (0x80004005),\n"
     "                            null, wrongtype, nullelement, or clear; INDEX limits\n"
-    "                            it to one interface\n"
-    "  delay CALL MS             make CALL answer MS milliseconds late (0 clears)\n"
+    "                            it to one interface. For a completion (CALL.Complete,\n"
+    "                            e.g. SetCommand.Complete): none, an HRESULT (its\n"
+    "                            status), wrongid, empty, early, twice or split\n"
+    "  delay CALL MS             make CALL (or CALL.Complete) MS milliseconds late\n"
+    "                            (0 clears)\n"
+    "  option NAME VALUE|clear   DeliveryThreads (default 2), MaxCommandSize (4096)\n"
     "  reply COMMAND TEXT        answer the AT COMMAND with TEXT (escapes \\r \\n \\xHH);\n"
     "                            TEXT clear goes back to the built-in answer\n"
     "  session INDEX open|closed set the AT service's command session state\n"
     "  last                      print the last command sent (id, type, bytes)\n"
     "  arrive [FIELD=VALUE...]   add an interface and announce its arrival\n"
     "  remove INDEX              announce an interface's removal and take it away\n"
+    "  cycle COUNT               interface 0 leaves and comes back, COUNT times\n"
+    "  swap-sim COUNT            a new SIM (ICCID, home provider) in interface 0,\n"
+    "                            COUNT times; a moment without interface is skipped\n"
     "  show                      print the interfaces\n"
-    "  counters                  print each process's leftovers and mistakes\n";
+    "  counters                  print each process's leftovers and mistakes, and the\n"
+    "                            interface events its sinks were given\n";
 
 int Usage() {
   std::fputs(kUsage, stderr);
@@ -103,6 +111,38 @@ void Show() {
                 f.iccid.c_str(), f.subscriber_id.c_str(), f.home_provider_id.c_str(),
                 f.home_provider_name.c_str(), f.registered_provider_id.c_str());
   }
+}
+
+// Interface 0 leaves and the same modem comes back, `count` times.
+int Cycle(int count) {
+  int removals = 0;
+  int arrivals = 0;
+  for (int i = 0; i < count; ++i) {
+    const auto all = mbnsim::ReadInterfaces();
+    mbnsim::InterfaceInfo info = all.empty() ? mbnsim::DefaultInterface(0) : all.front();
+    if (!all.empty() && mbnsim::Remove(0)) ++removals;
+    mbnsim::Arrive(info);
+    ++arrivals;
+  }
+  std::printf("%d removal(s), %d arrival(s) announced\n", removals, arrivals);
+  return 0;
+}
+
+// A different SIM in interface 0, `count` times: ICCID and home provider change
+// together. While another process has taken the interface away there is
+// nothing to change; that round is skipped.
+int SwapSim(int count) {
+  int changed = 0;
+  for (int i = 0; i < count; ++i) {
+    char iccid[32];
+    std::snprintf(iccid, sizeof iccid, "8949%016d", i);
+    const char* provider = i % 2 ? "26201" : "310260";
+    if (mbnsim::SetField(0, "ICCID", iccid) && mbnsim::SetField(0, "HomeProviderID", provider)) {
+      ++changed;
+    }
+  }
+  std::printf("%d SIM change(s), %d skipped\n", changed, count - changed);
+  return 0;
 }
 
 int Run(const std::vector<std::string>& args) {
@@ -179,6 +219,15 @@ int Run(const std::vector<std::string>& args) {
     if (!mbnsim::Remove(std::atoi(args[2].c_str()))) return Fail("no such interface");
     return 0;
   }
+  if (cmd == "option" && args.size() == 4) {
+    const bool ok = args[3] == "clear"
+                        ? mbnsim::ClearOption(args[2])
+                        : mbnsim::SetOption(args[2], static_cast<DWORD>(
+                                                         std::strtoul(args[3].c_str(), nullptr, 0)));
+    return ok ? 0 : Fail("no such option");
+  }
+  if (cmd == "cycle" && args.size() == 3) return Cycle(std::atoi(args[2].c_str()));
+  if (cmd == "swap-sim" && args.size() == 3) return SwapSim(std::atoi(args[2].c_str()));
   if (cmd == "show") {
     Show();
     return 0;
@@ -188,11 +237,13 @@ int Run(const std::vector<std::string>& args) {
       const auto& c = entry.second;
       std::printf(
           "pid %lu: LiveObjects=%lu AdvisedSinks=%lu BadReleases=%lu BadUnadvises=%lu "
-          "PendingCompletions=%lu\n",
+          "PendingCompletions=%lu ArrivalsDelivered=%lu RemovalsDelivered=%lu\n",
           static_cast<unsigned long>(entry.first), static_cast<unsigned long>(c.live_objects),
           static_cast<unsigned long>(c.advised_sinks), static_cast<unsigned long>(c.bad_releases),
           static_cast<unsigned long>(c.bad_unadvises),
-          static_cast<unsigned long>(c.pending_completions));
+          static_cast<unsigned long>(c.pending_completions),
+          static_cast<unsigned long>(c.arrivals_delivered),
+          static_cast<unsigned long>(c.removals_delivered));
     }
     return 0;
   }

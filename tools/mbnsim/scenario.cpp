@@ -77,8 +77,22 @@ struct ScenarioData {
   std::vector<std::map<std::string, std::string>> interface_injections;
   std::map<std::string, std::string> injections;
   std::map<std::string, DWORD> delays;
+  std::map<std::string, DWORD> options;
   std::map<std::string, std::string> replies;
 };
+
+std::map<std::string, DWORD> ReadDwords(const std::string& path) {
+  std::map<std::string, DWORD> out;
+  UniqueRegKey key = reg::Open(path, Access::kRead);
+  for (const reg::Value& v : reg::Values(key.get())) {
+    DWORD value = 0;
+    if (v.type == REG_DWORD && v.data.size() == sizeof value) {
+      std::memcpy(&value, v.data.data(), sizeof value);
+      out[v.name] = value;
+    }
+  }
+  return out;
+}
 
 std::shared_ptr<const ScenarioData> LoadScenario() {
   auto data = std::make_shared<ScenarioData>();
@@ -90,14 +104,8 @@ std::shared_ptr<const ScenarioData> LoadScenario() {
   }
   data->injections = ReadStrings(InjectPath(-1));
   data->replies = ReadStrings(Path("Replies"));
-  UniqueRegKey delays = reg::Open(Path("Delay"), Access::kRead);
-  for (const reg::Value& v : reg::Values(delays.get())) {
-    DWORD ms = 0;
-    if (v.type == REG_DWORD && v.data.size() == sizeof ms) {
-      std::memcpy(&ms, v.data.data(), sizeof ms);
-      data->delays[v.name] = ms;
-    }
-  }
+  data->delays = ReadDwords(Path("Delay"));
+  data->options = ReadDwords(Path("Options"));
   return data;
 }
 
@@ -183,7 +191,8 @@ bool ParseInjection(const std::string& text, Injection* out) {
       {"", Injection::kNone},           {"null", Injection::kNull},
       {"wrongtype", Injection::kWrongType}, {"nullelement", Injection::kNullElement},
       {"none", Injection::kNoCompletion},   {"wrongid", Injection::kWrongId},
-      {"empty", Injection::kEmpty}};
+      {"empty", Injection::kEmpty},         {"early", Injection::kEarly},
+      {"twice", Injection::kTwice},         {"split", Injection::kSplit}};
   Injection inj;
   auto word = kWords.find(text);
   if (word != kWords.end()) {
@@ -216,6 +225,12 @@ DWORD ReadDelay(const std::string& call) {
   const auto data = Scenario();
   auto it = data->delays.find(call);
   return it == data->delays.end() ? 0 : it->second;
+}
+
+DWORD ReadOption(const std::string& name, DWORD fallback) {
+  const auto data = Scenario();
+  auto it = data->options.find(name);
+  return it == data->options.end() ? fallback : it->second;
 }
 
 std::string NormaliseCommand(const std::string& payload) {
@@ -324,12 +339,12 @@ bool ReadLastCommand(SentCommand* sent) {
 namespace {
 
 struct CounterRecord {
-  DWORD values[5];
+  DWORD values[7];
 };
 
 CounterRecord Pack(const Counters& c) {
   return CounterRecord{{c.live_objects, c.advised_sinks, c.bad_releases, c.bad_unadvises,
-                        c.pending_completions}};
+                        c.pending_completions, c.arrivals_delivered, c.removals_delivered}};
 }
 
 }  // namespace
@@ -358,7 +373,8 @@ bool ReadCounters(DWORD pid, Counters* c) {
   }
   CounterRecord r;
   std::memcpy(&r, bytes.data(), sizeof r);
-  *c = Counters{r.values[0], r.values[1], r.values[2], r.values[3], r.values[4]};
+  *c = Counters{r.values[0], r.values[1], r.values[2], r.values[3],
+                r.values[4], r.values[5], r.values[6]};
   return true;
 }
 
@@ -376,7 +392,9 @@ std::vector<std::pair<DWORD, Counters>> AllCounters() {
 // -- control -----------------------------------------------------------------------------
 
 void Reset() {
-  for (const char* sub : {"Interfaces", "Inject", "Delay", "Replies"}) reg::DeleteTree(Path(sub));
+  for (const char* sub : {"Interfaces", "Inject", "Delay", "Replies", "Options"}) {
+    reg::DeleteTree(Path(sub));
+  }
   reg::DeleteTree(kStateRoot);
   reg::Open(Path("Interfaces"), Access::kCreate);
   reg::Open(Path("Events"), Access::kCreate);
@@ -431,6 +449,28 @@ void SetDelay(const std::string& call, DWORD ms) {
   } else {
     reg::WriteDword(key.get(), call.c_str(), ms);
   }
+}
+
+namespace {
+
+bool KnownOption(const std::string& name) {
+  return name == "DeliveryThreads" || name == "MaxCommandSize";
+}
+
+}  // namespace
+
+bool SetOption(const std::string& name, DWORD value) {
+  if (!KnownOption(name)) return false;
+  UniqueRegKey key = reg::Open(Path("Options"), Access::kCreate);
+  reg::WriteDword(key.get(), name.c_str(), value);
+  return true;
+}
+
+bool ClearOption(const std::string& name) {
+  if (!KnownOption(name)) return false;
+  UniqueRegKey key = reg::Open(Path("Options"), Access::kCreate);
+  ::RegDeleteValueA(key.get(), name.c_str());
+  return true;
 }
 
 void SetReply(const std::string& command, const std::string& bytes) {

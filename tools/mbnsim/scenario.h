@@ -15,17 +15,27 @@
 //                            to return), "null" (succeed, hand out a null pointer),
 //                            for GetInterfaces also "wrongtype" and "nullelement";
 //                            for a completion (<call>.Complete) "none" (it never
-//                            comes), an HRESULT (its status), "wrongid" (another
-//                            request id), "empty" (no answer bytes)
+//                            comes), an HRESULT (its status; the session does
+//                            not change), "wrongid" (the id of the request before),
+//                            "empty" (no answer bytes), "early" (delivered before
+//                            the call returns), "twice" (delivered two times),
+//                            "split" (the answer in three fragments, one
+//                            completion each, same request id)
 //     Replies\<COMMAND>      the answer bytes for an AT command, instead of the
 //                            built-in responder's
-//     Delay\<call>           milliseconds the call takes before it answers
+//     Delay\<call>           milliseconds the call takes before it answers; for
+//                            <call>.Complete, how long after the call the
+//                            completion is delivered
+//     Options                DeliveryThreads (DWORD, default 2): threads that
+//                            deliver events and completions, concurrently;
+//                            MaxCommandSize (DWORD, default 4096)
 //     Events                 Seq (DWORD) and E<seq> = "arrival <id>" / "removal <id>"
 //
 //   HKLM\SOFTWARE\Dorvane\MbnSimState   what the simulator records as it runs:
 //     Sessions\<interface id> Open, Opens, Closes of the AT command session
 //     LastCommand            ID, Type, Bytes, Count of the last SetCommand
-//     Counters\<pid>         what each process did wrong or left behind
+//     Counters\<pid>         what each process did wrong or left behind, and the
+//                            interface events delivered to its sinks
 #pragma once
 
 #include <windows.h>
@@ -50,7 +60,11 @@ struct InterfaceInfo {
 InterfaceInfo DefaultInterface(int n);
 
 struct Injection {
-  enum Kind { kNone, kFail, kNull, kWrongType, kNullElement, kNoCompletion, kWrongId, kEmpty };
+  enum Kind {
+    kNone, kFail, kNull, kWrongType, kNullElement,
+    // Completions only:
+    kNoCompletion, kWrongId, kEmpty, kEarly, kTwice, kSplit
+  };
   Kind kind = kNone;
   HRESULT hr = S_OK;
 };
@@ -61,7 +75,10 @@ struct Counters {
   DWORD advised_sinks = 0;  // advised and not yet unadvised
   DWORD bad_releases = 0;   // Release on an object whose count was already 0
   DWORD bad_unadvises = 0;  // Unadvise with a cookie this point never gave out
-  DWORD pending_completions = 0;  // queued, not yet delivered
+  DWORD pending_completions = 0;  // deliveries (events, completions) queued, not yet made
+  // Not leftovers: how many interface events the process's sinks were given.
+  DWORD arrivals_delivered = 0;
+  DWORD removals_delivered = 0;
 };
 
 struct Event {
@@ -101,6 +118,11 @@ bool ReadLastCommand(SentCommand* sent);
 
 // Milliseconds that `call` is to take (0 when none is set).
 DWORD ReadDelay(const std::string& call);
+// A value under Options, or `fallback` when it is not set.
+DWORD ReadOption(const std::string& name, DWORD fallback);
+inline constexpr DWORD kDefaultDeliveryThreads = 2;
+inline constexpr DWORD kMaxDeliveryThreads = 16;
+inline constexpr DWORD kDefaultMaxCommandSize = 4096;
 DWORD EventSeq();
 bool ReadEvent(DWORD seq, Event* event);
 void PublishCounters(DWORD pid, const Counters& counters);
@@ -112,13 +134,17 @@ void Reset();
 void SetInterfaces(const std::vector<InterfaceInfo>& interfaces);
 bool SetField(int index, const std::string& field, const std::string& value);
 // `what`: an HRESULT ("0x8000FFFF"), "null", "wrongtype", "nullelement",
-// "none", "wrongid", "empty", or "" to clear.
+// "none", "wrongid", "empty", "early", "twice", "split", or "" to clear.
 bool Inject(const std::string& call, const std::string& what, int index = -1);
 // Sets the answer bytes for an AT command; empty `bytes` clears it.
 void SetReply(const std::string& command, const std::string& bytes);
 
 // Makes `call` answer `ms` milliseconds late (0 clears).
 void SetDelay(const std::string& call, DWORD ms);
+// Sets an option (DeliveryThreads, MaxCommandSize); false for an unknown name.
+bool SetOption(const std::string& name, DWORD value);
+// Forgets an option, so that its default holds again.
+bool ClearOption(const std::string& name);
 // Adds an interface at the end and announces its arrival.
 void Arrive(const InterfaceInfo& info);
 // Announces the removal of interface `index` and takes it away.

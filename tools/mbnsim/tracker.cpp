@@ -27,6 +27,8 @@ void Tracker::SinkUnadvised() { Update([](Counters& c) { --c.advised_sinks; }); 
 void Tracker::BadUnadvise() { Update([](Counters& c) { ++c.bad_unadvises; }); }
 void Tracker::JobQueued() { Update([](Counters& c) { ++c.pending_completions; }); }
 void Tracker::JobDone() { Update([](Counters& c) { --c.pending_completions; }); }
+void Tracker::ArrivalDelivered() { Update([](Counters& c) { ++c.arrivals_delivered; }); }
+void Tracker::RemovalDelivered() { Update([](Counters& c) { ++c.removals_delivered; }); }
 
 Counters Tracker::Snapshot() {
   std::lock_guard<std::mutex> lock(g_mutex);

@@ -23,6 +23,9 @@ class Tracker {
   // Completions queued and not yet delivered.
   static void JobQueued();
   static void JobDone();
+  // An interface event handed to one sink.
+  static void ArrivalDelivered();
+  static void RemovalDelivered();
   static Counters Snapshot();
 };
 
