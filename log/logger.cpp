@@ -43,18 +43,37 @@ Logger* Logger::GetInstance() {
 Logger::Logger() : lock_(::CreateEventA(nullptr, FALSE, TRUE, nullptr)) {}
 
 Logger::~Logger() {
-  if (file_ != nullptr) std::fclose(file_);
+  if (FILE* f = file_.load()) std::fclose(f);
   if (lock_ != nullptr) ::CloseHandle(lock_);
 }
 
 void Logger::SetLogPath(std::string path) {
-  path_ = std::move(path);
-  const std::string backup = path_ + "bk";
-  if (_access(path_.c_str(), 0) == -1) return;
-  if (FileSize(path_) >= kLogRotateSize) {
+  // Copied into the buffer that path_ already has, under its own lock: the
+  // periodic check stores the same path again while a writer on another thread
+  // may be reopening the log with it, and must not free that buffer under it.
+  ::AcquireSRWLockExclusive(&path_lock_);
+  path_.assign(path);
+  ::ReleaseSRWLockExclusive(&path_lock_);
+  const std::string backup = path + "bk";
+  if (_access(path.c_str(), 0) == -1) return;
+  if (FileSize(path) >= kLogRotateSize) {
+    // The rename runs under the writers' lock. A writer that reopened the log
+    // while the rename held it would get a sharing violation, and since a failed
+    // open leaves the logger locked for good, every thread of the service would
+    // stall. Taken only when there is something to rotate, so that a logger that
+    // is already locked never blocks here at start-up.
+    ::WaitForSingleObject(lock_, INFINITE);
     if (_access(backup.c_str(), 0) != -1) ::DeleteFileA(backup.c_str());
-    std::rename(path_.c_str(), backup.c_str());
+    std::rename(path.c_str(), backup.c_str());
+    ::SetEvent(lock_);
   }
+}
+
+std::string Logger::path() const {
+  ::AcquireSRWLockShared(&path_lock_);
+  std::string copy = path_;
+  ::ReleaseSRWLockShared(&path_lock_);
+  return copy;
 }
 
 void Logger::Enable(bool on) {
@@ -68,14 +87,16 @@ void Logger::Enable(bool on) {
 
 void Logger::OpenStep() {
   if (opened_) return;
+  const std::string where = path();
   // Make every folder of the chain; "C:" and folders that exist just fail.
-  for (size_t pos = path_.find('\\'); pos != std::string::npos; pos = path_.find('\\', pos + 1)) {
-    _mkdir(path_.substr(0, pos).c_str());
+  for (size_t pos = where.find('\\'); pos != std::string::npos; pos = where.find('\\', pos + 1)) {
+    _mkdir(where.substr(0, pos).c_str());
   }
-  if (enabled_) file_ = _fsopen(path_.c_str(), "a+", _SH_DENYNO);
-  if (file_ == nullptr) return;
-  std::fputs(kBanner, file_);
-  std::fflush(file_);
+  if (enabled_) file_ = _fsopen(where.c_str(), "a+", _SH_DENYNO);
+  FILE* f = file_.load();
+  if (f == nullptr) return;
+  std::fputs(kBanner, f);
+  std::fflush(f);
   opened_ = true;
 }
 
@@ -100,28 +121,31 @@ int Logger::WriteV(unsigned level, const char* format, va_list args) {
     OpenStep();
     initialised_ = true;
   }
-  if (file_ == nullptr) {
+  FILE* f = file_.load();
+  if (f == nullptr) {
     // The lock stays taken: see the class comment.
     return 0;
   }
   SYSTEMTIME t;
   ::GetLocalTime(&t);
-  std::fprintf(file_, "%s %02d-%02d %02d:%02d:%02d:%03d: ", TagFor(level), t.wMonth, t.wDay,
+  std::fprintf(f, "%s %02d-%02d %02d:%02d:%02d:%03d: ", TagFor(level), t.wMonth, t.wDay,
                t.wHour, t.wMinute, t.wSecond, t.wMilliseconds);
-  int n = std::vfprintf(file_, format, args);
-  std::fputs("\n", file_);
-  std::fflush(file_);
+  int n = std::vfprintf(f, format, args);
+  std::fputs("\n", f);
+  std::fflush(f);
   ::SetEvent(lock_);
   return n;
 }
 
 void Logger::Close() {
-  if (file_ == nullptr) return;
+  if (file_.load() == nullptr) return;
   ::WaitForSingleObject(lock_, INFINITE);
-  std::fclose(file_);
-  initialised_ = false;
-  opened_ = false;
-  file_ = nullptr;
+  // Looked at again under the lock: another Close may have come first.
+  if (FILE* f = file_.exchange(nullptr)) {
+    std::fclose(f);
+    initialised_ = false;
+    opened_ = false;
+  }
   ::SetEvent(lock_);
 }
 

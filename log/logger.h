@@ -6,8 +6,10 @@
 // differ on purpose: field tools parse the columns as they are).
 //
 // Threads: Write and Close may be called from any thread; they serialise on an
-// auto-reset event. SetLogPath and Enable take no lock and are meant for start-up
-// and for the worker's periodic size check.
+// auto-reset event. SetLogPath and Enable are meant for start-up and for the
+// worker's periodic size check, which runs while other threads write: a write
+// between the check's Close and SetLogPath reopens the file on the path as it
+// stands.
 //
 // Failure: once a write finds no open file (the log could not be opened), the lock
 // is left taken and every later Write blocks for ever. Deployed services behave
@@ -22,6 +24,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <string>
@@ -66,14 +69,19 @@ class Logger {
   // Closes the file; the next Write reopens it and writes a new banner.
   void Close();
 
-  const std::string& path() const { return path_; }
+  std::string path() const;
 
  private:
   int WriteV(unsigned level, const char* format, va_list args);
   void OpenStep();
 
+  // Guards path_ alone: a writer reopening the log reads it while the periodic
+  // check stores it again. Never held while waiting on lock_.
+  mutable SRWLOCK path_lock_ = SRWLOCK_INIT;
   std::string path_;
-  FILE* file_ = nullptr;
+  // Written under lock_; Close reads it first without the lock (a closed log must
+  // not wait on a lock that a failed open left taken), hence atomic.
+  std::atomic<FILE*> file_{nullptr};
   int level_ = 4;
   bool initialised_ = false;
   // Auto-reset event used as the logger's mutex. Never closed for the process-wide

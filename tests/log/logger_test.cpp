@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <regex>
 #include <thread>
@@ -142,6 +145,96 @@ TEST(LoggerConcurrency, LinesFromManyThreadsNeverInterleaveOrGetLost) {
     EXPECT_EQ(next[t]++, std::stoi(m[2].str())) << "each writer's lines stay in order";
   }
   for (int t = 0; t < kThreads; ++t) EXPECT_EQ(kLines, next[t]);
+}
+
+// Eight writers while the worker's three-hourly check (close, set the path
+// again) runs without pause, over a log just short of the rotation size: every
+// line ends up whole in the log or its backup. While writers keep the log open
+// the rename cannot happen; so they pause together now and then, and the log
+// is rotated during one of those pauses, right before they reopen it.
+TEST(LoggerConcurrency, PeriodicCheckDuringWritesLosesAndTearsNothing) {
+  const std::string path = MakeTempDir("check") + "\\Dorvane.log";
+  const std::string filler_line = "[DETAIL] 01-01 00:00:00:000: filler\r\n";
+  std::string filler;
+  while (filler.size() + filler_line.size() < static_cast<size_t>(kLogRotateSize) - 1500000) {
+    filler += filler_line;
+  }
+  testing::WriteFileBytes(path, filler);
+  std::string().swap(filler);
+
+  // Leaked on purpose: should a writer stay blocked inside it, the watchdog ends
+  // the process and nothing may destroy it under that writer.
+  Logger* log = OpenLogger(path).release();
+  constexpr int kThreads = 8;
+  constexpr int kLines = 12500;
+  constexpr int kPauseEvery = 2000;
+  std::atomic<int> running{kThreads};
+  std::atomic<int> written{0};
+  std::atomic<int> paused{0};
+  std::atomic<int> generation{0};
+  std::vector<std::thread> writers;
+  for (int t = 0; t < kThreads; ++t) {
+    writers.emplace_back([log, t, &running, &written, &paused, &generation] {
+      for (int i = 0; i < kLines; ++i) {
+        if (i > 0 && i % kPauseEvery == 0) {
+          const int g = generation.load();
+          ++paused;
+          while (generation.load() == g) ::Sleep(1);
+        }
+        log->Write(4, "w%d n%d %s", t, i, "0123456789abcdef");
+        ++written;
+      }
+      --running;
+    });
+  }
+  std::thread watchdog([&running, &written] {
+    int before = -1;
+    for (int quiet = 0; running.load() > 0; quiet += 100) {
+      if (written.load() != before) {
+        before = written.load();
+        quiet = 0;
+      }
+      if (quiet > 20000) {
+        std::fprintf(stderr, "no line written for 20 s after %d: the logger stays locked\n",
+                     before);
+        std::_Exit(3);
+      }
+      ::Sleep(100);
+    }
+  });
+  int checks = 0;
+  while (running.load() > 0) {
+    log->Close();
+    log->SetLogPath(path);
+    ++checks;
+    if (paused.load() == kThreads) {
+      paused = 0;
+      ++generation;
+    }
+  }
+  for (auto& w : writers) w.join();
+  watchdog.join();
+  log->Close();
+
+  std::vector<std::vector<bool>> seen(kThreads, std::vector<bool>(kLines, false));
+  int lines = 0;
+  const std::regex line(R"(w(\d) n(\d+) 0123456789abcdef)");
+  for (const std::string& file : {path + "bk", path}) {
+    for (const auto& record : ReadLog(file)) {
+      if (record.tag == "banner" || record.message == "filler") continue;
+      std::smatch m;
+      ASSERT_TRUE(std::regex_match(record.message, m, line)) << "torn: " << record.message;
+      const int t = std::stoi(m[1].str());
+      const int n = std::stoi(m[2].str());
+      ASSERT_TRUE(t < kThreads && n < kLines) << record.message;
+      EXPECT_FALSE(seen[t][n]) << "twice: " << record.message;
+      seen[t][n] = true;
+      ++lines;
+    }
+  }
+  EXPECT_EQ(kThreads * kLines, lines) << "every line is in the log or its backup";
+  EXPECT_TRUE(FileExists(path + "bk")) << "the checks rotated the log";
+  std::printf("%d checks during %d lines\n", checks, lines);
 }
 
 TEST(LoggerFailure, AFailedOpenLocksEveryLaterWrite) {
