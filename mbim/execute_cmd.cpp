@@ -12,7 +12,11 @@ bool CStateWork::CheckMBIM() {
   log()->Write(kLogDetail, "Check MBIM enter");
   // A channel already held is overwritten, not freed, as deployed: callers pair
   // each CheckMBIM with a FreeMBIM.
-  channel_ = new (std::nothrow) CMbimChannel(options_.mbim_wait_ms);
+  try {
+    channel_ = new (std::nothrow) CMbimChannel(options_.mbim_wait_ms);
+  } catch (const std::bad_alloc&) {
+    channel_ = nullptr;  // its pending list could not be made: no channel
+  }
   if (channel_ == nullptr) return false;
   return channel_->IsInterfaceReady();
 }

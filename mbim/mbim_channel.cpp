@@ -15,7 +15,10 @@ Logger* Log() { return Logger::GetInstance(); }
 
 }  // namespace
 
-CMbimChannel::CMbimChannel(DWORD wait_ms) : wait_ms_(wait_ms) { InitMbn(); }
+CMbimChannel::CMbimChannel(DWORD wait_ms)
+    : pending_(std::make_shared<PendingList>()), wait_ms_(wait_ms) {
+  InitMbn();
+}
 
 CMbimChannel::~CMbimChannel() { UninitMbn(); }
 
@@ -39,7 +42,7 @@ HRESULT CMbimChannel::InitMbn() {
     return hr;
   }
   Log()->Write(kLogDetail, "CoCreateInstance-CLSID_MbnDeviceServicesManager done");
-  sink_.attach(new (std::nothrow) CrMbimServicesEvents(&text_b_, &pending_, wait_ms_));
+  sink_.attach(new (std::nothrow) CrMbimServicesEvents(pending_, wait_ms_));
   if (!sink_) {
     Log()->Write(kLogError, "New ServiceEvent");
     return hr;
@@ -49,26 +52,20 @@ HRESULT CMbimChannel::InitMbn() {
 }
 
 HRESULT CMbimChannel::AdviseEvent(DWORD* cookie, IUnknown* sink, REFIID iid) {
+  // A step that succeeds without handing out its pointer fails like one that
+  // failed outright: its name alone, no "done" line before it.
   HRESULT hr = services_manager_->QueryInterface(IID_IConnectionPointContainer, container_.put_void());
-  if (FAILED(hr)) {
+  if (FAILED(hr) || !container_) {
     Log()->Write(kLogError, "QueryInterface");
     return hr;
   }
   Log()->Write(kLogDetail, "QueryInterface: IMbnConnectionPointContainer done");
-  if (!container_) {
-    Log()->Write(kLogError, "QueryInterface");
-    return E_POINTER;
-  }
   hr = container_->FindConnectionPoint(iid, connection_point_.put());
-  if (FAILED(hr)) {
+  if (FAILED(hr) || !connection_point_) {
     Log()->Write(kLogError, "FindConnectionPoint");
     return hr;
   }
   Log()->Write(kLogDetail, "FindConnectionPoint:IMbnConnectionPoint done");
-  if (!connection_point_) {
-    Log()->Write(kLogError, "FindConnectionPoint");
-    return E_POINTER;
-  }
   hr = connection_point_->Advise(sink, cookie);
   if (FAILED(hr)) {
     Log()->Write(kLogError, "Advise");
@@ -80,8 +77,9 @@ HRESULT CMbimChannel::AdviseEvent(DWORD* cookie, IUnknown* sink, REFIID iid) {
 
 HRESULT CMbimChannel::UnadviseEvent(DWORD cookie) {
   HRESULT hr = S_OK;
-  // Cookies are never 0: after a failed Advise there is nothing to unadvise.
-  if (connection_point_ && cookie != 0) {
+  // Also after a failed Advise, with the cookie 0 it left: the stack refuses it
+  // (CONNECT_E_NOCONNECTION) and the refusal is logged like any other.
+  if (connection_point_) {
     hr = connection_point_->Unadvise(cookie);
     if (FAILED(hr)) {
       // The same word as the advise failure: log scanners look for it.
@@ -98,12 +96,16 @@ HRESULT CMbimChannel::UnadviseEvent(DWORD cookie) {
 void CMbimChannel::UninitMbn() {
   UnadviseEvent(cookie_);
   cookie_ = 0;
+  // When the stack refused the Unadvise, the sink stays advised and lives on
+  // with its share of the pending list; that list is emptied here all the same,
+  // so later completions find nothing to fill.
   sink_.reset();
   services_manager_.reset();
   interface_manager_.reset();
   ReleaseService();
   ::CoUninitialize();
   Log()->Write(kLogDetail, "CoUninitialize");
+  pending_->Clear();
 }
 
 HRESULT CMbimChannel::GetInterface() {

@@ -30,11 +30,6 @@ namespace dorvane {
 
 inline constexpr char kAtDeviceServiceId[] = "{ffffffff-abca-4b11-a4e2-f2fc87f94488}";
 
-// Appends each byte as "%02X" and a blank, the byte widened as a signed char, so
-// that 0x80..0xFF come out as FFFFFF80..FFFFFFFF: tools that parse the hex form
-// expect those eight digits.
-void AppendAnswerHex(const unsigned char* bytes, size_t count, std::string& hex);
-
 class CMbimChannel {
  public:
   // Runs InitMbn; a channel whose initialisation failed is still a channel,
@@ -63,7 +58,9 @@ class CMbimChannel {
   // The command as a byte array (no terminator); appends its pending entry.
   SAFEARRAY* StrToSafeArray(const std::string& command);
 
-  const std::vector<PendingCommand>& pending() const { return pending_; }
+  // The list of commands on their way; the sink shares it and may outlive the
+  // channel. Emptied when the channel is torn down.
+  std::shared_ptr<const PendingList> pending() const { return pending_; }
 
  private:
   void ReleaseService();
@@ -74,7 +71,11 @@ class CMbimChannel {
   // Closes a session this exchange opened; waits for the close only after a
   // failure. Returns the exchange's result.
   HRESULT CloseSession(HRESULT hr);
-  void CollectAnswer(ULONG request_id, std::string& answer_text, std::string& answer_hex);
+  // The sink's waits; without a sink (its allocation failed) each reads as a
+  // time-out.
+  DWORD WaitForOpen();
+  DWORD WaitForSet();
+  DWORD WaitForClose();
 
   ComPtr<IMbnInterfaceManager> interface_manager_;
   ComPtr<IMbnDeviceServicesManager> services_manager_;
@@ -89,8 +90,9 @@ class CMbimChannel {
   const DWORD command_id_ = 1;
   const std::string device_service_id_ = kAtDeviceServiceId;
   std::string text_a_;
-  std::string text_b_;  // the sink keeps a pointer to it
-  std::vector<PendingCommand> pending_;
+  // Shared with the sink, which may outlive the channel (its second text
+  // member is the list's `note`). Never null.
+  std::shared_ptr<PendingList> pending_;
   DWORD wait_ms_;
 };
 

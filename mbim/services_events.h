@@ -4,8 +4,9 @@
 // The sink turns the completions of a command session (open, set command,
 // close) into three auto-reset events that the exchange waits on, and copies the
 // answer bytes of a set-command completion into the pending entry with the same
-// request id. Completions arrive on COM's threads; the sink only logs, copies and
-// signals.
+// request id. Completions arrive on COM's threads, also before the call that
+// started them has returned, late, twice or in fragments; the sink only logs,
+// copies and signals.
 #pragma once
 
 #include <windows.h>
@@ -19,6 +20,11 @@
 
 namespace dorvane {
 
+// Appends each byte as "%02X" and a blank, the byte widened as a signed char, so
+// that 0x80..0xFF come out as FFFFFF80..FFFFFFFF: tools that parse the hex form
+// expect those eight digits.
+void AppendAnswerHex(const unsigned char* bytes, size_t count, std::string& hex);
+
 // One SetCommand issued on the channel. Owns its two buffers.
 struct PendingCommand {
   int command_length = 0;
@@ -28,12 +34,50 @@ struct PendingCommand {
   ULONG request_id = 0;
 };
 
+// The channel's commands on their way to the module and back, shared by the
+// channel (which adds, stamps and collects entries on its caller's thread) and
+// its sink (which fills them on COM's threads). Shared ownership, because the
+// sink outlives the channel when the stack refuses its Unadvise; every access
+// takes the list's lock, because a completion may come at any moment: while
+// the next command is queued, after its wait ran out, during the teardown.
+// No method throws; none calls out (no logging) while holding the lock.
+class PendingList {
+ public:
+  enum class Fill { kFilled, kNoMatch, kNoData };
+
+  PendingList() = default;
+  PendingList(const PendingList&) = delete;
+  PendingList& operator=(const PendingList&) = delete;
+
+  // Appends an entry holding a copy of `command`; false when memory ran out.
+  bool Append(const std::string& command);
+  // Stamps the last entry with the request id SetCommand handed out.
+  void StampLast(ULONG request_id);
+  // Copies the completion's bytes into the first entry with `request_id`.
+  // kNoData when the array cannot be read (the entry is then left as it was).
+  Fill FillAnswer(ULONG request_id, SAFEARRAY* data);
+  // Takes the answers of the entries with `request_id` out of the list: the
+  // text of the last one into `text`, every byte into `hex`. True when an
+  // entry was found.
+  bool Collect(ULONG request_id, std::string& text, std::string& hex);
+  size_t size() const;
+  // Frees every entry.
+  void Clear();
+
+  // The channel's second text member: the sink keeps a reference to it and
+  // never reads it.
+  std::string note;
+
+ private:
+  mutable SRWLOCK lock_ = SRWLOCK_INIT;
+  std::vector<PendingCommand> entries_;  // guarded by lock_
+};
+
 class CrMbimServicesEvents : public IMbnDeviceServicesEvents {
  public:
-  // `text` is kept and never used; `pending` is the channel's list. `wait_ms`
-  // bounds each of the three waits (5000 in the service).
-  CrMbimServicesEvents(std::string* text, std::vector<PendingCommand>* pending,
-                       DWORD wait_ms = 5000);
+  // `pending` is the channel's list, kept alive by the sink as long as it
+  // lives. `wait_ms` bounds each of the three waits (5000 in the service).
+  explicit CrMbimServicesEvents(std::shared_ptr<PendingList> pending, DWORD wait_ms = 5000);
   virtual ~CrMbimServicesEvents();
   CrMbimServicesEvents(const CrMbimServicesEvents&) = delete;
   CrMbimServicesEvents& operator=(const CrMbimServicesEvents&) = delete;
@@ -89,8 +133,8 @@ class CrMbimServicesEvents : public IMbnDeviceServicesEvents {
   UniqueHandle open_event_;
   UniqueHandle close_event_;
   UniqueHandle set_event_;
-  std::string* text_;
-  std::vector<PendingCommand>* pending_;
+  // The three events belong to the sink and live as long as it does.
+  std::shared_ptr<PendingList> pending_;
   DWORD wait_ms_;
 };
 

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <memory>
 #include <regex>
 #include <thread>
 
@@ -31,7 +33,7 @@ class ChannelTest : public testing::SimFixture {
     ClearLog();
     const bool ok = worker->ExecuteCmd(command, result);
     WaitIdle();
-    last_pending_ = worker->channel()->pending().size();
+    last_pending_ = worker->channel()->pending()->size();
     worker->FreeMBIM();
     return ok;
   }
@@ -267,15 +269,108 @@ TEST_F(ChannelTest, WithoutTheStackTheChannelIsKeptButNotReady) {
   ClearLog();
   EXPECT_FALSE(worker->CheckMBIM());
   EXPECT_NE(nullptr, worker->channel());
+  EXPECT_EQ((std::vector<std::string>{"[DETAIL]Check MBIM enter", "[DETAIL]CoInitializeEx done",
+                                      "[ERROR] CoCreateInstance-CLSID_MbnInterfaceManager",
+                                      "[ERROR] InterfaceMgr is null"}),
+            tagged());
+  ClearLog();
   std::string result = "kept";
   EXPECT_FALSE(worker->ExecuteCmd("AT", result));
   EXPECT_EQ("kept", result);
   worker->FreeMBIM();
+  // The exchange still walks its interface steps, each failing with its text.
+  EXPECT_EQ((std::vector<std::string>{"[ERROR] InterfaceMgr is null", "[ERROR] GetInterface",
+                                      "[ERROR] GetService", "[ERROR] ExecuteCmd",
+                                      "[DETAIL]FreeMBIM enter.", "[DETAIL]CoUninitialize"}),
+            tagged());
+}
+
+// The advise steps of the channel: one that succeeds without handing out its
+// pointer logs only its failure; after a failed Advise the teardown still
+// unadvises (cookie 0), and the stack's refusal is logged.
+TEST_F(ChannelTest, AdviseStepFailuresAndTheUnadviseThatFollows) {
+  struct Case {
+    const char* call;
+    const char* what;
+    std::vector<std::string> advise;  // after "CreateServicesEvents done"
+    std::vector<std::string> freed;   // after "FreeMBIM enter."
+    DWORD bad_unadvises;
+  };
+  const Case cases[] = {
+      {"DeviceServices.QueryInterface.IConnectionPointContainer", "null",
+       {"[ERROR] QueryInterface"}, {"[DETAIL]Close event", "[DETAIL]CoUninitialize"}, 0},
+      {"DeviceServices.FindConnectionPoint", "null",
+       {"[DETAIL]QueryInterface: IMbnConnectionPointContainer done", "[ERROR] FindConnectionPoint"},
+       {"[DETAIL]Close event", "[DETAIL]CoUninitialize"}, 0},
+      {"DeviceServices.FindConnectionPoint", "0x80040200",
+       {"[DETAIL]QueryInterface: IMbnConnectionPointContainer done", "[ERROR] FindConnectionPoint"},
+       {"[DETAIL]Close event", "[DETAIL]CoUninitialize"}, 0},
+      {"DeviceServices.Advise", "0x80040202",
+       {"[DETAIL]QueryInterface: IMbnConnectionPointContainer done",
+        "[DETAIL]FindConnectionPoint:IMbnConnectionPoint done", "[ERROR] Advise"},
+       {"[ERROR] Advise", "[DETAIL]Close event", "[DETAIL]CoUninitialize"}, 1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.call) + " " + c.what);
+    UseInterfaces(1);
+    ASSERT_TRUE(mbnsim::Inject(c.call, c.what));
+    auto worker = Worker();
+    ClearLog();
+    EXPECT_TRUE(worker->CheckMBIM()) << "the interface is there all the same";
+    worker->FreeMBIM();
+    const auto lines = tagged();
+    auto from = [&lines](const std::string& after, const std::string& until) {
+      std::vector<std::string> out;
+      size_t i = 0;
+      while (i < lines.size() && lines[i] != after) ++i;
+      for (++i; i < lines.size() && lines[i] != until; ++i) out.push_back(lines[i]);
+      return out;
+    };
+    EXPECT_EQ(c.advise, from("[DETAIL]CreateServicesEvents done", "[DETAIL]GetInterfaces"));
+    EXPECT_EQ(c.freed, from("[DETAIL]FreeMBIM enter.", ""));
+    ExpectNothingLeft(c.bad_unadvises);
+  }
+}
+
+// When the stack refuses the Unadvise, the channel is freed but its sink stays
+// advised: the completions of a later channel reach it too, and must find
+// nothing of the freed channel (its memory here reused with a pattern).
+TEST_F(ChannelTest, ASinkLeftAdvisedOutlivesItsChannel) {
+  ASSERT_TRUE(mbnsim::Inject("DeviceServices.Unadvise", "0x8001010E"));
+  {
+    auto worker = Worker();
+    ASSERT_TRUE(worker->CheckMBIM());
+    std::string result;
+    EXPECT_TRUE(worker->ExecuteCmd("AT+CGMI", result));
+    ClearLog();
+    worker->FreeMBIM();
+  }
+  EXPECT_EQ((std::vector<std::string>{"[DETAIL]FreeMBIM enter.", "[ERROR] Advise",
+                                      "[DETAIL]CoUninitialize"}),
+            tagged())
+      << "the refused unadvise is logged with the advise's word; the sink lives on";
+  ASSERT_TRUE(mbnsim::Inject("DeviceServices.Unadvise", ""));
+  EXPECT_EQ(1u, counters().advised_sinks);
+  std::vector<std::unique_ptr<unsigned char[]>> filler;
+  for (size_t size : {sizeof(CMbimChannel), sizeof(PendingCommand), 2 * sizeof(PendingCommand)}) {
+    for (int i = 0; i < 500; ++i) {
+      filler.emplace_back(new unsigned char[size]);
+      // No two neighbouring words alike, so no stale pointer pair reads as empty.
+      for (size_t b = 0; b < size; ++b) filler.back()[b] = static_cast<unsigned char>(b * 7 + 1);
+    }
+  }
+
+  std::string result;
+  EXPECT_TRUE(Run("AT", result));
+  EXPECT_EQ("\r\nOK\r\n", result);
   const auto msgs = messages();
-  EXPECT_GE(IndexOf(msgs, "CoCreateInstance-CLSID_MbnInterfaceManager"), 0);
-  EXPECT_GE(IndexOf(msgs, "InterfaceMgr is null"), 0);
-  EXPECT_GE(IndexOf(msgs, "ExecuteCmd"), 0);
-  EXPECT_LT(IndexOf(msgs, "Create event"), 0);
+  EXPECT_EQ(2, testing::CountOf(msgs, "OnSetCommandComplete, requestID = " +
+                                          std::to_string(IdIn("SetCommand: requestID = "))))
+      << "both sinks heard the completion";
+  EXPECT_EQ(1, testing::CountOf(msgs, "OnSetCommandComplete-no-match-command"))
+      << "the old sink found no entry of its own";
+  EXPECT_EQ(1u, counters().advised_sinks) << "the stack still holds the old sink";
+  EXPECT_EQ(0u, counters().live_objects);
 }
 
 TEST_F(ChannelTest, AFailedCoInitializeDoesNotStopTheChannel) {

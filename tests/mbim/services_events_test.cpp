@@ -19,15 +19,21 @@ class SinkTest : public testing::LogFixture {
  protected:
   void SetUp() override {
     LogFixture::SetUp();
-    sink_ = new CrMbimServicesEvents(&text_, &pending_, 50);
+    sink_ = new CrMbimServicesEvents(pending_, 50);
   }
   void TearDown() override {
     if (sink_) sink_->Release();
   }
   void AddPending(ULONG request_id) {
-    PendingCommand entry;
-    entry.request_id = request_id;
-    pending_.push_back(std::move(entry));
+    ASSERT_TRUE(pending_->Append("AT\r\n"));
+    pending_->StampLast(request_id);
+  }
+  // Takes the answer of the entries with `request_id` out of the list.
+  std::string Answer(ULONG request_id) {
+    std::string text = "none";
+    std::string hex;
+    pending_->Collect(request_id, text, hex);
+    return text;
   }
   static SAFEARRAY* Bytes(const std::string& bytes) {
     SAFEARRAY* a = ::SafeArrayCreateVector(VT_UI1, 0, static_cast<ULONG>(bytes.size()));
@@ -37,8 +43,7 @@ class SinkTest : public testing::LogFixture {
     ::SafeArrayUnaccessData(a);
     return a;
   }
-  std::string text_;
-  std::vector<PendingCommand> pending_;
+  std::shared_ptr<PendingList> pending_ = std::make_shared<PendingList>();
   CrMbimServicesEvents* sink_ = nullptr;
 };
 
@@ -58,11 +63,35 @@ TEST_F(SinkTest, OnlyTheFirstEntryWithTheRequestIdIsFilled) {
   AddPending(7);
   ScopedSafeArray data(Bytes("OK"));
   EXPECT_EQ(S_OK, sink_->OnSetCommandComplete(nullptr, 1, data.get(), S_OK, 7));
-  ASSERT_EQ(2, pending_[0].answer_length);
-  EXPECT_EQ(0, std::memcmp("OK", pending_[0].answer_bytes.get(), 2));
-  EXPECT_EQ(0, pending_[1].answer_length);
-  EXPECT_EQ(nullptr, pending_[1].answer_bytes);
   EXPECT_EQ(0u, sink_->WaitForSetEventFinish());
+  // Collected in list order: the second entry's empty answer is taken last.
+  std::string text;
+  std::string hex;
+  EXPECT_TRUE(pending_->Collect(7, text, hex));
+  EXPECT_EQ("4F 4B ", hex) << "only the first entry had bytes";
+  EXPECT_EQ(1u, pending_->size()) << "the index moves past an erased entry";
+  EXPECT_EQ("", Answer(7));
+  EXPECT_EQ(0u, pending_->size());
+}
+
+TEST_F(SinkTest, EachFragmentReplacesTheOneBeforeAndAllSignal) {
+  AddPending(5);
+  ScopedSafeArray first(Bytes("\r\n+LONG"));
+  ScopedSafeArray second(Bytes(": 1\r\n"));
+  EXPECT_EQ(S_OK, sink_->OnSetCommandComplete(nullptr, 1, first.get(), S_OK, 5));
+  EXPECT_EQ(S_OK, sink_->OnSetCommandComplete(nullptr, 1, second.get(), S_OK, 5));
+  EXPECT_EQ(0u, sink_->WaitForSetEventFinish());
+  EXPECT_EQ(": 1\r\n", Answer(5));
+  EXPECT_EQ(1u, sink_->WaitForSetEventFinish()) << "two signals before a wait count as one";
+}
+
+TEST_F(SinkTest, ACompletionForACollectedEntryFindsNothing) {
+  AddPending(9);
+  EXPECT_EQ("", Answer(9)) << "the waiter gave up and took the entry";
+  ScopedSafeArray data(Bytes("late"));
+  EXPECT_EQ(S_OK, sink_->OnSetCommandComplete(nullptr, 1, data.get(), S_OK, 9));
+  EXPECT_EQ(1u, sink_->WaitForSetEventFinish()) << "no signal";
+  EXPECT_EQ("OnSetCommandComplete-no-match-command", messages().at(2));
 }
 
 TEST_F(SinkTest, UnusableCompletionsAreLoggedAndLeaveTheWaiterToItsTimeOut) {
@@ -71,11 +100,10 @@ TEST_F(SinkTest, UnusableCompletionsAreLoggedAndLeaveTheWaiterToItsTimeOut) {
   EXPECT_EQ(S_FALSE, sink_->OnSetCommandComplete(nullptr, 1, data.get(), S_FALSE, 3));
   EXPECT_EQ(S_OK, sink_->OnSetCommandComplete(nullptr, 1, data.get(), S_OK, 4));
   EXPECT_EQ(1u, sink_->WaitForSetEventFinish());
-  EXPECT_EQ(0, pending_[0].answer_length);
   // Unreadable data still releases the waiter, with an empty answer.
   EXPECT_EQ(S_OK, sink_->OnSetCommandComplete(nullptr, 1, nullptr, S_OK, 3));
   EXPECT_EQ(0u, sink_->WaitForSetEventFinish());
-  EXPECT_EQ(0, pending_[0].answer_length);
+  EXPECT_EQ("", Answer(3));
   const auto msgs = messages();
   EXPECT_EQ((std::vector<std::string>{"Create event", "OnSetCommandComplete, requestID = 3",
                                       "OnSetCommandComplete-status-not-ok",
