@@ -57,9 +57,9 @@ DWORD CMbnMonitor::AttachStateMbnRegEvent() {
 
 void CMbnMonitor::Detach() {
   if (m_connRegPoint) {
-    // Cookies are never 0: after a failed Advise there is nothing to unadvise,
-    // and a stack may count an unknown cookie against the client.
-    if (cookie_ != 0) m_connRegPoint->Unadvise(cookie_);
+    // Also after a failed Advise, with the cookie 0 it left; the stack refuses
+    // that (CONNECT_E_NOCONNECTION), which changes nothing.
+    m_connRegPoint->Unadvise(cookie_);
     m_connRegPoint.reset();
     cookie_ = 0;
   }

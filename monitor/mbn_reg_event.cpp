@@ -1,6 +1,7 @@
 #include "monitor/mbn_reg_event.h"
 
 #include <cstring>
+#include <new>
 
 #include "log/logger.h"
 #include "monitor/state_work.h"
@@ -32,7 +33,11 @@ HRESULT STDMETHODCALLTYPE CMbnRegEvent::OnInterfaceArrival(IMbnInterface*) {
   Logger::GetInstance()->Write(kLogDetail,
                                "----------------[Info][CMbnChangeEvent::OnInterfaceArrival]");
   if (CStateWork* worker = CStateWork::GetInstance()) {
-    SetSimChangeEvent(*worker, "OnInterfaceArrival", "");
+    try {
+      SetSimChangeEvent(*worker, "OnInterfaceArrival", "");
+    } catch (const std::bad_alloc&) {
+      // Out of memory for the texts: nothing may escape into the stack's thread.
+    }
   }
   return S_OK;
 }
@@ -94,6 +99,10 @@ DWORD CMbnRegEvent::GetMccInfo() {
     std::string provider = WideToAnsi(id.get());  // read, then discarded
     (void)provider;
   }
+  // The array goes first, then the registration interface: the order in which
+  // this routine has always let go of them.
+  array.reset();
+  registration.reset();
   return 1;
 }
 

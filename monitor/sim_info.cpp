@@ -85,7 +85,7 @@ DWORD CStateWork::GetSimInfo() {
   ComPtr<IMbnSubscriberInformation> subscriber;
   if (iface->GetSubscriberInformation(subscriber.put()) == S_OK && subscriber) {
     ScopedBstr id;
-    if (subscriber->get_SimIccID(id.put()) == S_OK) iccid_ = WideToAnsi(id.get());
+    if (subscriber->get_SimIccID(id.put()) == S_OK) SetIccid(WideToAnsi(id.get()));
   }
 
   DWORD status = 1;
@@ -98,9 +98,10 @@ DWORD CStateWork::GetSimInfo() {
     ScopedBstr name;
     id.attach(provider.providerID);
     name.attach(provider.providerName);
-    mccmnc_ = WideToAnsi(id.get());
+    const std::string provider_id = WideToAnsi(id.get());
+    SetMccmnc(provider_id);
     // At the error level although it is not an error: field scripts look for it there.
-    out->Write(kLogError, "[CStateWork::GetSimInfo] GetHomeProvider str_mccmnc is " + mccmnc_);
+    out->Write(kLogError, "[CStateWork::GetSimInfo] GetHomeProvider str_mccmnc is " + provider_id);
   }
   array.reset();
   subscriber.reset();

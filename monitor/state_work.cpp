@@ -29,6 +29,8 @@ CStateWork* CStateWork::GetInstance() {
 }
 
 CStateWork::CStateWork(WorkerOptions options) : options_(std::move(options)) {
+  ::InitializeCriticalSection(&cs_mccmnc_);
+  ::InitializeCriticalSection(&cs_iccid_);
   if (options_.log_path.empty()) options_.log_path = kServiceLogPath;
   if (options_.wait == nullptr) options_.wait = RealWait;
   if (options_.create_event == nullptr) options_.create_event = RealCreateEvent;
@@ -36,10 +38,43 @@ CStateWork::CStateWork(WorkerOptions options) : options_(std::move(options)) {
 
 CStateWork::~CStateWork() {
   FreeMBIM();
-  if (cs_initialised_) {
-    ::DeleteCriticalSection(&cs_state_);
-    ::DeleteCriticalSection(&cs_channel_);
-  }
+  ::DeleteCriticalSection(&cs_mccmnc_);
+  ::DeleteCriticalSection(&cs_iccid_);
+}
+
+namespace {
+
+class Section {
+ public:
+  explicit Section(CRITICAL_SECTION* cs) : cs_(cs) { ::EnterCriticalSection(cs_); }
+  ~Section() { ::LeaveCriticalSection(cs_); }
+  Section(const Section&) = delete;
+  Section& operator=(const Section&) = delete;
+
+ private:
+  CRITICAL_SECTION* cs_;
+};
+
+}  // namespace
+
+std::string CStateWork::mccmnc() const {
+  Section lock(&cs_mccmnc_);
+  return mccmnc_;
+}
+
+std::string CStateWork::iccid() const {
+  Section lock(&cs_iccid_);
+  return iccid_;
+}
+
+void CStateWork::SetMccmnc(const std::string& text) {
+  Section lock(&cs_mccmnc_);
+  mccmnc_ = text;
+}
+
+void CStateWork::SetIccid(const std::string& text) {
+  Section lock(&cs_iccid_);
+  iccid_ = text;
 }
 
 Logger* CStateWork::log() const {
@@ -52,11 +87,8 @@ HANDLE CStateWork::CreateWorkerEvent(int index) {
 }
 
 DWORD CStateWork::InitWork() {
-  if (!cs_initialised_) {
-    ::InitializeCriticalSection(&cs_state_);
-    ::InitializeCriticalSection(&cs_channel_);
-    cs_initialised_ = true;
-  }
+  // The two critical sections exist since construction: an interface event
+  // may store its texts before this runs, or without it ever having run.
   thread_ = nullptr;
   // Not checked: without the key REG_CHANGE simply never fires.
   ::RegOpenKeyExA(HKEY_LOCAL_MACHINE, kServiceRegKey, 0, KEY_ALL_ACCESS, &service_key_);
@@ -177,8 +209,8 @@ void CStateWork::Loop() {
 
 void SetSimChangeEvent(CStateWork& worker, std::string source, std::string detail) {
   if (source != "StartService") {
-    worker.mccmnc_ = source;
-    worker.iccid_ = detail;
+    worker.SetMccmnc(source);
+    worker.SetIccid(detail);
   }
   Logger* log = worker.log();
   log->Write(kLogDetail, "SetSimChangeEvent mccmnc:");

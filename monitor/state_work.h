@@ -8,8 +8,8 @@
 //
 // Threads: InitWork, Start and Stop run on the service main thread, the loop on
 // the worker thread, the power callback on the system's notification thread.
-// mccmnc and iccid are written from the worker and from COM threads without a
-// lock; nothing in the service reads them back.
+// mccmnc and iccid are written from the worker and from COM threads, each under
+// a critical section of its own; nothing in the service reads them back.
 //
 //   CStateWork* w = CStateWork::GetInstance();
 //   if (w->InitWork()) w->Start();
@@ -95,8 +95,9 @@ class CStateWork {
   CMbimChannel* channel() const { return channel_; }
 
   HANDLE event(int index) const { return events_[index]; }
-  const std::string& mccmnc() const { return mccmnc_; }
-  const std::string& iccid() const { return iccid_; }
+  // Copies, taken under the texts' critical sections.
+  std::string mccmnc() const;
+  std::string iccid() const;
 
  private:
   friend void SetSimChangeEvent(CStateWork& worker, std::string source, std::string detail);
@@ -113,12 +114,18 @@ class CStateWork {
   // process ends: the worker is never destroyed in the service, and the key's
   // pending change notification must outlive every wait on REG_CHANGE.
   HANDLE events_[kEventCount] = {};
-  std::string mccmnc_;
-  std::string iccid_;
-  // Initialised by InitWork for the locking the worker may need; nothing enters them.
-  CRITICAL_SECTION cs_state_ = {};
-  CRITICAL_SECTION cs_channel_ = {};
-  bool cs_initialised_ = false;
+  // Stores a text under its critical section.
+  void SetMccmnc(const std::string& text);
+  void SetIccid(const std::string& text);
+
+  // Written by SetSimChangeEvent on COM's threads and by GetSimInfo on the
+  // worker at the same time: each is guarded by its own critical section.
+  // Both sections are made by the constructor (not by InitWork, which could
+  // come after an event thread's first use), and deleted by the destructor.
+  std::string mccmnc_;  // guarded by cs_mccmnc_
+  std::string iccid_;   // guarded by cs_iccid_
+  mutable CRITICAL_SECTION cs_mccmnc_;
+  mutable CRITICAL_SECTION cs_iccid_;
   HKEY service_key_ = nullptr;
   CMbimChannel* channel_ = nullptr;  // owned; see FreeMBIM
 };

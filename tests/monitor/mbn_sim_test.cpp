@@ -80,7 +80,9 @@ TEST_F(SimTest, EachAttachFailureHasItsTextAndDetachStillReleasesEverything) {
     EXPECT_EQ((std::vector<std::string>{std::string("[Fail][CMbnMonitor::AttachStateMbnRegEvent] ") +
                                         c.text}),
               messages());
-    ExpectNothingLeft();
+    // After a failed Advise the detach still unadvises, with the cookie 0 that
+    // was never handed out: refused by the stack, and counted as such.
+    ExpectNothingLeft(std::string(c.call) == "Advise" ? 1 : 0);
   }
 }
 
