@@ -73,6 +73,24 @@ class WineBox:
                                                 result.stderr)
         return result
 
+    def spawn(self, args):
+        """Starts a Windows program without waiting; returns a handle for finish()."""
+        out, err = tempfile.TemporaryFile(), tempfile.TemporaryFile()
+        proc = subprocess.Popen(["wine"] + list(args), env=self.env, stdin=subprocess.DEVNULL,
+                                stdout=out, stderr=err)
+        return proc, out, err
+
+    @staticmethod
+    def finish(handle, timeout=300):
+        """Waits for a spawned program; returns (exit code, stdout text)."""
+        proc, out, err = handle
+        proc.wait(timeout=timeout)
+        out.seek(0)
+        text = out.read().decode("utf-8", "replace").replace("\r\n", "\n")
+        out.close()
+        err.close()
+        return proc.returncode, text
+
     def keep_alive(self):
         """Wine ends service processes when the prefix's last ordinary process exits:
         one such process waits on its input until close()."""
@@ -157,6 +175,9 @@ class WineBox:
         self.put_file(os.path.join(sim_dir, "mbnsim.dll"), INSTALL_DIR)
         self._simctl = self.put_file(os.path.join(sim_dir, "mbnsimctl.exe"), INSTALL_DIR)
         self.simctl("register")
+
+    def simctl_args(self, *args):
+        return [self._simctl] + [str(a) for a in args]
 
     def simctl(self, *args):
         result = self.run([self._simctl] + [str(a) for a in args])
