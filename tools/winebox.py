@@ -82,11 +82,12 @@ class WineBox:
 
     @staticmethod
     def finish(handle, timeout=300):
-        """Waits for a spawned program; returns (exit code, stdout text)."""
+        """Waits for a spawned program; returns (exit code, stdout and stderr text)."""
         proc, out, err = handle
         proc.wait(timeout=timeout)
         out.seek(0)
-        text = out.read().decode("utf-8", "replace").replace("\r\n", "\n")
+        err.seek(0)
+        text = (out.read() + err.read()).decode("utf-8", "replace").replace("\r\n", "\n")
         out.close()
         err.close()
         return proc.returncode, text

@@ -342,6 +342,9 @@ TEST_F(ChannelTest, ASinkLeftAdvisedOutlivesItsChannel) {
     ASSERT_TRUE(worker->CheckMBIM());
     std::string result;
     EXPECT_TRUE(worker->ExecuteCmd("AT+CGMI", result));
+    // The close completion is not awaited by the exchange: let it come before
+    // the log is emptied, so that no reopen meets the deletion.
+    WaitIdle();
     ClearLog();
     worker->FreeMBIM();
   }

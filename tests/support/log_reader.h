@@ -54,7 +54,9 @@ class LogFixture : public ::testing::Test {
   std::vector<std::string> messages() const;
   // The messages with their tags in front: "[ERROR] text", "[DETAIL]text".
   std::vector<std::string> tagged() const;
-  // Empties the log; the next line starts it again with a banner.
+  // Empties the log; the next line starts it again with a banner. No other
+  // thread may be writing: a reopen that meets the deletion fails, and a
+  // failed open leaves the logger locked for good.
   void ClearLog();
   // Writes `text` to a new file in the test's folder (or to `name` there).
   std::string WriteTable(const std::string& text, const std::string& name = "");

@@ -86,8 +86,10 @@ std::vector<Value> Values(HKEY key) {
     DWORD data_size = sizeof data;
     DWORD type = 0;
     LONG rc = ::RegEnumValueA(key, i, name, &name_size, nullptr, &type, data, &data_size);
-    if (rc == ERROR_NO_MORE_ITEMS) break;
-    if (rc != ERROR_SUCCESS) continue;  // too long for the simulator: skipped
+    if (rc == ERROR_MORE_DATA) continue;  // too long for the simulator: skipped
+    // Anything else ends the walk: the key may have been deleted meanwhile by
+    // another process (ERROR_KEY_DELETED), and would answer so for ever.
+    if (rc != ERROR_SUCCESS) break;
     Value v;
     v.name.assign(name, name_size);
     v.type = type;
