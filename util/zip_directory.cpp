@@ -1,7 +1,9 @@
-#include "util/zip_directory.h"
-
+// The archive's end records and central directory.
 #include <algorithm>
-#include <memory>
+#include <new>
+
+#include "util/path_buffer.h"
+#include "util/zip_core.h"
 
 namespace dorvane::zip {
 
@@ -11,11 +13,12 @@ constexpr uint32_t kEndSignature = 0x06054b50;
 constexpr uint32_t kZip64LocatorSignature = 0x07064b50;
 constexpr uint32_t kZip64EndSignature = 0x06064b50;
 constexpr uint32_t kCentralSignature = 0x02014b50;
-constexpr DWORD kEndSize = 22;
-constexpr DWORD kZip64LocatorSize = 20;
-constexpr DWORD kZip64EndSize = 56;
-constexpr DWORD kCentralSize = 46;
-constexpr DWORD kMaxComment = 0xFFFF;
+constexpr size_t kEndSize = 22;
+constexpr size_t kZip64LocatorSize = 20;
+constexpr size_t kZip64EndSize = 56;
+constexpr size_t kCentralSize = 46;
+constexpr size_t kLocalSize = 30;
+constexpr size_t kMaxComment = 0xFFFF;
 constexpr uint16_t kZip64ExtraId = 0x0001;
 constexpr uint16_t kUtf8NameFlag = 0x0800;
 constexpr uint32_t kDosFolderAttribute = 0x10;
@@ -28,14 +31,14 @@ struct Bounds {
   uint64_t limit = 0;  // the directory must end at or before this position
 };
 
-ZipResult ReadZip64End(HANDLE file, uint64_t locator_at, Bounds* bounds) {
+ZipResult ReadZip64End(Source& source, uint64_t locator_at, Bounds* bounds) {
   unsigned char locator[kZip64LocatorSize];
-  if (!ReadAt(file, locator_at, locator, kZip64LocatorSize)) return kZipReadError;
+  if (!source.ReadAt(locator_at, locator, kZip64LocatorSize)) return kZipReadError;
   if (Le32(locator) != kZip64LocatorSignature) return kZipOk;  // an ordinary archive
   const uint64_t at = Le64(locator + 8);
   if (at > locator_at || locator_at - at < kZip64EndSize) return kZipCorrupt;
   unsigned char record[kZip64EndSize];
-  if (!ReadAt(file, at, record, kZip64EndSize)) return kZipReadError;
+  if (!source.ReadAt(at, record, kZip64EndSize)) return kZipReadError;
   if (Le32(record) != kZip64EndSignature) return kZipCorrupt;
   bounds->count = Le64(record + 32);
   bounds->size = Le64(record + 40);
@@ -45,16 +48,14 @@ ZipResult ReadZip64End(HANDLE file, uint64_t locator_at, Bounds* bounds) {
 }
 
 // The end record is the last "PK\5\6" whose comment fits in the file.
-ZipResult FindEnd(HANDLE file, Bounds* bounds) {
-  LARGE_INTEGER file_size;
-  if (!::GetFileSizeEx(file, &file_size)) return kZipReadError;
-  const uint64_t size = static_cast<uint64_t>(file_size.QuadPart);
+ZipResult FindEnd(Source& source, Bounds* bounds) {
+  const uint64_t size = source.Size();
   if (size < kEndSize) return kZipCorrupt;
-  const DWORD tail = static_cast<DWORD>(std::min<uint64_t>(size, kEndSize + kMaxComment));
+  const size_t tail = static_cast<size_t>(std::min<uint64_t>(size, kEndSize + kMaxComment));
   std::unique_ptr<unsigned char[]> buffer(new (std::nothrow) unsigned char[tail]);
   if (!buffer) return kZipNoMemory;
-  if (!ReadAt(file, size - tail, buffer.get(), tail)) return kZipReadError;
-  for (DWORD pos = tail - kEndSize + 1; pos-- > 0;) {
+  if (!source.ReadAt(size - tail, buffer.get(), tail)) return kZipReadError;
+  for (size_t pos = tail - kEndSize + 1; pos-- > 0;) {
     const unsigned char* end = buffer.get() + pos;
     if (Le32(end) != kEndSignature || pos + kEndSize + Le16(end + 20) > tail) continue;
     bounds->count = Le16(end + 10);
@@ -62,52 +63,14 @@ ZipResult FindEnd(HANDLE file, Bounds* bounds) {
     bounds->offset = Le32(end + 16);
     bounds->limit = size - tail + pos;
     if (bounds->limit < kZip64LocatorSize) return kZipOk;
-    return ReadZip64End(file, bounds->limit - kZip64LocatorSize, bounds);
+    return ReadZip64End(source, bounds->limit - kZip64LocatorSize, bounds);
   }
   return kZipCorrupt;
 }
 
-// Hands out the central directory piece by piece through one fixed buffer.
-class DirectoryReader {
- public:
-  DirectoryReader(HANDLE file, uint64_t begin, uint64_t end) : file_(file), next_(begin), end_(end) {}
-
-  ZipResult Init() {
-    buffer_.reset(new (std::nothrow) unsigned char[kBufferSize]);
-    return buffer_ ? kZipOk : kZipNoMemory;
-  }
-
-  // Points `out` at the next `size` bytes (valid until the next call).
-  ZipResult Take(size_t size, const unsigned char** out) {
-    if (held_ - used_ < size) {
-      std::copy(buffer_.get() + used_, buffer_.get() + held_, buffer_.get());
-      held_ -= used_;
-      used_ = 0;
-      const DWORD more = static_cast<DWORD>(std::min<uint64_t>(kBufferSize - held_, end_ - next_));
-      if (!ReadAt(file_, next_, buffer_.get() + held_, more)) return kZipReadError;
-      next_ += more;
-      held_ += more;
-      if (held_ < size) return kZipCorrupt;  // runs past the directory's end
-    }
-    *out = buffer_.get() + used_;
-    used_ += size;
-    return kZipOk;
-  }
-
- private:
-  // Room for a fixed record plus the longest name, extra field or comment.
-  static constexpr size_t kBufferSize = 128 * 1024;
-  HANDLE file_;
-  uint64_t next_;
-  uint64_t end_;
-  std::unique_ptr<unsigned char[]> buffer_;
-  size_t held_ = 0;
-  size_t used_ = 0;
-};
-
 // Sizes and offset that do not fit 32 bits are in the Zip64 extra field, in
 // this order, present only where the fixed field holds all ones.
-ZipResult ApplyZip64(const unsigned char* extra, size_t length, DirEntry* entry) {
+ZipResult ApplyZip64(const unsigned char* extra, size_t length, EntryInfo* entry) {
   uint64_t* fields[] = {&entry->size, &entry->compressed_size, &entry->local_offset};
   bool wanted = false;
   for (uint64_t* f : fields) wanted = wanted || *f == 0xFFFFFFFFu;
@@ -129,27 +92,85 @@ ZipResult ApplyZip64(const unsigned char* extra, size_t length, DirEntry* entry)
   return wanted ? kZipCorrupt : kZipOk;
 }
 
-// Names flagged as UTF-8 are turned into the ANSI code page, like every other
-// text of the system; a name that does not convert is kept as its bytes.
-std::string AnsiName(const unsigned char* bytes, size_t size, uint16_t flags) {
+// A name flagged as UTF-8 is turned into the narrow code page exactly: a
+// best-fit mapping would turn look-alikes such as a fullwidth "．．／" into
+// "../" after every other tool has shown the name as harmless. A name that
+// has no exact form is unusable: it is shown with stand-ins and not unpacked.
+// Names without the flag are taken as they are.
+void ConvertName(const unsigned char* bytes, size_t size, uint16_t flags, AnsiConverter convert,
+                 EntryInfo* entry) {
   std::string raw(reinterpret_cast<const char*>(bytes), size);
-  if (!(flags & kUtf8NameFlag) || raw.empty()) return raw;
-  const int wide_size = ::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, raw.data(),
-                                              static_cast<int>(raw.size()), nullptr, 0);
-  if (wide_size <= 0) return raw;
-  std::wstring wide(static_cast<size_t>(wide_size), L'\0');
-  ::MultiByteToWideChar(CP_UTF8, 0, raw.data(), static_cast<int>(raw.size()), &wide[0], wide_size);
-  const int ansi_size = ::WideCharToMultiByte(CP_ACP, 0, wide.data(), wide_size, nullptr, 0,
-                                              nullptr, nullptr);
-  if (ansi_size <= 0) return raw;
-  std::string ansi(static_cast<size_t>(ansi_size), '\0');
-  ::WideCharToMultiByte(CP_ACP, 0, wide.data(), wide_size, &ansi[0], ansi_size, nullptr, nullptr);
-  return ansi;
+  entry->usable = true;
+  if (flags & kUtf8NameFlag) {
+    std::u16string wide;
+    std::string ansi;
+    const bool valid = Utf8ToUtf16(raw, &wide);
+    const bool exact = convert(wide, &ansi);
+    entry->usable = valid && exact;
+    raw = std::move(ansi);
+  }
+  entry->folder = (!raw.empty() && (raw.back() == '/' || raw.back() == '\\')) ||
+                  (entry->external_attributes & kDosFolderAttribute);
+  entry->name = PathBuffer(CleanEntryName(std::move(raw))).str();
 }
 
-ZipResult ReadEntry(DirectoryReader& reader, DirEntry* entry) {
+}  // namespace
+
+// What is held per entry: where its central record begins, and the span its
+// data may take.
+struct Directory::Held {
+  uint64_t central = 0;
+  uint64_t local = 0;
+  uint64_t compressed = 0;
+  uint64_t limit = 0;
+};
+
+// A window of fixed size onto the central directory.
+class Directory::Window {
+ public:
+  // Room for a fixed record plus the longest name, extra field or comment.
+  static constexpr size_t kSize = 128 * 1024;
+
+  Window(Source& source, uint64_t begin, uint64_t end) : source_(source), begin_(begin), end_(end) {}
+
+  bool Init() {
+    buffer_.reset(new (std::nothrow) unsigned char[kSize]);
+    return buffer_ != nullptr;
+  }
+  uint64_t end() const { return end_; }
+
+  // Points `out` at the `size` bytes at `offset` (valid until the next call).
+  ZipResult At(uint64_t offset, size_t size, const unsigned char** out) {
+    if (offset < begin_ || offset > end_ || size > end_ - offset) return kZipCorrupt;
+    if (offset < start_ || offset - start_ > held_ || size > held_ - (offset - start_)) {
+      const size_t more = static_cast<size_t>(std::min<uint64_t>(kSize, end_ - offset));
+      held_ = 0;
+      if (!source_.ReadAt(offset, buffer_.get(), more)) return kZipReadError;
+      start_ = offset;
+      held_ = more;
+    }
+    *out = buffer_.get() + (offset - start_);
+    return kZipOk;
+  }
+
+ private:
+  Source& source_;
+  uint64_t begin_;
+  uint64_t end_;
+  std::unique_ptr<unsigned char[]> buffer_;
+  uint64_t start_ = 0;
+  size_t held_ = 0;
+};
+
+namespace {
+
+// Reads the central record at `offset`; `convert` null skips the name.
+// `next` receives where the following record begins.
+template <typename Window>
+ZipResult ParseRecord(Window& window, uint64_t offset, AnsiConverter convert, EntryInfo* entry,
+                      uint64_t* next) {
   const unsigned char* fixed = nullptr;
-  ZipResult result = reader.Take(kCentralSize, &fixed);
+  ZipResult result = window.At(offset, kCentralSize, &fixed);
   if (result != kZipOk) return result;
   if (Le32(fixed) != kCentralSignature) return kZipCorrupt;
   entry->flags = Le16(fixed + 8);
@@ -165,59 +186,101 @@ ZipResult ReadEntry(DirectoryReader& reader, DirEntry* entry) {
   entry->external_attributes = Le32(fixed + 38);
   entry->local_offset = Le32(fixed + 42);
 
+  uint64_t at = offset + kCentralSize;
   const unsigned char* part = nullptr;
-  if ((result = reader.Take(name_size, &part)) != kZipOk) return result;
-  const std::string name = AnsiName(part, name_size, entry->flags);
-  entry->folder = (!name.empty() && (name.back() == '/' || name.back() == '\\')) ||
-                  (entry->external_attributes & kDosFolderAttribute);
-  entry->name = PathBuffer(CleanEntryName(name)).str();
-  if ((result = reader.Take(extra_size, &part)) != kZipOk) return result;
+  if ((result = window.At(at, name_size, &part)) != kZipOk) return result;
+  if (convert != nullptr) ConvertName(part, name_size, entry->flags, convert, entry);
+  at += name_size;
+  if ((result = window.At(at, extra_size, &part)) != kZipOk) return result;
   if ((result = ApplyZip64(part, extra_size, entry)) != kZipOk) return result;
-  return reader.Take(comment_size, &part);
+  at += extra_size;
+  if (comment_size > window.end() - at) return kZipCorrupt;
+  *next = at + comment_size;
+  return kZipOk;
 }
 
 }  // namespace
 
-bool ReadAt(HANDLE file, uint64_t offset, void* buffer, DWORD size) {
-  OVERLAPPED at = {};
-  at.Offset = static_cast<DWORD>(offset);
-  at.OffsetHigh = static_cast<DWORD>(offset >> 32);
-  DWORD read = 0;
-  return size == 0 || (::ReadFile(file, buffer, size, &read, &at) && read == size);
+Directory::Directory() = default;
+Directory::~Directory() = default;
+
+ZipResult Directory::Read(Source& source, AnsiConverter convert) {
+  count_ = 0;
+  held_.reset();
+  window_.reset();
+  source_ = &source;
+  convert_ = convert;
+  try {
+    Bounds bounds;
+    ZipResult result = FindEnd(source, &bounds);
+    if (result != kZipOk) return result;
+    // The directory lies before the end records, and every record takes at
+    // least its fixed part: absurd counts stop here, before any allocation.
+    if (bounds.offset > bounds.limit || bounds.size > bounds.limit - bounds.offset ||
+        bounds.count > bounds.size / kCentralSize) {
+      return kZipCorrupt;
+    }
+    if (bounds.count > kMaxEntries) return kZipNoMemory;
+    const size_t count = static_cast<size_t>(bounds.count);
+    window_.reset(new (std::nothrow) Window(source, bounds.offset, bounds.offset + bounds.size));
+    std::unique_ptr<Held[]> held(new (std::nothrow) Held[count]);
+    std::unique_ptr<uint32_t[]> order(new (std::nothrow) uint32_t[count]);
+    if (!window_ || !window_->Init() || !held || !order) return kZipNoMemory;
+
+    uint64_t at = bounds.offset;
+    for (size_t i = 0; i < count; ++i) {
+      EntryInfo entry;
+      uint64_t next = 0;
+      if ((result = ParseRecord(*window_, at, nullptr, &entry, &next)) != kZipOk) return result;
+      held[i] = Held{at, entry.local_offset, entry.compressed_size, 0};
+      order[i] = static_cast<uint32_t>(i);
+      at = next;
+    }
+
+    // Every entry's local header and data must fit between its own start and
+    // the next entry's (or the central directory): shared or overlapping data
+    // is refused for the whole archive, as Info-ZIP's unzip does.
+    const uint64_t data_end = bounds.offset;
+    std::sort(order.get(), order.get() + count,
+              [&held](uint32_t a, uint32_t b) { return held[a].local < held[b].local; });
+    for (size_t k = 0; k < count; ++k) {
+      Held& entry = held[order[k]];
+      const uint64_t limit = k + 1 < count ? held[order[k + 1]].local : data_end;
+      if (limit > data_end || limit < entry.local || limit - entry.local < kLocalSize ||
+          entry.compressed > limit - entry.local - kLocalSize) {
+        return kZipCorrupt;
+      }
+      entry.limit = limit;
+    }
+    held_ = std::move(held);
+    count_ = count;
+    return kZipOk;
+  } catch (const std::bad_alloc&) {
+    return kZipNoMemory;
+  }
 }
 
-uint16_t Le16(const unsigned char* p) { return static_cast<uint16_t>(p[0] | p[1] << 8); }
-uint32_t Le32(const unsigned char* p) { return Le16(p) | static_cast<uint32_t>(Le16(p + 2)) << 16; }
-uint64_t Le64(const unsigned char* p) { return Le32(p) | static_cast<uint64_t>(Le32(p + 4)) << 32; }
-
-FILETIME DosTimeToFileTime(uint16_t dos_date, uint16_t dos_time) {
-  FILETIME local = {};
-  FILETIME utc = {};
-  if (::DosDateTimeToFileTime(dos_date, dos_time, &local)) ::LocalFileTimeToFileTime(&local, &utc);
-  return utc;
+ZipResult Directory::Entry(size_t index, EntryInfo* entry) {
+  if (index >= count_ || entry == nullptr) return kZipBadArguments;
+  try {
+    *entry = EntryInfo();
+    uint64_t next = 0;
+    const Held& held = held_[index];
+    const ZipResult result = ParseRecord(*window_, held.central, convert_, entry, &next);
+    if (result != kZipOk) return result;
+    // The records were checked as a whole when the directory was read; if they
+    // read differently now, the archive changed under us.
+    if (entry->local_offset != held.local || entry->compressed_size != held.compressed) {
+      return kZipCorrupt;
+    }
+    return kZipOk;
+  } catch (const std::bad_alloc&) {
+    return kZipNoMemory;
+  }
 }
 
-ZipResult ReadDirectory(HANDLE file, Directory* directory) {
-  Bounds bounds;
-  ZipResult result = FindEnd(file, &bounds);
-  if (result != kZipOk) return result;
-  // The directory lies before the end records, and every record takes at
-  // least its fixed part: this also stops absurd counts before any allocation.
-  if (bounds.offset > bounds.limit || bounds.size > bounds.limit - bounds.offset ||
-      bounds.count > bounds.size / kCentralSize) {
-    return kZipCorrupt;
-  }
-  DirectoryReader reader(file, bounds.offset, bounds.offset + bounds.size);
-  if ((result = reader.Init()) != kZipOk) return result;
-  directory->entries.clear();
-  directory->entries.reserve(static_cast<size_t>(bounds.count));
-  directory->data_end = bounds.offset;
-  for (uint64_t i = 0; i < bounds.count; ++i) {
-    DirEntry entry;
-    if ((result = ReadEntry(reader, &entry)) != kZipOk) return result;
-    directory->entries.push_back(std::move(entry));
-  }
-  return kZipOk;
+uint64_t Directory::DataLimit(size_t index) const {
+  return index < count_ ? held_[index].limit : 0;
 }
 
 }  // namespace dorvane::zip

@@ -5,39 +5,148 @@
 #include <climits>
 #include <cstring>
 #include <mutex>
+#include <new>
+#include <memory>
 #include <set>
 
+#include "util/file_ops.h"
 #include "util/scoped_handle.h"
-#include "util/zip_directory.h"
-#include "util/zip_extract.h"
 
 namespace dorvane {
 
+namespace {
+
+// The archive file, read at given offsets.
+class FileSource : public zip::Source {
+ public:
+  FileSource(UniqueHandle file, uint64_t size) : file_(std::move(file)), size_(size) {}
+  uint64_t Size() const override { return size_; }
+  bool ReadAt(uint64_t offset, void* buffer, size_t size) override {
+    unsigned char* to = static_cast<unsigned char*>(buffer);
+    while (size > 0) {
+      const DWORD chunk = static_cast<DWORD>(std::min<size_t>(size, 1u << 30));
+      OVERLAPPED at = {};
+      at.Offset = static_cast<DWORD>(offset);
+      at.OffsetHigh = static_cast<DWORD>(offset >> 32);
+      DWORD read = 0;
+      if (!::ReadFile(file_.get(), to, chunk, &read, &at) || read != chunk) return false;
+      to += chunk;
+      offset += chunk;
+      size -= chunk;
+    }
+    return true;
+  }
+
+ private:
+  UniqueHandle file_;
+  uint64_t size_;
+};
+
+// The file an entry is unpacked to.
+class FileSink : public zip::Sink {
+ public:
+  explicit FileSink(HANDLE file) : file_(file) {}
+  ZipResult Write(const unsigned char* data, size_t size) override {
+    DWORD done = 0;
+    const DWORD chunk = static_cast<DWORD>(size);  // the unpacker's buffers are far smaller
+    return ::WriteFile(file_, data, chunk, &done, nullptr) && done == chunk ? kZipOk
+                                                                            : kZipWriteError;
+  }
+
+ private:
+  HANDLE file_;
+};
+
+// The ANSI code page, exactly: no best-fit characters, checked by converting
+// back, so that only a name that reads the same both ways counts as exact.
+bool ExactAnsi(const std::u16string& wide, std::string* ansi) {
+  ansi->clear();
+  if (wide.empty()) return true;
+  const wchar_t* text = reinterpret_cast<const wchar_t*>(wide.data());
+  const int length = static_cast<int>(wide.size());
+  BOOL defaulted = FALSE;
+  const int size = ::WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, text, length, nullptr, 0,
+                                         nullptr, &defaulted);
+  if (size <= 0) return false;
+  ansi->resize(static_cast<size_t>(size));
+  ::WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, text, length, &(*ansi)[0], size, nullptr,
+                        &defaulted);
+  if (defaulted) return false;
+  const int back = ::MultiByteToWideChar(CP_ACP, 0, ansi->data(), size, nullptr, 0);
+  if (back != length) return false;
+  std::wstring again(static_cast<size_t>(back), L'\0');
+  ::MultiByteToWideChar(CP_ACP, 0, ansi->data(), size, &again[0], back);
+  return std::equal(again.begin(), again.end(), text);
+}
+
+HANDLE CreateOutput(const char* path) {
+  return ::CreateFileA(path, GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                       FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
+}
+
+// An entry's MS-DOS local date and time as a file time (UTC).
+FILETIME DosTimeToUtc(uint16_t dos_date, uint16_t dos_time) {
+  FILETIME local = {};
+  FILETIME utc = {};
+  if (::DosDateTimeToFileTime(dos_date, dos_time, &local)) ::LocalFileTimeToFileTime(&local, &utc);
+  return utc;
+}
+
+}  // namespace
+
 class ZipArchive {
  public:
-  explicit ZipArchive(UniqueHandle file) : file_(std::move(file)) {}
+  ZipArchive(UniqueHandle file, uint64_t size) : source_(std::move(file), size) {}
 
   // The directory is read once; a failure is the answer of every later call.
   ZipResult Directory() {
     if (!directory_read_) {
       directory_read_ = true;
-      directory_result_ = zip::ReadDirectory(file_.get(), &directory_);
+      directory_result_ = directory_.Read(source_, ExactAnsi);
     }
     return directory_result_;
   }
-  const std::vector<zip::DirEntry>& entries() const { return directory_.entries; }
-  ZipResult Extract(int index, const char* path) {
-    return extractor_.Extract(file_.get(), directory_.entries[static_cast<size_t>(index)],
-                              directory_.data_end, path);
+  size_t count() const { return directory_.count(); }
+  ZipResult Entry(int index, zip::EntryInfo* entry) {
+    return directory_.Entry(static_cast<size_t>(index), entry);
   }
+  ZipResult Extract(int index, const char* path);
 
  private:
-  UniqueHandle file_;
+  FileSource source_;
   bool directory_read_ = false;
   ZipResult directory_result_ = kZipOk;
   zip::Directory directory_;
-  zip::Extractor extractor_;
+  zip::Unpacker unpacker_;
 };
+
+ZipResult ZipArchive::Extract(int index, const char* path) {
+  zip::EntryInfo entry;
+  ZipResult result = Entry(index, &entry);
+  if (result != kZipOk) return result;
+  uint64_t at = 0;
+  result = unpacker_.Locate(source_, entry, directory_.DataLimit(static_cast<size_t>(index)), &at);
+  if (result != kZipOk) return result;
+  // Whatever name the caller joined, nothing is made outside the folder it
+  // named, on a device or in an alternate stream, and a name that only looks
+  // like what other tools show is not unpacked under another one.
+  if (!entry.usable || CheckOutputPath(path) != kZipOk) return kZipNoFile;
+  if (entry.folder) {
+    MakeFolders(std::string(path) + "\\");
+    return kZipOk;
+  }
+  UniqueHandle file(CreateOutput(path));
+  if (!file && ::GetLastError() == ERROR_PATH_NOT_FOUND) {
+    MakeFolders(path);
+    file.reset(CreateOutput(path));
+  }
+  if (!file) return kZipNoFile;
+  FileSink sink(file.get());
+  if ((result = unpacker_.Stream(source_, entry, at, sink)) != kZipOk) return result;
+  const FILETIME modified = DosTimeToUtc(entry.dos_date, entry.dos_time);
+  ::SetFileTime(file.get(), nullptr, nullptr, &modified);
+  return kZipOk;
+}
 
 namespace {
 
@@ -69,36 +178,7 @@ ZipResult CheckHandle(ZipHandle zip) {
 }
 
 ZipResult CheckIndex(ZipHandle zip, int index) {
-  return index >= 0 && static_cast<size_t>(index) < zip->entries().size() ? kZipOk
-                                                                          : kZipBadArguments;
-}
-
-const char* ResultText(ZipResult code) {
-  switch (code) {
-    case kZipOk: return "Success";
-    case kZipNoDuplicate: return "Culdn't duplicate handle";  // the shipped spelling
-    case kZipNoFile: return "Couldn't create/open file";
-    case kZipNoMemory: return "Failed to allocate memory";
-    case kZipWriteError: return "Error writing to file";
-    case kZipNotFound: return "File not found in the zipfile";
-    case kZipMoreData: return "Still more data to unzip";
-    case kZipCorrupt: return "Zipfile is corrupt or not a zipfile";
-    case kZipReadError: return "Error reading file";
-    case kZipPassword: return "Correct password required";
-    case kZipBadArguments: return "Caller: faulty arguments";
-    case kZipNotMemoryZip: return "Caller: can only get memory of a memory zipfile";
-    case kZipMemorySize: return "Caller: not enough space allocated for memory zipfile";
-    case kZipPreviousError: return "Caller: there was a previous error";
-    case kZipEnded: return "Caller: additions to the zip have already been ended";
-    case kZipWrongSize: return "Zip-bug: the anticipated size turned out wrong";
-    case kZipPartlyUnzipped: return "Caller: the file had already been partially unzipped";
-    case kZipWrongMode: return "Caller: mixing creation and opening of zip";
-    case kZipNotInitialised: return "Zip-bug: internal initialisation not completed";
-    case kZipUnseekable: return "Zip-bug: trying to seek the unseekable";
-    case kZipNoChange: return "Zip-bug: tried to change mind, but not allowed";
-    case kZipFlation: return "Zip-bug: an internal error during flation";
-    default: return "unknown zip result code";
-  }
+  return index >= 0 && static_cast<size_t>(index) < zip->count() ? kZipOk : kZipBadArguments;
 }
 
 }  // namespace
@@ -110,19 +190,23 @@ ZipHandle OpenZip(const char* path) {
   }
   UniqueHandle file(::CreateFileA(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                                   FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
-  if (!file) {
+  LARGE_INTEGER size = {};
+  if (!file || !::GetFileSizeEx(file.get(), &size)) {
     Keep(kZipNoFile);
     return nullptr;
   }
-  ZipArchive* zip = new (std::nothrow) ZipArchive(std::move(file));
-  if (zip == nullptr) {
-    Keep(kZipNoMemory);
-    return nullptr;
+  std::unique_ptr<ZipArchive> zip(
+      new (std::nothrow) ZipArchive(std::move(file), static_cast<uint64_t>(size.QuadPart)));
+  try {
+    if (zip) {
+      std::lock_guard<std::mutex> lock(g_open_mutex);
+      OpenHandles().insert(zip.get());
+    }
+  } catch (const std::bad_alloc&) {
+    zip.reset();
   }
-  std::lock_guard<std::mutex> lock(g_open_mutex);
-  OpenHandles().insert(zip);
-  Keep(kZipOk);
-  return zip;
+  Keep(zip ? kZipOk : kZipNoMemory);
+  return zip.release();
 }
 
 ZipResult GetZipItem(ZipHandle zip, int index, ZipEntry* entry) {
@@ -131,16 +215,17 @@ ZipResult GetZipItem(ZipHandle zip, int index, ZipEntry* entry) {
   if (result != kZipOk) return Keep(result);
   *entry = ZipEntry();
   if (index == -1) {
-    entry->index = static_cast<int>(std::min<size_t>(zip->entries().size(), INT_MAX));
+    entry->index = static_cast<int>(std::min<size_t>(zip->count(), INT_MAX));
     return Keep(kZipOk);
   }
   if ((result = CheckIndex(zip, index)) != kZipOk) return Keep(result);
-  const zip::DirEntry& found = zip->entries()[static_cast<size_t>(index)];
+  zip::EntryInfo found;
+  if ((result = zip->Entry(index, &found)) != kZipOk) return Keep(result);
   entry->index = index;
   std::memcpy(entry->name, found.name.c_str(), found.name.size() + 1);
   entry->attributes = (found.external_attributes & 0xFF) |
                       (found.folder ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_NORMAL);
-  entry->modified = zip::DosTimeToFileTime(found.dos_date, found.dos_time);
+  entry->modified = DosTimeToUtc(found.dos_date, found.dos_time);
   entry->compressed_size = static_cast<long long>(found.compressed_size);
   entry->size = static_cast<long long>(found.size);
   return Keep(kZipOk);
@@ -165,7 +250,7 @@ ZipResult CloseZip(ZipHandle zip) {
 }
 
 unsigned FormatZipMessage(ZipResult code, char* buffer, unsigned size) {
-  const char* text = ResultText(code == kZipRecent ? g_recent.load() : code);
+  const char* text = ZipResultText(code == kZipRecent ? g_recent.load() : code);
   const size_t length = std::strlen(text);
   if (buffer != nullptr && size > 0) {
     const size_t copied = std::min<size_t>(length, size - 1);
@@ -173,28 +258,6 @@ unsigned FormatZipMessage(ZipResult code, char* buffer, unsigned size) {
     buffer[copied] = '\0';
   }
   return static_cast<unsigned>(length);
-}
-
-std::string CleanEntryName(std::string name) {
-  static const char* const kUpwards[] = {"\\..\\", "\\../", "/../", "/..\\"};
-  for (bool changed = true; changed;) {
-    changed = false;
-    if (name.size() >= 2 && name[1] == ':') {
-      name.erase(0, 2);
-      changed = true;
-    }
-    if (!name.empty() && (name[0] == '\\' || name[0] == '/')) {
-      name.erase(0, 1);
-      changed = true;
-    }
-    size_t earliest = std::string::npos;
-    for (const char* upwards : kUpwards) earliest = std::min(earliest, name.find(upwards));
-    if (earliest != std::string::npos) {
-      name.erase(0, earliest + 4);
-      changed = true;
-    }
-  }
-  return name;
 }
 
 }  // namespace dorvane

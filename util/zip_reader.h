@@ -2,12 +2,15 @@
 //
 // The reader handles stored and deflated entries (through zlib), Zip64
 // archives and entries written with data descriptors. It streams every entry
-// through fixed-size buffers, so its memory does not grow with the archive or
-// the entry, and it checks each entry's CRC-32 and both sizes; any mismatch,
-// and anything else it cannot make sense of, gives kZipCorrupt.
+// through fixed-size buffers and holds 32 bytes per entry of the directory
+// (see zip_core.h for the limits), and it checks each entry's CRC-32 and both
+// sizes; any mismatch, entries that share or overlap data, and anything else
+// it cannot make sense of, give kZipCorrupt.
 //
-// Entry names are made safe before they are handed out (see CleanEntryName),
-// and callers join them to a target folder as they are.
+// Entry names are cleaned before they are handed out (see CleanEntryName),
+// and callers join them to a target folder as they are; UnzipItem refuses any
+// output path that could leave the folder or reach a device (CheckOutputPath),
+// and any name that has no exact form in the ANSI code page.
 //
 // Results: every operation returns a result code and also keeps it as the
 // process's most recent result, whose text FormatZipMessage(kZipRecent, ...)
@@ -30,34 +33,9 @@
 #include <string>
 
 #include "util/path_buffer.h"
+#include "util/zip_core.h"
 
 namespace dorvane {
-
-using ZipResult = DWORD;
-
-inline constexpr ZipResult kZipOk = 0x0;
-inline constexpr ZipResult kZipRecent = 0x1;  // only for FormatZipMessage
-inline constexpr ZipResult kZipNoDuplicate = 0x100;
-inline constexpr ZipResult kZipNoFile = 0x200;        // archive or output file
-inline constexpr ZipResult kZipNoMemory = 0x300;
-inline constexpr ZipResult kZipWriteError = 0x400;
-inline constexpr ZipResult kZipNotFound = 0x500;
-inline constexpr ZipResult kZipMoreData = 0x600;
-inline constexpr ZipResult kZipCorrupt = 0x700;
-inline constexpr ZipResult kZipReadError = 0x800;
-inline constexpr ZipResult kZipPassword = 0x1000;     // an encrypted entry
-inline constexpr ZipResult kZipBadArguments = 0x10000;
-inline constexpr ZipResult kZipNotMemoryZip = 0x20000;
-inline constexpr ZipResult kZipMemorySize = 0x30000;
-inline constexpr ZipResult kZipPreviousError = 0x40000;
-inline constexpr ZipResult kZipEnded = 0x50000;
-inline constexpr ZipResult kZipWrongSize = 0x60000;
-inline constexpr ZipResult kZipPartlyUnzipped = 0x70000;
-inline constexpr ZipResult kZipWrongMode = 0x80000;   // not a handle opened for reading
-inline constexpr ZipResult kZipNotInitialised = 0x1000000;
-inline constexpr ZipResult kZipUnseekable = 0x2000000;
-inline constexpr ZipResult kZipNoChange = 0x4000000;
-inline constexpr ZipResult kZipFlation = 0x5000000;
 
 // One entry as the reader hands it out.
 struct ZipEntry {
@@ -86,7 +64,8 @@ ZipResult GetZipItem(ZipHandle zip, int index, ZipEntry* entry);
 
 // Unpacks entry `index` to the file `path` (replaced if it exists), making the
 // missing folders on the way; a folder entry makes the folder. kZipPassword
-// for an encrypted entry, kZipNoFile when the file cannot be created,
+// for an encrypted entry, kZipNoFile when the file cannot be created or when
+// `path` or the entry's name is refused (nothing is created then),
 // kZipWriteError, kZipReadError, and kZipCorrupt for an entry that is damaged
 // or that this reader cannot unpack; what was written then stays. Handle and
 // index errors as for GetZipItem.
@@ -100,14 +79,5 @@ ZipResult CloseZip(ZipHandle zip);
 // length of the whole text. Unknown codes have the text
 // "unknown zip result code".
 unsigned FormatZipMessage(ZipResult code, char* buffer, unsigned size);
-
-// The name rules applied to every entry name, repeated until none applies:
-// a leading drive prefix (any character, then ":") is dropped; a leading "\" or
-// "/" is dropped; when the name contains "\..\", "\../", "/../" or "/..\",
-// everything up to and including the earliest such sequence is dropped.
-// So "..\..\x.txt" and "C:\x.txt" become "x.txt"; "d/../../x" becomes "../x",
-// one level above the target: kept, because the installation has always
-// unpacked such names this way (the README's security notes say so).
-std::string CleanEntryName(std::string name);
 
 }  // namespace dorvane

@@ -29,7 +29,7 @@ struct Written {
 // Fields shared by local and central headers, from the version needed on.
 void AddCommon(std::string& out, const ZipItem& item, const Written& w) {
   Add16(out, item.zip64 ? 45 : 20);
-  Add16(out, 0);       // flags
+  Add16(out, item.flags);
   Add16(out, item.deflate ? 8 : 0);
   Add16(out, 0x6000);  // 12:00:00
   Add16(out, 0x5A36);  // 2025-01-22

@@ -15,6 +15,7 @@ struct ZipItem {
   bool deflate = false;
   // Sizes and offset in a Zip64 extra field (all ones in the fixed fields).
   bool zip64 = false;
+  uint16_t flags = 0;  // general purpose flags (0x0800: the name is UTF-8)
 };
 
 // Where the records of a built archive start.
@@ -29,7 +30,9 @@ struct ZipLayout {
 inline constexpr size_t kCentralCrcField = 16;
 inline constexpr size_t kCentralCompressedField = 20;
 inline constexpr size_t kCentralSizeField = 24;
+inline constexpr size_t kEndDiskCountField = 8;
 inline constexpr size_t kEndCountField = 10;
+inline constexpr size_t kEndSizeField = 12;
 inline constexpr size_t kEndOffsetField = 16;
 
 // The archive bytes; with `zip64_end`, also the Zip64 end record and locator,

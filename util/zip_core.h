@@ -1,0 +1,200 @@
+// The zip reader's format work, free of any file system: end records, Zip64,
+// central and local records, entry names, and streaming an entry's data
+// through zlib with its CRC-32 and sizes checked. The Windows reader
+// (zip_reader.h) puts files behind it; the fuzzing targets put memory behind it.
+//
+// Nothing here throws, and nothing allocates in proportion to what an archive
+// claims before checking it against what the archive can hold:
+// - the directory is walked through a window of fixed size, and only 32 bytes
+//   per entry are held (for the entry count, its record's position and where
+//   its data may end); archives of more than kMaxEntries entries are refused
+//   with kZipNoMemory before anything is allocated for them;
+// - an entry's data must lie wholly between its own local header and the next
+//   entry's, and before the central directory: entries that share or overlap
+//   data (the classic way to make a small archive unpack to terabytes) make
+//   the whole archive corrupt;
+// - an entry never gives more bytes than its declared size.
+//
+//   MemorySource source(bytes, size);
+//   zip::Directory directory;
+//   if (directory.Read(source, zip::ExactCp1252) == kZipOk) {
+//     zip::Unpacker unpacker;
+//     for (size_t i = 0; i < directory.count(); ++i) {
+//       zip::EntryInfo entry;
+//       if (directory.Entry(i, &entry) != kZipOk) continue;
+//       uint64_t at = 0;
+//       if (unpacker.Locate(source, entry, directory.DataLimit(i), &at) == kZipOk)
+//         unpacker.Stream(source, entry, at, sink);
+//     }
+//   }
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace dorvane {
+
+using ZipResult = std::uint32_t;
+
+inline constexpr ZipResult kZipOk = 0x0;
+inline constexpr ZipResult kZipRecent = 0x1;  // only for FormatZipMessage
+inline constexpr ZipResult kZipNoDuplicate = 0x100;
+inline constexpr ZipResult kZipNoFile = 0x200;        // archive or output file
+inline constexpr ZipResult kZipNoMemory = 0x300;
+inline constexpr ZipResult kZipWriteError = 0x400;
+inline constexpr ZipResult kZipNotFound = 0x500;
+inline constexpr ZipResult kZipMoreData = 0x600;
+inline constexpr ZipResult kZipCorrupt = 0x700;
+inline constexpr ZipResult kZipReadError = 0x800;
+inline constexpr ZipResult kZipPassword = 0x1000;     // an encrypted entry
+inline constexpr ZipResult kZipBadArguments = 0x10000;
+inline constexpr ZipResult kZipNotMemoryZip = 0x20000;
+inline constexpr ZipResult kZipMemorySize = 0x30000;
+inline constexpr ZipResult kZipPreviousError = 0x40000;
+inline constexpr ZipResult kZipEnded = 0x50000;
+inline constexpr ZipResult kZipWrongSize = 0x60000;
+inline constexpr ZipResult kZipPartlyUnzipped = 0x70000;
+inline constexpr ZipResult kZipWrongMode = 0x80000;   // not a handle opened for reading
+inline constexpr ZipResult kZipNotInitialised = 0x1000000;
+inline constexpr ZipResult kZipUnseekable = 0x2000000;
+inline constexpr ZipResult kZipNoChange = 0x4000000;
+inline constexpr ZipResult kZipFlation = 0x5000000;
+
+// The text of a result code; "unknown zip result code" for any other value.
+const char* ZipResultText(ZipResult code);
+
+// The name rules applied to every entry name, repeated until none applies:
+// a leading drive prefix (any character, then ":") is dropped; a leading "\" or
+// "/" is dropped; when the name contains "\..\", "\../", "/../" or "/..\",
+// everything up to and including the earliest such sequence is dropped.
+// So "..\..\x.txt" and "C:\x.txt" become "x.txt"; "d/../../x" becomes "../x".
+// Names are handed out exactly so (deployed tools compare them); such a name
+// is then refused at unpacking by CheckOutputPath.
+std::string CleanEntryName(std::string name);
+
+// kZipOk when a file or folder may be created at `path`; kZipNoFile when any
+// segment of it (between "\" or "/") is "..", ends in a dot or a blank, holds
+// a ":" (an alternate stream) or a character Windows does not allow in names,
+// or is a device name (CON, PRN, AUX, NUL, COM0-9, LPT0-9, CONIN$, CONOUT$,
+// also with an extension), or when the path is in the device namespace
+// ("\\.\", "\\?\"). A drive ("C:") as the first segment, and "." segments,
+// are allowed.
+ZipResult CheckOutputPath(const char* path);
+
+namespace zip {
+
+// Where the reader takes the archive's bytes from.
+class Source {
+ public:
+  virtual ~Source() = default;
+  virtual uint64_t Size() const = 0;
+  // Exactly `size` bytes at `offset`; false on a failed or short read.
+  virtual bool ReadAt(uint64_t offset, void* buffer, size_t size) = 0;
+};
+
+// Where an entry's bytes go.
+class Sink {
+ public:
+  virtual ~Sink() = default;
+  // kZipOk, or the result that stops the entry (kZipWriteError, for example).
+  virtual ZipResult Write(const unsigned char* data, size_t size) = 0;
+};
+
+// Turns UTF-16 text into the narrow code page of the system exactly; false
+// when a character has no exact form there (`ansi` then holds the text with a
+// stand-in character, for showing only).
+using AnsiConverter = bool (*)(const std::u16string& wide, std::string* ansi);
+
+// The converter of the native builds: Windows-1252, exactly.
+bool ExactCp1252(const std::u16string& wide, std::string* ansi);
+
+// Strict UTF-8 to UTF-16; false on an invalid or overlong sequence, a
+// surrogate or a value above U+10FFFF (the text then holds U+FFFD for it).
+bool Utf8ToUtf16(const std::string& utf8, std::u16string* wide);
+
+uint16_t Le16(const unsigned char* p);
+uint32_t Le32(const unsigned char* p);
+uint64_t Le64(const unsigned char* p);
+
+// One entry, from its central record, its Zip64 values already applied.
+struct EntryInfo {
+  std::string name;     // converted, cleaned and cut at 259 characters, as handed out
+  bool usable = true;   // false when the name has no exact form in the code page
+  bool folder = false;
+  uint16_t flags = 0;
+  uint16_t method = 0;
+  uint16_t dos_time = 0;
+  uint16_t dos_date = 0;
+  uint32_t crc = 0;
+  uint32_t external_attributes = 0;
+  uint64_t compressed_size = 0;
+  uint64_t size = 0;
+  uint64_t local_offset = 0;
+};
+
+// The most entries an archive may have.
+inline constexpr uint64_t kMaxEntries = 1u << 20;
+
+// The central directory. Read checks the whole structure once; Entry then
+// reads single records again through a window of fixed size, so that walking
+// the entries in order reads the directory only once more.
+class Directory {
+ public:
+  Directory();
+  ~Directory();
+  Directory(const Directory&) = delete;
+  Directory& operator=(const Directory&) = delete;
+
+  // kZipCorrupt when the structure is damaged or entries overlap, kZipReadError
+  // when the source cannot be read, kZipNoMemory for too many entries or when
+  // memory runs out. The source must outlive the directory.
+  ZipResult Read(Source& source, AnsiConverter convert);
+  size_t count() const { return count_; }
+  ZipResult Entry(size_t index, EntryInfo* entry);
+  // Where entry `index`'s data must end: the next local header or the
+  // central directory.
+  uint64_t DataLimit(size_t index) const;
+
+ private:
+  struct Held;
+  class Window;
+  Source* source_ = nullptr;
+  AnsiConverter convert_ = nullptr;
+  size_t count_ = 0;
+  std::unique_ptr<Held[]> held_;
+  std::unique_ptr<Window> window_;
+};
+
+// Unpacks entries through two buffers of fixed size and one inflate state,
+// made at the first use and reused for every later entry.
+class Unpacker {
+ public:
+  static constexpr size_t kBufferSize = 512 * 1024;
+
+  Unpacker();
+  ~Unpacker();
+  Unpacker(const Unpacker&) = delete;
+  Unpacker& operator=(const Unpacker&) = delete;
+
+  // Checks what can be checked before any output exists: kZipPassword for an
+  // encrypted entry; kZipCorrupt when the local header is missing, the data
+  // runs past `limit`, or (for files) the method is neither stored nor
+  // deflated or a stored entry's sizes differ. Gives the data's position.
+  ZipResult Locate(Source& source, const EntryInfo& entry, uint64_t limit, uint64_t* data_at);
+  // Streams the entry's data, unpacked, into `sink`: never more than its
+  // declared size; kZipCorrupt when the data is damaged or its size or CRC
+  // differs from the directory's.
+  ZipResult Stream(Source& source, const EntryInfo& entry, uint64_t data_at, Sink& sink);
+
+ private:
+  struct Inflater;
+  ZipResult Prepare();
+  std::unique_ptr<unsigned char[]> in_;
+  std::unique_ptr<unsigned char[]> out_;
+  std::unique_ptr<Inflater> inflater_;
+};
+
+}  // namespace zip
+}  // namespace dorvane
