@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Every test: unit tests under Wine and the whole-service tests, through CTest.
-# Extra arguments go to ctest (for example -R Logger).
+# Every test: unit tests under Wine and the whole-service tests, through CTest;
+# then the native build of the portable parts: their unit tests under
+# AddressSanitizer and UndefinedBehaviorSanitizer, and each fuzz target for a
+# short run. Extra arguments go to both ctest runs (for example -R Logger).
 set -euo pipefail
 repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 "$repo/scripts/build.sh"
@@ -20,3 +22,7 @@ wineserver -p </dev/null >/dev/null 2>&1 || true  # already running is fine
 trap 'WINEPREFIX="$unit" wineserver -k >/dev/null 2>&1 || true' EXIT
 
 ctest --preset mingw "$@"
+
+if [ ! -f build-native/build.ninja ]; then cmake --preset native >/dev/null; fi
+cmake --build --preset native
+ctest --preset native -j 2 "$@"

@@ -15,7 +15,7 @@
 //   the whole archive corrupt;
 // - an entry never gives more bytes than its declared size.
 //
-//   MemorySource source(bytes, size);
+//   zip::MemorySource source(bytes, size);
 //   zip::Directory directory;
 //   if (directory.Read(source, zip::ExactCp1252) == kZipOk) {
 //     zip::Unpacker unpacker;
@@ -31,6 +31,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -92,6 +93,23 @@ class Source {
   virtual uint64_t Size() const = 0;
   // Exactly `size` bytes at `offset`; false on a failed or short read.
   virtual bool ReadAt(uint64_t offset, void* buffer, size_t size) = 0;
+};
+
+// An archive held in memory (the caller's bytes, not copied).
+class MemorySource : public Source {
+ public:
+  MemorySource(const void* data, size_t size)
+      : data_(static_cast<const unsigned char*>(data)), size_(size) {}
+  uint64_t Size() const override { return size_; }
+  bool ReadAt(uint64_t offset, void* buffer, size_t size) override {
+    if (offset > size_ || size > size_ - offset) return false;
+    if (size > 0) std::memcpy(buffer, data_ + offset, size);
+    return true;
+  }
+
+ private:
+  const unsigned char* data_;
+  size_t size_;
 };
 
 // Where an entry's bytes go.

@@ -1,0 +1,219 @@
+// The zip reader's format core on Linux, under AddressSanitizer and
+// UndefinedBehaviorSanitizer: archives in memory, sinks that fail, sources
+// that claim more than they hold, and the text conversions.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "support/zip_builder.h"
+#include "util/zip_core.h"
+
+namespace dorvane {
+namespace {
+
+using testing::BuildZip;
+using testing::PutLe32;
+using testing::ZipItem;
+using testing::ZipLayout;
+
+class StringSink : public zip::Sink {
+ public:
+  explicit StringSink(size_t fail_after = SIZE_MAX) : fail_after_(fail_after) {}
+  ZipResult Write(const unsigned char* data, size_t size) override {
+    if (text.size() + size > fail_after_) return kZipWriteError;
+    text.append(reinterpret_cast<const char*>(data), size);
+    return kZipOk;
+  }
+  std::string text;
+
+ private:
+  size_t fail_after_;
+};
+
+std::string Compressible(size_t size) {
+  std::string out;
+  for (size_t i = 0; out.size() < size; ++i) out += "record " + std::to_string(i) + ";";
+  out.resize(size);
+  return out;
+}
+
+// Reads the archive and unpacks entry `index` into `sink`.
+ZipResult UnpackOne(const std::string& bytes, size_t index, zip::Sink& sink) {
+  zip::MemorySource source(bytes.data(), bytes.size());
+  zip::Directory directory;
+  ZipResult result = directory.Read(source, zip::ExactCp1252);
+  if (result != kZipOk) return result;
+  zip::EntryInfo entry;
+  if ((result = directory.Entry(index, &entry)) != kZipOk) return result;
+  zip::Unpacker unpacker;
+  uint64_t at = 0;
+  if ((result = unpacker.Locate(source, entry, directory.DataLimit(index), &at)) != kZipOk) {
+    return result;
+  }
+  return unpacker.Stream(source, entry, at, sink);
+}
+
+TEST(ZipCore, EntriesStreamIntoTheSinkWithSizesAndCrcChecked) {
+  const std::string big = Compressible(1500000);  // three times the buffers
+  ZipLayout at;
+  const std::string bytes = BuildZip({{"s.txt", "stored"}, {"d.txt", big, true}, {"e", ""},
+                                      {"z.bin", big, false, true}},
+                                     true, &at);
+  for (size_t i = 0; i < 4; ++i) {
+    StringSink sink;
+    EXPECT_EQ(kZipOk, UnpackOne(bytes, i, sink)) << i;
+    EXPECT_EQ((std::vector<std::string>{"stored", big, "", big})[i], sink.text) << i;
+  }
+  // A sink that fails stops the entry with its own result.
+  StringSink failing(600000);
+  EXPECT_EQ(kZipWriteError, UnpackOne(bytes, 1, failing));
+  EXPECT_LE(failing.text.size(), 600000u);
+
+  // A declared size smaller than the data: never more than declared.
+  std::string small = bytes;
+  PutLe32(small, at.central[1] + testing::kCentralSizeField, 1000);
+  StringSink capped;
+  EXPECT_EQ(kZipCorrupt, UnpackOne(small, 1, capped));
+  EXPECT_LE(capped.text.size(), 1000u);
+
+  std::string bad_crc = bytes;
+  PutLe32(bad_crc, at.central[0] + testing::kCentralCrcField, 0xDEADBEEF);
+  StringSink whole;
+  EXPECT_EQ(kZipCorrupt, UnpackOne(bad_crc, 0, whole));
+  EXPECT_EQ("stored", whole.text) << "what was written stays";
+}
+
+// A source that claims `size` bytes of zeros ending in the given tail,
+// without holding them.
+class ClaimingSource : public zip::Source {
+ public:
+  ClaimingSource(uint64_t size, std::string tail) : size_(size), tail_(std::move(tail)) {}
+  uint64_t Size() const override { return size_; }
+  bool ReadAt(uint64_t offset, void* buffer, size_t size) override {
+    if (offset > size_ || size > size_ - offset) return false;
+    unsigned char* out = static_cast<unsigned char*>(buffer);
+    const uint64_t tail_at = size_ - tail_.size();
+    for (size_t i = 0; i < size; ++i) {
+      const uint64_t pos = offset + i;
+      out[i] = pos >= tail_at ? static_cast<unsigned char>(tail_[pos - tail_at]) : 0;
+    }
+    reads += size;
+    return true;
+  }
+  uint64_t reads = 0;
+
+ private:
+  uint64_t size_;
+  std::string tail_;
+};
+
+std::string Zip64Tail(uint64_t record_at, uint64_t count, uint64_t dir_size, uint64_t dir_at) {
+  std::string t(98, '\0');
+  auto put64 = [&t](size_t pos, uint64_t v) {
+    PutLe32(t, pos, static_cast<uint32_t>(v));
+    PutLe32(t, pos + 4, static_cast<uint32_t>(v >> 32));
+  };
+  PutLe32(t, 0, 0x06064b50);
+  put64(24, count);
+  put64(32, count);
+  put64(40, dir_size);
+  put64(48, dir_at);
+  PutLe32(t, 56, 0x07064b50);
+  put64(64, record_at);
+  PutLe32(t, 76, 0x06054b50);
+  PutLe32(t, 86, 0xFFFFFFFF);
+  PutLe32(t, 90, 0xFFFFFFFF);
+  return t;
+}
+
+TEST(ZipCore, CountsBeyondTheLimitOrTheBytesAreRefusedBeforeReadingTheDirectory) {
+  const uint64_t dir = 1ull << 40;  // a terabyte of directory, claimed only
+  struct Case {
+    uint64_t count;
+    ZipResult expected;
+  };
+  for (const Case& c : {Case{dir / 46 + 1, kZipCorrupt}, Case{zip::kMaxEntries + 1, kZipNoMemory},
+                        Case{~0ull, kZipCorrupt}}) {
+    ClaimingSource source(dir + 98, Zip64Tail(dir, c.count, dir, 0));
+    zip::Directory directory;
+    EXPECT_EQ(c.expected, directory.Read(source, zip::ExactCp1252)) << c.count;
+    EXPECT_EQ(0u, directory.count());
+    EXPECT_LT(source.reads, 200000u) << "refused from the end records alone";
+  }
+}
+
+TEST(ZipCore, SharedAndOverlappingDataIsRefusedForTheWholeArchive) {
+  ZipLayout at;
+  const std::string good = BuildZip({{"a", std::string(3000, 'a')}, {"b", "b"}, {"c", "c"}},
+                                    false, &at);
+  auto pointing = [&](size_t entry, size_t offset) {
+    std::string bytes = good;
+    PutLe32(bytes, at.central[entry] + 42, static_cast<uint32_t>(offset));
+    return bytes;
+  };
+  zip::Directory directory;
+  zip::MemorySource ok(good.data(), good.size());
+  ASSERT_EQ(kZipOk, directory.Read(ok, zip::ExactCp1252));
+  EXPECT_EQ(at.local[1], directory.DataLimit(0));
+  EXPECT_EQ(at.central[0], directory.DataLimit(2)) << "the last entry ends at the directory";
+  for (const std::string& bytes : {pointing(2, at.local[1]), pointing(1, at.data[0] + 7),
+                                   pointing(0, at.central[1]), pointing(2, at.central[0] - 29)}) {
+    zip::MemorySource source(bytes.data(), bytes.size());
+    EXPECT_EQ(kZipCorrupt, directory.Read(source, zip::ExactCp1252));
+    EXPECT_EQ(0u, directory.count());
+  }
+}
+
+TEST(ZipCore, Utf8IsDecodedStrictly) {
+  std::u16string wide;
+  EXPECT_TRUE(zip::Utf8ToUtf16("a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", &wide));
+  EXPECT_EQ(u"a\u00E9\u20AC\U0001F600", wide);
+  const std::vector<std::string> invalid = {
+      "\xC0\xAE",           // overlong "."
+      "\xE0\x80\xAE",       // overlong "." in three bytes
+      "\xED\xA0\x80",       // a surrogate
+      "\xF4\x90\x80\x80",   // above U+10FFFF
+      "\xC3",               // cut
+      "\x80",               // a continuation byte alone
+      "\xFF",               // never valid
+      "\xE2\x82(",          // cut by an ASCII byte
+  };
+  for (const std::string& text : invalid) {
+    EXPECT_FALSE(zip::Utf8ToUtf16(text, &wide)) << text;
+    EXPECT_NE(std::u16string::npos, wide.find(u'\uFFFD')) << text;
+  }
+  EXPECT_TRUE(zip::Utf8ToUtf16("x\xE2\x82(", &wide) == false && wide == u"x\uFFFD(");
+}
+
+TEST(ZipCore, TheNativeCodePageIsWindows1252Exactly) {
+  std::string ansi;
+  EXPECT_TRUE(zip::ExactCp1252(u"C\u00F4te d\u2019Ivoire \u20AC\u0178\u00FF", &ansi));
+  EXPECT_EQ("C\xF4te d\x92Ivoire \x80\x9F\xFF", ansi);
+  // Look-alikes have no exact form: fullwidth "./" and a division slash.
+  EXPECT_FALSE(zip::ExactCp1252(u"\uFF0E\uFF0E\uFF0F\u2215x", &ansi));
+  EXPECT_EQ("????x", ansi);
+}
+
+TEST(ZipCore, UnusableNamesAreMarkedAndShownWithStandIns) {
+  const std::string bytes = BuildZip({{"a\xEF\xBC\x8F..", "1", false, false, 0x0800},
+                                      {"\xC3\xA9t\xC3\xA9", "2", false, false, 0x0800},
+                                      {"\xE9t\xE9", "3"}});
+  zip::MemorySource source(bytes.data(), bytes.size());
+  zip::Directory directory;
+  ASSERT_EQ(kZipOk, directory.Read(source, zip::ExactCp1252));
+  zip::EntryInfo entry;
+  ASSERT_EQ(kZipOk, directory.Entry(0, &entry));
+  EXPECT_EQ("a?..", entry.name);
+  EXPECT_FALSE(entry.usable);
+  ASSERT_EQ(kZipOk, directory.Entry(1, &entry));
+  EXPECT_EQ("\xE9t\xE9", entry.name);
+  EXPECT_TRUE(entry.usable);
+  ASSERT_EQ(kZipOk, directory.Entry(2, &entry));
+  EXPECT_EQ("\xE9t\xE9", entry.name) << "names without the flag are taken as they are";
+  EXPECT_TRUE(entry.usable);
+  EXPECT_EQ(kZipBadArguments, directory.Entry(3, &entry));
+}
+
+}  // namespace
+}  // namespace dorvane
