@@ -74,9 +74,43 @@ bool ListsAsFolder(const PathBuffer& path) {
   return listing.valid();
 }
 
-}  // namespace
+// Directory symbolic links, junctions and file symbolic links all carry the
+// reparse-point attribute. DeleteDir removes such an entry as a link and never
+// lists it: a package folder or a user may leave a link in the installation
+// folder, and the service runs as LocalSystem, so following it would delete
+// whatever it points to, anywhere on the machine.
+bool IsLink(DWORD attributes) {
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+}
 
-int DeleteDir(const std::string& folder) {
+// True when `path`, opened without following it, is the link itself. Windows
+// opens every link so, and then RemoveDirectoryA and DeleteFileA remove the link
+// alone. Wine's links are Unix symbolic links, which it follows whatever the
+// flags, and its RemoveDirectoryA and DeleteFileA by such a name act on the
+// target (an empty target folder would be removed): there the link is left.
+bool OpensAsLink(const char* path) {
+  const DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+  const DWORD flags = FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT;
+  UniqueHandle link(
+      ::CreateFileA(path, FILE_READ_ATTRIBUTES, share, nullptr, OPEN_EXISTING, flags, nullptr));
+  FILE_ATTRIBUTE_TAG_INFO info = {};
+  return link &&
+         ::GetFileInformationByHandleEx(link.get(), FileAttributeTagInfo, &info, sizeof info) &&
+         IsLink(info.FileAttributes);
+}
+
+// Removes the link at `path`, never what it points to.
+void RemoveLink(const PathBuffer& path, DWORD attributes) {
+  if (!OpensAsLink(path.c_str())) return;
+  if (attributes & FILE_ATTRIBUTE_DIRECTORY) {
+    ::RemoveDirectoryA(path.c_str());
+  } else {
+    ::DeleteFileA(path.c_str());
+  }
+}
+
+// Deletes what `folder` holds; DeleteDir for each sub-folder.
+void DeleteContents(const std::string& folder) {
   PathBuffer pattern(folder);
   pattern.Append("\\*.*");
   WIN32_FIND_DATAA found;
@@ -85,15 +119,29 @@ int DeleteDir(const std::string& folder) {
   while (listing && ::FindNextFileA(listing.get(), &found)) {
     if (IsDotOrDotDot(found.cFileName)) continue;
     const PathBuffer item = ItemPath(folder, found.cFileName);
-    if (ListsAsFolder(item)) {
+    if (IsLink(found.dwFileAttributes)) {
+      RemoveLink(item, found.dwFileAttributes);
+    } else if (ListsAsFolder(item)) {
       LogText(kLogDetail, item.str());
       DeleteDir(item.str());
     } else {
       ::DeleteFileA(item.c_str());
     }
   }
-  listing.reset();
-  if (!::RemoveDirectoryA(folder.c_str())) {
+}
+
+}  // namespace
+
+int DeleteDir(const std::string& folder) {
+  bool removed;
+  if (IsLink(::GetFileAttributesA(folder.c_str()))) {
+    // A folder that is itself a link is not emptied: only the link goes.
+    removed = OpensAsLink(folder.c_str()) && ::RemoveDirectoryA(folder.c_str());
+  } else {
+    DeleteContents(folder);
+    removed = ::RemoveDirectoryA(folder.c_str());
+  }
+  if (!removed) {
     Logger::GetInstance()->Write(kLogError, "Delete dir failed");
     LogText(kLogError, folder);
     return 0;

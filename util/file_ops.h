@@ -29,8 +29,13 @@ inline constexpr int kCopySourceUnlisted = -3;  // 0xFFFFFFFD
 int CopyFileInDir(const std::string& destination, const std::string& source);
 
 // Deletes `folder` with everything in it. The first entry the listing hands out
-// is never looked at (on every file system this runs on, that is "."). Returns 1
-// when the folder itself was removed, 0 otherwise (logged).
+// is never looked at (on every file system this runs on, that is "."). Links
+// (directory symbolic links, junctions, file symbolic links: entries with the
+// reparse-point attribute) are never followed: the link is removed and what it
+// points to is left as it is; a `folder` that is itself such a link is removed
+// as a link, not emptied. A link that cannot be opened as itself (Wine's Unix
+// symbolic links) is left in place, and so the folders holding it are too.
+// Returns 1 when the folder itself was removed, 0 otherwise (logged).
 int DeleteDir(const std::string& folder);
 
 // True when `path` (file or folder) exists; otherwise logs the path with the

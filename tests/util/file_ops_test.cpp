@@ -3,13 +3,18 @@
 
 #include <gtest/gtest.h>
 
+#include <windows.h>
+#include <winioctl.h>
+
 #include <algorithm>
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include "support/log_reader.h"
 #include "support/tree.h"
 #include "util/process.h"
+#include "util/scoped_handle.h"
 
 namespace dorvane {
 namespace {
@@ -21,11 +26,135 @@ using testing::WriteFileBytes;
 
 using Lines = std::vector<std::string>;
 
+// Links for the deletion tests. Windows makes directory and file symbolic links
+// and junctions; Wine 8 makes none of them (CreateSymbolicLinkA answers TRUE and
+// makes nothing, FSCTL_SET_REPARSE_POINT fails with ERROR_NOT_SUPPORTED). Wine's
+// own links, such as the user folders of a prefix, are Unix symbolic links.
+
+std::wstring Wide(const std::string& text) {
+  std::wstring wide(text.size(), L'\0');
+  const int n = ::MultiByteToWideChar(CP_ACP, 0, text.data(), static_cast<int>(text.size()),
+                                      wide.data(), static_cast<int>(wide.size()));
+  wide.resize(n > 0 ? n : 0);
+  return wide;
+}
+
+// Wine's kernel32 exports wine_get_unix_file_name; Windows' does not.
+using UnixFileNameFn = char*(__cdecl*)(LPCWSTR);
+UnixFileNameFn WineUnixFileName() {
+  return reinterpret_cast<UnixFileNameFn>(reinterpret_cast<void*>(
+      ::GetProcAddress(::GetModuleHandleA("kernel32.dll"), "wine_get_unix_file_name")));
+}
+
+bool UnderWine() { return WineUnixFileName() != nullptr; }
+
+std::string UnixName(const std::string& path) {
+  char* name = WineUnixFileName()(Wide(path).c_str());
+  if (name == nullptr) return "";
+  std::string out(name);
+  ::HeapFree(::GetProcessHeap(), 0, name);
+  return out;
+}
+
+// The attributes the folder listing gives for `path`, or INVALID_FILE_ATTRIBUTES.
+DWORD ListedAttributes(const std::string& path) {
+  WIN32_FIND_DATAA found;
+  UniqueFindHandle entry(::FindFirstFileA(path.c_str(), &found));
+  return entry ? found.dwFileAttributes : INVALID_FILE_ATTRIBUTES;
+}
+
+bool IsLinkAt(const std::string& path) {
+  const DWORD attributes = ::GetFileAttributesA(path.c_str());
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT);
+}
+
+bool IsFolder(const std::string& path) {
+  const DWORD attributes = ::GetFileAttributesA(path.c_str());
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY);
+}
+
+// True when a symbolic link now exists at `link`.
+bool MakeSymbolicLink(const std::string& link, const std::string& target, DWORD flags) {
+  ::CreateSymbolicLinkA(link.c_str(), target.c_str(),
+                        flags | SYMBOLIC_LINK_FLAG_ALLOW_UNPRIVILEGED_CREATE);
+  return IsLinkAt(link);
+}
+
+// Makes `link` a new folder and then a junction to `target`; 0 or the error.
+DWORD MakeJunction(const std::string& link, const std::string& target) {
+  if (!::CreateDirectoryA(link.c_str(), nullptr)) return ::GetLastError();
+  UniqueHandle folder(::CreateFileA(link.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                                    FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT,
+                                    nullptr));
+  if (!folder) return ::GetLastError();
+  // Mount-point data: the NT name of the target, then the name shown for it,
+  // each followed by a terminator that the lengths leave out.
+  const std::wstring names = L"\\??\\" + Wide(target) + L'\0' + Wide(target) + L'\0';
+  const WORD substitute = static_cast<WORD>((target.size() + 4) * sizeof(wchar_t));
+  const WORD print = static_cast<WORD>(target.size() * sizeof(wchar_t));
+  const WORD fields[] = {0, substitute, static_cast<WORD>(substitute + sizeof(wchar_t)), print};
+  const WORD data_length = static_cast<WORD>(sizeof fields + names.size() * sizeof(wchar_t));
+  std::string data(8 + data_length, '\0');
+  const DWORD tag = IO_REPARSE_TAG_MOUNT_POINT;
+  std::memcpy(&data[0], &tag, 4);
+  std::memcpy(&data[4], &data_length, 2);
+  std::memcpy(&data[8], fields, sizeof fields);
+  std::memcpy(&data[8 + sizeof fields], names.data(), names.size() * sizeof(wchar_t));
+  DWORD returned = 0;
+  if (!::DeviceIoControl(folder.get(), FSCTL_SET_REPARSE_POINT, data.data(),
+                         static_cast<DWORD>(data.size()), nullptr, 0, &returned, nullptr)) {
+    return ::GetLastError();
+  }
+  return 0;
+}
+
+// Makes `link` a Unix symbolic link to `target`. No Win32 call makes one, but
+// Wine runs a Unix program named by its Z: path (Z: is /). It hands back no
+// process handle for it, so the link is waited for.
+bool MakeUnixLink(const std::string& link, const std::string& target) {
+  std::string command = "ln -s \"" + UnixName(target) + "\" \"" + UnixName(link) + "\"";
+  STARTUPINFOA startup = {};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION started = {};
+  if (!::CreateProcessA("Z:\\bin\\ln", command.data(), nullptr, nullptr, FALSE, 0, nullptr,
+                        nullptr, &startup, &started)) {
+    return false;
+  }
+  const UniqueHandle process(started.hProcess), thread(started.hThread);
+  for (int i = 0; i < 250; ++i) {
+    if (ListedAttributes(link) != INVALID_FILE_ATTRIBUTES) return true;
+    ::Sleep(20);
+  }
+  return false;
+}
+
 class FileOpsTest : public testing::LogFixture {
  protected:
   void MakeDir(const std::string& relative) { ::CreateDirectoryA(In(relative).c_str(), nullptr); }
   void Put(const std::string& relative, const std::string& text) { WriteFileBytes(In(relative), text); }
   std::string Read(const std::string& relative) const { return ReadFileBytes(In(relative)); }
+
+  // "outside": the folder the links point to, with a file and a sub-folder.
+  void MakeOutside() {
+    MakeDir("outside");
+    MakeDir("outside\\deep");
+    Put("outside\\f.txt", "target");
+    Put("outside\\deep\\g.txt", "deep");
+  }
+  void ExpectOutsideIntact() const {
+    EXPECT_EQ((Lines{"deep/", "deep/g.txt", "f.txt"}), TreeOf(In("outside")));
+    EXPECT_EQ("target", Read("outside\\f.txt"));
+    EXPECT_EQ("deep", Read("outside\\deep\\g.txt"));
+  }
+
+  // Under Wine, checks that it made none of the Windows links asked for and
+  // returns true: the caller's remaining checks need real links.
+  static bool WineMadeNoWindowsLinks(bool symbolic_link, DWORD junction_error) {
+    if (!UnderWine()) return false;
+    EXPECT_FALSE(symbolic_link) << "this Wine makes symbolic links: test them here";
+    EXPECT_EQ(static_cast<DWORD>(ERROR_NOT_SUPPORTED), junction_error);
+    return true;
+  }
 };
 
 TEST_F(FileOpsTest, CopyRejectsEmptyArgumentsAndSourcesThatCannotBeListed) {
@@ -112,6 +241,103 @@ TEST_F(FileOpsTest, DeleteRemovesANestedTreeAndLogsEachFolder) {
 TEST_F(FileOpsTest, DeleteOfAMissingFolderLogsItAndReturnsZero) {
   EXPECT_EQ(0, DeleteDir(In("missing")));
   EXPECT_EQ((Lines{"[ERROR] Delete dir failed", "[ERROR] " + In("missing")}), tagged());
+}
+
+TEST_F(FileOpsTest, DeleteRemovesLinksAndJunctionsButNothingTheyPointTo) {
+  MakeOutside();
+  for (const char* d : {"a", "a\\b"}) MakeDir(d);
+  Put("a\\top.txt", "1");
+  const bool links =
+      MakeSymbolicLink(In("a\\to-outside"), In("outside"), SYMBOLIC_LINK_FLAG_DIRECTORY) &&
+      MakeSymbolicLink(In("a\\to-file"), In("outside\\f.txt"), 0);
+  const DWORD junction = MakeJunction(In("a\\b\\junction"), In("outside\\deep"));
+  if (WineMadeNoWindowsLinks(links, junction)) return;
+  ASSERT_TRUE(links);
+  ASSERT_EQ(0u, junction);
+
+  EXPECT_EQ(1, DeleteDir(In("a")));
+  EXPECT_FALSE(FileExists(In("a")));
+  ExpectOutsideIntact();
+  EXPECT_EQ((Lines{"[DETAIL]" + In("a\\b")}), tagged()) << "links are not logged as folders";
+}
+
+TEST_F(FileOpsTest, DeleteOfALinkOrJunctionRemovesOnlyTheLink) {
+  MakeOutside();
+  const bool link = MakeSymbolicLink(In("link"), In("outside"), SYMBOLIC_LINK_FLAG_DIRECTORY);
+  const DWORD junction = MakeJunction(In("junction"), In("outside"));
+  if (WineMadeNoWindowsLinks(link, junction)) return;
+  ASSERT_TRUE(link);
+  ASSERT_EQ(0u, junction);
+
+  EXPECT_EQ(1, DeleteDir(In("link")));
+  EXPECT_EQ(1, DeleteDir(In("junction")));
+  EXPECT_FALSE(FileExists(In("link")));
+  EXPECT_FALSE(FileExists(In("junction")));
+  ExpectOutsideIntact();
+  EXPECT_EQ(Lines{}, tagged());
+}
+
+// Wine lists a Unix symbolic link to a folder with the reparse-point attribute,
+// so DeleteDir does not enter it. But Wine follows such a link whatever the open
+// flags, and RemoveDirectoryA by its name removes an empty target folder: no
+// Win32 call removes the link alone, so it stays, and so do the folders that
+// hold it. What matters is that nothing it points to is touched.
+TEST_F(FileOpsTest, DeleteLeavesWhatUnixLinksPointToUnderWine) {
+  if (!UnderWine()) GTEST_SKIP() << "Unix symbolic links exist only under Wine";
+  MakeOutside();
+  for (const char* d : {"empty", "a", "a\\b"}) MakeDir(d);
+  Put("a\\top.txt", "1");
+  Put("a\\b\\x.txt", "2");
+  ASSERT_TRUE(MakeUnixLink(In("a\\to-outside"), In("outside")));
+  ASSERT_TRUE(MakeUnixLink(In("a\\to-empty"), In("empty")));
+  ASSERT_TRUE(MakeUnixLink(In("a\\b\\to-deep"), In("outside\\deep")));
+  EXPECT_NE(0u, ListedAttributes(In("a\\to-outside")) & FILE_ATTRIBUTE_REPARSE_POINT);
+
+  EXPECT_EQ(0, DeleteDir(In("a")));
+  ExpectOutsideIntact();
+  EXPECT_TRUE(IsFolder(In("empty")));
+  EXPECT_FALSE(FileExists(In("a\\top.txt")));
+  EXPECT_FALSE(FileExists(In("a\\b\\x.txt")));
+  for (const char* link : {"a\\to-outside", "a\\to-empty", "a\\b\\to-deep"}) {
+    EXPECT_TRUE(IsLinkAt(In(link))) << link;
+  }
+  EXPECT_EQ((Lines{"[DETAIL]" + In("a\\b"), "[ERROR] Delete dir failed", "[ERROR] " + In("a\\b"),
+                   "[ERROR] Delete dir failed", "[ERROR] " + In("a")}),
+            tagged());
+}
+
+TEST_F(FileOpsTest, DeleteOfAUnixLinkLeavesItsTargetUnderWine) {
+  if (!UnderWine()) GTEST_SKIP() << "Unix symbolic links exist only under Wine";
+  MakeOutside();
+  MakeDir("empty");
+  ASSERT_TRUE(MakeUnixLink(In("link"), In("outside")));
+  ASSERT_TRUE(MakeUnixLink(In("to-empty"), In("empty")));
+
+  EXPECT_EQ(0, DeleteDir(In("link")));
+  EXPECT_EQ(0, DeleteDir(In("to-empty")));
+  ExpectOutsideIntact();
+  EXPECT_TRUE(IsFolder(In("empty")));
+  EXPECT_TRUE(IsLinkAt(In("link")));
+  EXPECT_TRUE(IsLinkAt(In("to-empty")));
+  EXPECT_EQ((Lines{"[ERROR] Delete dir failed", "[ERROR] " + In("link"),
+                   "[ERROR] Delete dir failed", "[ERROR] " + In("to-empty")}),
+            tagged());
+}
+
+// Wine lists a Unix symbolic link to a file as a plain file, without the
+// reparse-point attribute, and its DeleteFileA by the link's name deletes the
+// target: DeleteDir cannot tell such a link from a file there. (On Windows a file
+// link carries the attribute, and DeleteFileA removes the link alone.)
+TEST_F(FileOpsTest, UnixLinkToAFileIsTakenForTheFileUnderWine) {
+  if (!UnderWine()) GTEST_SKIP() << "Unix symbolic links exist only under Wine";
+  MakeOutside();
+  MakeDir("a");
+  ASSERT_TRUE(MakeUnixLink(In("a\\to-file"), In("outside\\f.txt")));
+  EXPECT_EQ(0u, ListedAttributes(In("a\\to-file")) & FILE_ATTRIBUTE_REPARSE_POINT);
+
+  EXPECT_EQ(0, DeleteDir(In("a")));
+  EXPECT_FALSE(FileExists(In("outside\\f.txt"))) << "Wine deleted through the link";
+  EXPECT_EQ("deep", Read("outside\\deep\\g.txt"));
 }
 
 TEST_F(FileOpsTest, ExistenceOfFilesAndFoldersWithTheErrorNumberWhenMissing) {

@@ -47,6 +47,9 @@ class FileCommands(unittest.TestCase):
         with open(self.box.unix_path(windows_path), "rb") as f:
             return f.read()
 
+    def log_text(self):
+        return self.read(LOG).decode("latin-1") if self.exists(LOG) else ""
+
     def zip_bytes(self, entries):
         data = io.BytesIO()
         with zipfile.ZipFile(data, "w", zipfile.ZIP_DEFLATED) as z:
@@ -76,6 +79,29 @@ class FileCommands(unittest.TestCase):
         cmd = "C:\\windows\\system32\\cmd.exe"
         self.assertEqual((0, {"result": 3}), self.ctl("run-process", cmd, "cmd /c exit 3"))
         self.assertEqual((1, {"result": -999}), self.ctl("run-process", "C:\\none.exe", ""))
+
+    def test_delete_dir_leaves_what_links_point_to(self):
+        # Links made from Linux are what Wine's own links (a prefix's user
+        # folders) are: Unix symbolic links. delete-dir must not enter them.
+        # Wine has no call that removes such a link alone, so the link stays,
+        # and with it the folder that holds it.
+        self.put("C:\\t5\\keep\\f.txt", "keep")
+        self.put("C:\\t5\\old\\x.txt", "x")
+        os.makedirs(self.box.unix_path("C:\\t5\\empty"))
+        old = self.box.unix_path("C:\\t5\\old")
+        os.symlink(self.box.unix_path("C:\\t5\\keep"), os.path.join(old, "keep-link"))
+        os.symlink("../empty", os.path.join(old, "empty-link"))
+        top = os.path.join(os.path.dirname(old), "top-link")
+        os.symlink("keep", top)
+        failed_before = self.log_text().count("Delete dir failed")
+
+        self.assertEqual((1, {"result": 0}), self.ctl("delete-dir", "C:\\t5\\old"))
+        self.assertEqual((1, {"result": 0}), self.ctl("delete-dir", "C:\\t5\\top-link"))
+        self.assertEqual(b"keep", self.read("C:\\t5\\keep\\f.txt"))
+        self.assertTrue(os.path.isdir(self.box.unix_path("C:\\t5\\empty")))
+        self.assertEqual(["empty-link", "keep-link"], sorted(os.listdir(old)))
+        self.assertTrue(os.path.islink(top))
+        self.assertEqual(failed_before + 2, self.log_text().count("Delete dir failed"))
 
     def test_packages_and_names(self):
         self.put("C:\\t2\\pkg\\fw.zip", self.zip_bytes([
