@@ -1,9 +1,11 @@
 """The extraction benchmark: one firmware-like package unpacked by Info-ZIP's
 unzip (native) and by our UnzipAllItems under Wine, in the same run, on the
 same archive and file system, alternating, several rounds; then the peak
-memory of our process on that package and on a tiny one.
+memory of our process on that package and on a tiny one, and of listing an
+archive of many empty entries (what the directory costs).
 
     bench_zip.py --exe unzip_package.exe --work DIR [--rounds 3] [--size-mib 256]
+                 [--entries 300000]
 
 Run through scripts/bench.sh (alone: "scripts/bench.sh zip"), which builds and
 prepares the Wine prefix.
@@ -54,12 +56,29 @@ def run_ours(exe, archive, out):
     return seconds, report
 
 
+def make_many_entries(path, count):
+    if not os.path.exists(path):
+        print("making %s ..." % path, flush=True)
+        import zipfile
+        with zipfile.ZipFile(path + ".part", "w", zipfile.ZIP_STORED) as z:
+            for i in range(count):
+                z.writestr("entries/%07d.txt" % i, b"")
+        os.rename(path + ".part", path)
+
+
+def list_ours(exe, archive):
+    wine = os.path.join(REPO, "scripts", "wine-run")
+    _, stdout = timed([wine, exe, windows_path(archive), "--list"])
+    return json.loads(stdout.decode().strip().splitlines()[-1])
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--exe", required=True)
     parser.add_argument("--work", required=True)
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--size-mib", default="256")
+    parser.add_argument("--entries", type=int, default=300000)
     args = parser.parse_args()
     os.makedirs(args.work, exist_ok=True)
     big = os.path.join(args.work, "firmware-%s.zip" % args.size_mib)
@@ -97,6 +116,14 @@ def main():
           "(target: at most +16 MiB)" % (peak_big / mib, peak_tiny / mib, (peak_big - peak_tiny) / mib))
     print("peak pagefile usage: %.1f MiB on the package, %.1f MiB on the tiny archive"
           % (max(r["peak_pagefile"] for r in reports) / mib, tiny_report["peak_pagefile"] / mib))
+    many = os.path.join(args.work, "entries-%d.zip" % args.entries)
+    make_many_entries(many, args.entries)
+    listed = list_ours(args.exe, many)
+    tiny_listed = list_ours(args.exe, tiny)
+    print("listing %d entries: peak working set %.1f MiB, tiny archive %.1f MiB: +%.1f MiB "
+          "for the directory" % (listed["entries"], listed["peak_working_set"] / mib,
+                                 tiny_listed["peak_working_set"] / mib,
+                                 (listed["peak_working_set"] - tiny_listed["peak_working_set"]) / mib))
     print("unpacked trees identical: %s" % ("yes" if same else "NO"))
     return 0 if same else 1
 

@@ -2,6 +2,7 @@
 // reports the time it took and this process's peak memory, as one JSON line:
 //
 //   unzip_package.exe ARCHIVE TARGET\ [LOGFILE]
+//   unzip_package.exe ARCHIVE --list          (only lists the entries)
 //   {"seconds":1.234,"entries":300,"bytes":402653184,"peak_working_set":...,"peak_pagefile":...}
 //
 // "seconds" is the call alone, without process start; "bytes" the sum of the
@@ -50,7 +51,8 @@ int main(int argc, char** argv) {
   LARGE_INTEGER freq, start, end;
   ::QueryPerformanceFrequency(&freq);
   ::QueryPerformanceCounter(&start);
-  const int result = dorvane::UnzipAllItems(argv[2], argv[1]);
+  const bool list_only = std::string(argv[2]) == "--list";
+  const int result = list_only ? 1 : dorvane::UnzipAllItems(argv[2], argv[1]);
   ::QueryPerformanceCounter(&end);
   const double seconds = static_cast<double>(end.QuadPart - start.QuadPart) / freq.QuadPart;
 
