@@ -21,6 +21,7 @@ LOG_PATH = r"C:\Windows\WWAN\DorvaneBin\Dorvane.log"
 INSTALL_DIR = r"C:\Program Files\Dorvane"
 
 STOPPED, START_PENDING, STOP_PENDING, RUNNING = 1, 2, 3, 4
+NOT_STARTED = "ShellExecuteEx failed"
 
 
 def ensure_base_prefix(path):
@@ -59,15 +60,22 @@ class WineBox:
         The output goes through files, not pipes: Wine's background processes
         inherit the handles and would hold a pipe open long after the program ends.
         """
-        with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
-            proc = subprocess.run(["wine"] + list(args), env=self.env, stdin=subprocess.DEVNULL,
-                                  stdout=out, stderr=err, timeout=timeout)
-            out.seek(0)
-            err.seek(0)
-            result = subprocess.CompletedProcess(
-                proc.args, proc.returncode,
-                out.read().decode("utf-8", "replace").replace("\r\n", "\n"),
-                err.read().decode("utf-8", "replace"))
+        for attempt in range(3):
+            with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
+                proc = subprocess.run(["wine"] + list(args), env=self.env,
+                                      stdin=subprocess.DEVNULL, stdout=out, stderr=err,
+                                      timeout=timeout)
+                out.seek(0)
+                err.seek(0)
+                result = subprocess.CompletedProcess(
+                    proc.args, proc.returncode,
+                    out.read().decode("utf-8", "replace").replace("\r\n", "\n"),
+                    err.read().decode("utf-8", "replace"))
+            # Now and then, under load, Wine's launcher fails to start a
+            # program at all and falls back to ShellExecuteEx, which fails too.
+            # The program never ran, so running it again is safe.
+            if not (result.returncode != 0 and NOT_STARTED in result.stdout + result.stderr):
+                break
         if check and result.returncode != 0:
             raise subprocess.CalledProcessError(result.returncode, result.args, result.stdout,
                                                 result.stderr)

@@ -35,24 +35,36 @@ const char* ZipResultText(ZipResult code) {
 }
 
 std::string CleanEntryName(std::string name) {
-  static const char* const kUpwards[] = {"\\..\\", "\\../", "/../", "/..\\"};
+  // The rules work on what is left of the name, which is always a tail of
+  // it: only its start moves. Each search for an upward sequence starts where
+  // the last one ended, so a hostile name of thousands of "/../" costs one
+  // pass, not one pass per sequence.
+  const size_t size = name.size();
+  auto separator = [&name](size_t i) { return name[i] == '\\' || name[i] == '/'; };
+  size_t start = 0;
+  size_t searched = 0;  // no upward sequence begins in [start, searched)
   for (bool changed = true; changed;) {
     changed = false;
-    if (name.size() >= 2 && name[1] == ':') {
-      name.erase(0, 2);
+    if (size - start >= 2 && name[start + 1] == ':') {
+      start += 2;
       changed = true;
     }
-    if (!name.empty() && (name[0] == '\\' || name[0] == '/')) {
-      name.erase(0, 1);
+    if (start < size && separator(start)) {
+      start += 1;
       changed = true;
     }
-    size_t earliest = std::string::npos;
-    for (const char* upwards : kUpwards) earliest = std::min(earliest, name.find(upwards));
-    if (earliest != std::string::npos) {
-      name.erase(0, earliest + 4);
+    size_t at = std::max(start, searched);
+    while (at + 4 <= size &&
+           !(separator(at) && name[at + 1] == '.' && name[at + 2] == '.' && separator(at + 3))) {
+      ++at;
+    }
+    if (at + 4 <= size) {
+      start = at + 4;
       changed = true;
     }
+    searched = std::max(start, at);
   }
+  name.erase(0, start);
   return name;
 }
 

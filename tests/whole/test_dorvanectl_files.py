@@ -162,6 +162,16 @@ class FileCommands(unittest.TestCase):
         status, listing = self.ctl("zip-items", "C:\\t6\\bomb.zip")
         self.assertEqual((1, 0x700), (status, listing["result"]))
 
+    def test_prefix_user_folders_stay_inside_the_prefix(self):
+        # Wine links Desktop, Documents, ... to the home directory; the test
+        # prefixes make them plain folders, so delete-dir and unpacked packages
+        # under test cannot reach outside.
+        users = self.box.unix_path("C:\\users")
+        folders = [os.path.join(users, u, f) for u in os.listdir(users)
+                   for f in os.listdir(os.path.join(users, u))]
+        self.assertTrue(any(f.endswith("Desktop") for f in folders), folders)
+        self.assertEqual([], [f for f in folders if os.path.islink(f)])
+
     def test_packages_and_names(self):
         self.put("C:\\t2\\pkg\\fw.zip", self.zip_bytes([
             ("img/a.bin", b"A" * 5000), ("..\\..\\up.txt", b"up"), ("d/../../x", b"x")]))
