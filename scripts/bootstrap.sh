@@ -23,6 +23,7 @@ packages=(
   nlohmann-json3-dev libcli11-dev
   time
   clang-14 libclang-rt-14-dev zlib1g-dev
+  wixl msitools
 )
 
 # A deb-src entry for bookworm main, so that tinyxml2's source package can be fetched.

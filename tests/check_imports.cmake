@@ -2,7 +2,7 @@ cmake_policy(SET CMP0057 NEW)
 # Fails unless every file imports only DLLs that ship with Windows.
 set(allowed
   kernel32.dll user32.dll advapi32.dll ole32.dll oleaut32.dll powrprof.dll msvcrt.dll
-  shell32.dll ws2_32.dll setupapi.dll bcrypt.dll
+  shell32.dll ws2_32.dll setupapi.dll bcrypt.dll version.dll
   api-ms-win-crt-runtime-l1-1-0.dll)
 foreach(file IN LISTS FILES)
   execute_process(COMMAND ${OBJDUMP} -p ${file} OUTPUT_VARIABLE dump RESULT_VARIABLE rc)

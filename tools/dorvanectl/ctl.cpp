@@ -5,10 +5,12 @@
 // The library's log lines go to FILE (default: dorvanectl.log in the temporary
 // folder). Exit status: see ExitCode.
 #include <windows.h>
+#include <winver.h>
 #include <fcntl.h>
 #include <io.h>
 
 #include <cstdio>
+#include <string>
 
 #include "log/logger.h"
 #include "tools/dorvanectl/ctl.h"
@@ -62,10 +64,31 @@ std::string DefaultLog() {
   return (n > 0 && n < MAX_PATH ? std::string(temp) : std::string(".\\")) + "dorvanectl.log";
 }
 
+// The product version from this program's own version resource, so that
+// --version and the file's properties can never disagree.
+std::string OwnVersion() {
+  char path[MAX_PATH];
+  const DWORD length = ::GetModuleFileNameA(nullptr, path, MAX_PATH);
+  if (length == 0 || length >= MAX_PATH) return "unknown";
+  DWORD ignored = 0;
+  const DWORD size = ::GetFileVersionInfoSizeA(path, &ignored);
+  std::string data(size, '\0');
+  void* value = nullptr;
+  UINT value_size = 0;
+  if (size == 0 || !::GetFileVersionInfoA(path, 0, size, &data[0]) ||
+      !::VerQueryValueA(data.data(), "\\StringFileInfo\\040904B0\\ProductVersion", &value,
+                        &value_size) ||
+      value_size == 0) {
+    return "unknown";
+  }
+  return std::string(static_cast<const char*>(value), value_size - 1);
+}
+
 int Run(int argc, char** argv) {
   CLI::App app("dorvanectl: the command line of the WWAN Dorvane library.\n"
                "Exit status: 0 success, 1 failure or not found, 2 usage or unreadable\n"
                "argument, 3 no modem, 4 the operation did not return in time.");
+  app.set_version_flag("--version", "dorvanectl " + OwnVersion(), "print the version and exit");
   app.require_subcommand(1);
   app.fallthrough();
   Common common;
@@ -90,6 +113,8 @@ int Run(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForVersion& e) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
     app.exit(e);

@@ -1,0 +1,20 @@
+# dorvane_version_resource(TARGET NAME DESCRIPTION [VERSION]): gives TARGET a
+# VERSIONINFO resource (file and product version, product name, description)
+# for NAME.exe. VERSION defaults to the project's version, the one number that
+# the programs, their resources and the installer package all carry.
+function(dorvane_version_resource target name description)
+  set(version ${PROJECT_VERSION})
+  if(ARGC GREATER 3)
+    set(version ${ARGV3})
+  endif()
+  string(REGEX MATCHALL "[0-9]+" parts "${version}")
+  list(APPEND parts 0 0 0 0)
+  list(SUBLIST parts 0 4 parts)
+  string(JOIN "," DORVANE_RC_COMMAS ${parts})
+  set(DORVANE_RC_VERSION ${version})
+  set(DORVANE_RC_NAME ${name})
+  set(DORVANE_RC_DESCRIPTION ${description})
+  set(rc ${CMAKE_CURRENT_BINARY_DIR}/${target}_version.rc)
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/version.rc.in ${rc} @ONLY)
+  target_sources(${target} PRIVATE ${rc})
+endfunction()

@@ -1,0 +1,191 @@
+"""The installer package under Wine's msiexec: a silent install starts the
+service; a newer package replaces an older one in place; installing the same
+version again changes nothing; removal takes the service and the program
+files and leaves the log. Also the package's own tables, read with msitools.
+
+    test_installer.py --msi dorvane-X-x64.msi --previous-msi dorvane-Y-x64.msi
+                      --version X --previous-version Y --work DIR --base PREFIX
+"""
+import argparse
+import os
+import re
+import struct
+import subprocess
+import sys
+import unittest
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
+import winebox  # noqa: E402
+from winebox import RUNNING, SERVICE_NAME, WineBox  # noqa: E402
+
+ARGS = None
+INSTALL_DIR = "C:\\Program Files\\Dorvane"
+WATCHED_KEY = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\WWAN\\Dorvane"
+SERVICE_KEY = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\WWAN Dorvane"
+UNINSTALL_KEY = "HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall"
+START_DONE = "[Information][CServiceStart::StartWork] StartWork Done."
+STOP_DONE = "[Infomation][CServiceStart::StopWork] Stop work success.\r\n\r\n"
+WINE_REFUSED_BY_LAUNCH_CONDITION = 67  # 1603 (ERROR_INSTALL_FAILURE) on Windows
+
+
+def file_version(path):
+    """The file version of a program's VERSIONINFO resource, as "a.b.c"."""
+    with open(path, "rb") as f:
+        data = f.read()
+    at = data.find(struct.pack("<I", 0xFEEF04BD))  # VS_FIXEDFILEINFO's signature
+    if at < 0:
+        return None
+    high, low = struct.unpack_from("<II", data, at + 8)
+    return "%d.%d.%d" % (high >> 16, high & 0xFFFF, low >> 16)
+
+
+class Installer(unittest.TestCase):
+    def setUp(self):
+        name = self.id().rsplit(".", 1)[-1]
+        self.box = WineBox(os.path.join(ARGS.work, name), base=ARGS.base)
+        self.addCleanup(self.box.close, True)
+        self.msi = self.box.put_file(ARGS.msi, "C:\\pkg")
+        self.previous_msi = self.box.put_file(ARGS.previous_msi, "C:\\pkg")
+
+    def msiexec(self, *args):
+        """msiexec with a verbose log; its exit code (the log shown on surprise)."""
+        log = "C:\\pkg\\msiexec-%d.log" % len(os.listdir(self.box.unix_path("C:\\pkg")))
+        result = self.box.run(["msiexec"] + list(args) + ["/qn", "/l*v", log], timeout=300)
+        self.last_log = self.box.unix_path(log)
+        return result.returncode
+
+    def assertMsiexec(self, expected, *args):
+        code = self.msiexec(*args)
+        if code != expected:
+            with open(self.last_log, "rb") as f:
+                data = f.read()
+            text = data.decode("utf-16", "replace") if data[:2] == b"\xff\xfe" else data.decode("latin-1")
+            tail = text[-4000:]
+            self.fail("msiexec %s gave %d, not %d; its log ends:\n%s" % (args, code, expected, tail))
+
+    def reg(self, *args):
+        return self.box.run(["reg"] + list(args))
+
+    def products(self):
+        """The display names of the installed products called WWAN Dorvane."""
+        out = self.reg("query", UNINSTALL_KEY, "/s").stdout
+        return re.findall(r"DisplayName\s+REG_SZ\s+(WWAN Dorvane)\s*$", out, re.M)
+
+    def log_messages(self):
+        return winebox.messages(winebox.parse_log(self.box.read_log() or b""))
+
+    def assertInstalled(self, version):
+        self.assertEqual((RUNNING, 0), self.box.wait_state(RUNNING))
+        self.assertEqual(["WWAN Dorvane"], self.products(), "exactly one product")
+        for program in ("dorvane.exe", "dorvanectl.exe"):
+            self.assertEqual(version, file_version(self.box.unix_path(INSTALL_DIR + "\\" + program)),
+                             program)
+        out = self.box.run([INSTALL_DIR + "\\dorvanectl.exe", "--version"])
+        self.assertEqual((0, "dorvanectl " + version), (out.returncode, out.stdout.strip()))
+
+    def test_install_again_and_remove(self):
+        self.assertMsiexec(0, "/i", self.msi)
+        self.assertInstalled(ARGS.version)
+        records = winebox.parse_log(self.box.read_log())
+        self.assertEqual("banner", records[0].tag, "the log starts with the start banner")
+        # Wine's sc has no "qc": the service's configuration from its key.
+        config = self.reg("query", SERVICE_KEY).stdout
+        self.assertRegex(config, r"\bType\s+REG_DWORD\s+0x10\b")          # own process
+        self.assertRegex(config, r"\bStart\s+REG_DWORD\s+0x2\b")          # automatic
+        self.assertRegex(config, r"\bObjectName\s+REG_SZ\s+LocalSystem\b")
+        # Windows Installer writes the path in quotes; Wine 8 writes it bare.
+        self.assertRegex(config, r"(?i)\bImagePath\s+REG_(EXPAND_)?SZ\s+\"?C:\\Program Files\\Dorvane\\dorvane\.exe")
+        self.assertRegex(config, r"(?m)\bDisplayName\s+REG_SZ\s+WWAN Dorvane\s*$")
+        self.assertRegex(config, r"\bDescription\s+REG_SZ\s+\S.*modem")
+        self.assertEqual(0, self.reg("query", WATCHED_KEY).returncode, "the watched key")
+
+        # The same version again: one product, one service, still running.
+        self.assertMsiexec(0, "/i", self.msi)
+        self.assertInstalled(ARGS.version)
+
+        self.assertMsiexec(0, "/x", self.msi)
+        self.assertIsNone(self.box.query(), "the service is deleted")
+        self.assertEqual([], self.products())
+        self.assertFalse(os.path.exists(self.box.unix_path(INSTALL_DIR)))
+        messages = self.log_messages()
+        self.assertIn(START_DONE, messages)
+        self.assertEqual(STOP_DONE, messages[-1], "the log stays, ending with the stop")
+        self.assertEqual(0, self.reg("query", WATCHED_KEY).returncode,
+                         "the watched key stays with whatever values it holds")
+
+    def test_upgrade_from_an_older_version(self):
+        self.assertMsiexec(0, "/i", self.previous_msi)
+        self.assertInstalled(ARGS.previous_version)
+        before = self.box.read_log()
+
+        self.assertMsiexec(0, "/i", self.msi)
+        self.assertInstalled(ARGS.version)
+        after = self.box.read_log()
+        self.assertTrue(after.startswith(before), "the old log lines are kept")
+        records = winebox.parse_log(after)
+        self.assertEqual(2, [r.tag for r in records].count("banner"), "stopped, then started anew")
+        self.assertIn(STOP_DONE, winebox.messages(records))
+
+        # A downgrade is refused and changes nothing. Windows' msiexec exits
+        # with 1603 when the package's launch condition refuses; Wine 8's
+        # exits with 67 for the same refusal (its log shows the condition).
+        self.assertMsiexec(WINE_REFUSED_BY_LAUNCH_CONDITION, "/i", self.previous_msi)
+        self.assertInstalled(ARGS.version)
+
+        self.assertMsiexec(0, "/x", self.msi)
+        self.assertIsNone(self.box.query())
+        self.assertFalse(os.path.exists(self.box.unix_path(INSTALL_DIR)))
+
+
+class PackageTables(unittest.TestCase):
+    """The package as msitools reads it."""
+
+    def table(self, name):
+        out = subprocess.run(["msiinfo", "export", ARGS.msi, name], check=True,
+                             stdout=subprocess.PIPE, text=True).stdout
+        lines = out.splitlines()
+        header = lines[0].split("\t")
+        return [dict(zip(header, line.split("\t"))) for line in lines[3:]]
+
+    def test_service_tables_files_and_version(self):
+        [service] = self.table("ServiceInstall")
+        self.assertEqual(("WWAN Dorvane", "WWAN Dorvane", "16", "2", "1", "LocalSystem"),
+                         (service["Name"], service["DisplayName"], service["ServiceType"],
+                          service["StartType"], service["ErrorControl"], service["StartName"]))
+        self.assertIn("modem", service["Description"])
+        [control] = self.table("ServiceControl")
+        # Start at install (0x1), stop at install and removal (0x2, 0x20),
+        # delete at removal (0x80); waiting for each.
+        self.assertEqual(("WWAN Dorvane", "163", "1"),
+                         (control["Name"], control["Event"], control["Wait"]))
+        [key] = self.table("Registry")
+        self.assertEqual(("2", "SYSTEM\\CurrentControlSet\\Services\\WWAN\\Dorvane", "+"),
+                         (key["Root"], key["Key"], key["Name"]))
+        files = sorted(row["FileName"] for row in self.table("File"))
+        self.assertEqual(["dorvane.exe", "dorvanectl.exe"], files)
+        directories = {row["Directory"]: row for row in self.table("Directory")}
+        self.assertEqual(("ProgramFiles64Folder", "Dorvane"),
+                         (directories["INSTALLDIR"]["Directory_Parent"],
+                          directories["INSTALLDIR"]["DefaultDir"]))
+        properties = {row["Property"]: row["Value"] for row in self.table("Property")}
+        self.assertEqual((ARGS.version, "WWAN Dorvane"),
+                         (properties["ProductVersion"], properties["ProductName"]))
+        summary = subprocess.run(["msiinfo", "suminfo", ARGS.msi], check=True,
+                                 stdout=subprocess.PIPE, text=True).stdout
+        self.assertRegex(summary, r"Template: x64;1033")
+
+
+def main():
+    global ARGS
+    versions = argparse.ArgumentParser()
+    versions.add_argument("--version", required=True)
+    versions.add_argument("--previous-version", required=True)
+    known, rest = versions.parse_known_args()
+    sys.argv = [sys.argv[0]] + rest
+    ARGS, run = winebox.test_main("msi", "previous-msi", "work", "base")
+    ARGS.version, ARGS.previous_version = known.version, known.previous_version
+    run()
+
+
+if __name__ == "__main__":
+    main()
