@@ -88,17 +88,17 @@ bool GetParamFirmwareBySku(std::string sku_guid, std::string area, std::string p
   if (!doc.Load(path)) return false;
   XMLElement* first_sku = table::Child(doc.Root(), "SKU_GUID");
   if (first_sku == nullptr) return false;
-  // Every pass starts again at the first SKU_GUID: when the keys are not under
-  // it, this does not return (kept; see the header).
-  for (;; ::SwitchToThread()) {
-    XMLElement* sku = first_sku;
-    if (table::KeyIs(sku, "ID", sku_guid)) {
-      if (XMLElement* match = FindEntry(sku, "Area", "ID", area)) {
-        CopySlot(table::Child(match, "PARAMFirmware"), record, CarrierFirmwareInfo::kParamSlot);
-        return true;
-      }
+  // Only the first SKU_GUID is ever examined: when the keys are not under it,
+  // the lookup does not return (kept; see the header). Every further pass would
+  // see the same document and find the same nothing, so instead of walking it
+  // again and again the thread waits for ever without using the processor.
+  if (table::KeyIs(first_sku, "ID", sku_guid)) {
+    if (XMLElement* match = FindEntry(first_sku, "Area", "ID", area)) {
+      CopySlot(table::Child(match, "PARAMFirmware"), record, CarrierFirmwareInfo::kParamSlot);
+      return true;
     }
   }
+  for (;;) ::Sleep(INFINITE);
 }
 
 bool GetParamFirmwareByMcc(std::string mcc, std::string path, CarrierFirmwareInfo& record) {

@@ -143,6 +143,46 @@ class TableCommands(unittest.TestCase):
                         text.index("<is_download>true</is_download>"))
         self.assertEqual({"result": False}, self.json_of("update-scatter", "", status=1))
 
+    def test_time_limits_name_what_did_not_return_and_why(self):
+        t = r"C:\tables" + "\\"
+        prefix = "dorvanectl: param-firmware-by-sku did not return within 1 s: "
+        causes = [
+            (["B", "EU"], "SKU B is under a later SKU_GUID (line 2), and the lookup only ever "
+                          "reads the table's first SKU_GUID (line 1)"),
+            (["Z", "EU"], "SKU Z is not in the table, and the lookup waits for it under the "
+                          "first SKU_GUID (line 1) for ever"),
+            (["A", "US"], "the table's first SKU_GUID A (line 1) has no Area US, and the lookup "
+                          "waits for it for ever"),
+        ]
+        for keys, cause in causes:
+            with self.subTest(keys=keys):
+                result = self.run_ctl("param-firmware-by-sku", *keys, t + "skus.xml", "--timeout", "1")
+                self.assertEqual((4, prefix + cause), (result.returncode, result.stderr.strip()))
+        for value in ("0", "-2"):
+            result = self.run_ctl("carrier-id-by-mcc", "310", t + "rules.xml", "--timeout", value)
+            self.assertEqual(2, result.returncode)
+            self.assertIn("--timeout", result.stdout + result.stderr)
+
+    def test_an_unwritable_log_is_refused_before_anything_runs(self):
+        t = r"C:\tables" + "\\"
+        log = t + "rules.xml\\sub\\x.log"  # a file stands where the folder would be
+        result = self.run_ctl("--log", log, "package-info-firmware", "1", t + "missing.xml")
+        self.assertEqual((2, ""), (result.returncode, result.stdout))
+        self.assertTrue(result.stderr.startswith(
+            "dorvanectl: cannot write the log file %s (--log): " % log), result.stderr)
+
+    def test_json_texts_are_the_tables_utf8(self):
+        t = r"C:\tables" + "\\"
+        with open(self.box.unix_path(t + "names.xml"), "wb") as f:
+            # "Côte" in UTF-8, then a Latin-1 byte and a literal backslash-x.
+            f.write(b'<R><SwitchingRule><SelectionRule><MCCTable><Item mcc="208">C\xc3\xb4te</Item>'
+                    b'<Item mcc="209">C\xf4te \\x</Item></MCCTable></SelectionRule></SwitchingRule></R>')
+        self.assertEqual({"result": True, "output": "C\u00f4te"},
+                         self.json_of("carrier-id-by-mcc", "208", t + "names.xml"))
+        # A byte that is not UTF-8 is shown as \xNN, not as a Latin-1 letter.
+        self.assertEqual({"result": True, "output": "C\\xF4te \\x"},
+                         self.json_of("carrier-id-by-mcc", "209", t + "names.xml"))
+
     def test_exit_statuses_for_usage_time_limit_and_help(self):
         t = r"C:\tables" + "\\"
         result = self.run_ctl("param-firmware-by-sku", "B", "EU", t + "skus.xml", "--timeout", "1")

@@ -9,7 +9,13 @@
 #include <fcntl.h>
 #include <io.h>
 
+#include <direct.h>
+#include <share.h>
+
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "log/logger.h"
@@ -35,6 +41,54 @@ nlohmann::json Text(const std::string& bytes) {
 nlohmann::json Texts(const std::vector<std::string>& list) {
   nlohmann::json array = nlohmann::json::array();
   for (const std::string& s : list) array.push_back(Text(s));
+  return array;
+}
+
+namespace {
+
+// The length of the valid UTF-8 sequence at `at`, or 0.
+size_t Utf8Sequence(const std::string& s, size_t at) {
+  const unsigned char lead = static_cast<unsigned char>(s[at]);
+  size_t length = 0;
+  uint32_t value = 0;
+  uint32_t least = 0;
+  if (lead < 0x80) return 1;
+  if ((lead & 0xE0) == 0xC0) length = 2, value = lead & 0x1F, least = 0x80;
+  else if ((lead & 0xF0) == 0xE0) length = 3, value = lead & 0x0F, least = 0x800;
+  else if ((lead & 0xF8) == 0xF0) length = 4, value = lead & 0x07, least = 0x10000;
+  else return 0;
+  if (at + length > s.size()) return 0;
+  for (size_t i = 1; i < length; ++i) {
+    const unsigned char c = static_cast<unsigned char>(s[at + i]);
+    if ((c & 0xC0) != 0x80) return 0;
+    value = value << 6 | (c & 0x3F);
+  }
+  const bool ok = value >= least && value <= 0x10FFFF && (value < 0xD800 || value > 0xDFFF);
+  return ok ? length : 0;
+}
+
+}  // namespace
+
+nlohmann::json TableText(const std::string& bytes) {
+  std::string utf8;
+  for (size_t at = 0; at < bytes.size();) {
+    const size_t length = Utf8Sequence(bytes, at);
+    if (length == 0) {
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\x%02X", static_cast<unsigned char>(bytes[at]));
+      utf8 += escaped;
+      ++at;
+    } else {
+      utf8.append(bytes, at, length);
+      at += length;
+    }
+  }
+  return nlohmann::json(utf8);
+}
+
+nlohmann::json TableTexts(const std::vector<std::string>& list) {
+  nlohmann::json array = nlohmann::json::array();
+  for (const std::string& s : list) array.push_back(TableText(s));
   return array;
 }
 
@@ -84,6 +138,24 @@ std::string OwnVersion() {
   return std::string(static_cast<const char*>(value), value_size - 1);
 }
 
+// The log file the library will write, refused before anything runs when it
+// cannot be written: the logger would otherwise stay locked at the first line,
+// and the command would hang until its time limit. The folders are made as
+// the logger makes them.
+struct UnwritableLog {
+  std::string path;
+  std::string why;
+};
+
+void CheckLogIsWritable(const std::string& path) {
+  for (size_t pos = path.find('\\'); pos != std::string::npos; pos = path.find('\\', pos + 1)) {
+    _mkdir(path.substr(0, pos).c_str());
+  }
+  FILE* file = _fsopen(path.c_str(), "a+", _SH_DENYNO);
+  if (file == nullptr) throw UnwritableLog{path, std::strerror(errno)};
+  std::fclose(file);
+}
+
 int Run(int argc, char** argv) {
   CLI::App app("dorvanectl: the command line of the WWAN Dorvane library.\n"
                "Exit status: 0 success, 1 failure or not found, 2 usage or unreadable\n"
@@ -106,6 +178,7 @@ int Run(int argc, char** argv) {
   // The logger needs a usable file before the first line: a write that finds
   // none leaves it locked for good.
   app.parse_complete_callback([&common] {
+    CheckLogIsWritable(common.log);
     Logger* log = Logger::GetInstance();
     log->SetLogPath(common.log);
     log->Enable(true);
@@ -118,6 +191,10 @@ int Run(int argc, char** argv) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
     app.exit(e);
+    return kUsageError;
+  } catch (const UnwritableLog& e) {
+    std::fprintf(stderr, "dorvanectl: cannot write the log file %s (--log): %s\n", e.path.c_str(),
+                 e.why.c_str());
     return kUsageError;
   }
   return common.exit_code;

@@ -33,6 +33,11 @@ std::string Initial(const Common& common);
 // number, so that any byte string is shown and can be read back.
 nlohmann::json Text(const std::string& bytes);
 nlohmann::json Texts(const std::vector<std::string>& list);
+// A table's text as JSON: the tables are UTF-8, so valid UTF-8 is kept as it
+// stands and each byte that is not part of a valid sequence is shown as the
+// four characters \xNN.
+nlohmann::json TableText(const std::string& bytes);
+nlohmann::json TableTexts(const std::vector<std::string>& list);
 
 // Prints an operation's bare result ({"result": ...} or "result: ...") and
 // gives the exit status for `success`.

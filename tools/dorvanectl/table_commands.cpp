@@ -11,6 +11,7 @@
 #include "config/esim_region.h"
 #include "config/firmware_info.h"
 #include "config/scatter.h"
+#include "config/table_reader.h"
 #include "tools/dorvanectl/ctl.h"
 
 namespace dorvane::ctl {
@@ -27,27 +28,70 @@ const char* const kPackageFieldNames[PackageFirmwareInfo::kFieldCount] = {
     "field 0", "field 1", "field 2", "field 3", "field 4", "firmware file", "firmware version",
     "cust pack file", "cust pack version"};
 
-// Runs `lookup` and gives up after `seconds`: one lookup is known never to
-// return for keys its table holds too late, and a script must not hang on it.
+struct Args {
+  std::string command;  // the subcommand's name, for messages
+  std::string a, b, c;
+  std::optional<std::string> sku, imsi;
+  int timeout = 5;
+};
+
+// Runs `lookup` and gives up after the command's time limit: one lookup is
+// known never to return for some keys, and a script must not hang on it.
+// `cause`, asked only on a time-out, names why this call cannot return, or
+// gives the empty text when it does not know.
 template <typename T>
-T Bounded(std::function<T()> lookup, int seconds) {
+T Bounded(std::function<T()> lookup, const Args& args,
+          std::function<std::string()> cause = nullptr) {
   std::packaged_task<T()> task(std::move(lookup));
   std::future<T> done = task.get_future();
   std::thread(std::move(task)).detach();
-  if (done.wait_for(std::chrono::seconds(seconds)) != std::future_status::ready) {
-    std::fprintf(stderr,
-                 "dorvanectl: the lookup did not return within %d s (a SKU that is not the "
-                 "table's first SKU_GUID is never found)\n",
-                 seconds);
+  if (done.wait_for(std::chrono::seconds(args.timeout)) != std::future_status::ready) {
+    const std::string why = cause ? cause() : std::string();
+    std::fprintf(stderr, "dorvanectl: %s did not return within %d s%s%s\n", args.command.c_str(),
+                 args.timeout, why.empty() ? "" : ": ", why.c_str());
     std::fflush(stdout);
     ::ExitProcess(kGaveUp);  // the walk goes on in its thread; only the process can end it
   }
   return done.get();
 }
 
+// Why param-firmware-by-sku cannot return for these keys: it only ever reads
+// the table's first SKU_GUID and waits for ever when the keys are not there.
+std::string SkuCause(const std::string& sku, const std::string& area, const std::string& path) {
+  table::Document doc;
+  if (!doc.Load(path)) return "";
+  tinyxml2::XMLElement* first = table::Child(doc.Root(), "SKU_GUID");
+  if (first == nullptr) return "";
+  char text[512];
+  if (!table::KeyIs(first, "ID", sku)) {
+    for (tinyxml2::XMLElement* e = first->NextSiblingElement(); e; e = e->NextSiblingElement()) {
+      if (table::KeyIs(e, "ID", sku)) {
+        std::snprintf(text, sizeof text,
+                      "SKU %s is under a later SKU_GUID (line %d), and the lookup only ever "
+                      "reads the table's first SKU_GUID (line %d)",
+                      sku.c_str(), e->GetLineNum(), first->GetLineNum());
+        return text;
+      }
+    }
+    std::snprintf(text, sizeof text,
+                  "SKU %s is not in the table, and the lookup waits for it under the first "
+                  "SKU_GUID (line %d) for ever",
+                  sku.c_str(), first->GetLineNum());
+    return text;
+  }
+  for (tinyxml2::XMLElement* e = table::FirstEntry(first, "Area"); e; e = table::NextEntry(e)) {
+    if (table::KeyIs(e, "ID", area)) return "";  // found: it would have returned
+  }
+  std::snprintf(text, sizeof text,
+                "the table's first SKU_GUID %s (line %d) has no Area %s, and the lookup waits "
+                "for it for ever",
+                sku.c_str(), first->GetLineNum(), area.c_str());
+  return text;
+}
+
 template <size_t N>
 nlohmann::json FieldArray(const std::array<std::string, N>& fields) {
-  return Texts(std::vector<std::string>(fields.begin(), fields.end()));
+  return TableTexts(std::vector<std::string>(fields.begin(), fields.end()));
 }
 
 template <size_t N>
@@ -62,7 +106,7 @@ int Finish(bool success) { return success ? kOk : kFailed; }
 // A lookup with a string answer.
 int ReportText(const Common& common, bool result, const std::string& output) {
   if (common.json) {
-    PrintJson({{"result", result}, {"output", Text(output)}});
+    PrintJson({{"result", result}, {"output", TableText(output)}});
   } else {
     std::printf("result: %s\noutput: %s\n", result ? "true" : "false", output.c_str());
   }
@@ -85,23 +129,19 @@ CarrierFirmwareInfo PresetCarrier(const Common& common) {
   return record;
 }
 
-struct Args {
-  std::string a, b, c;
-  std::optional<std::string> sku, imsi;
-  int timeout = 5;
-};
-
 // Adds a subcommand with positional arguments named in `names` (stored in a, b,
 // c in that order) that runs `run`; `options` may add options of its own.
 void Add(CLI::App& app, Common& common, const char* name, const char* help,
          std::vector<const char*> names, std::function<int(const Common&, const Args&)> run,
          std::function<void(CLI::App*, Args&)> options = nullptr) {
   auto args = std::make_shared<Args>();
+  args->command = name;
   CLI::App* sub = app.add_subcommand(name, help);
   if (options) options(sub, *args);
   std::string* slots[] = {&args->a, &args->b, &args->c};
   for (size_t i = 0; i < names.size(); ++i) sub->add_option(names[i], *slots[i])->required();
-  sub->add_option("--timeout", args->timeout, "give up after this many seconds")
+  sub->add_option("--timeout", args->timeout, "give up after this many seconds (above 0)")
+      ->check(CLI::PositiveNumber)
       ->capture_default_str();
   sub->callback([&common, args, run] { common.exit_code = run(common, *args); });
 }
@@ -111,13 +151,13 @@ int FwPackage(const Common& common, const Args& a) {
   package.SetPackageVer(Initial(common));
   package.SetPackageType(Initial(common));
   const bool result =
-      Bounded<bool>([&] { return GetFwPackageInfo(a.a, package); }, a.timeout);
+      Bounded<bool>([&] { return GetFwPackageInfo(a.a, package); }, a);
   if (common.json) {
     nlohmann::json carriers = nlohmann::json::array();
     for (const auto& carrier : package.GetCarriers()) carriers.push_back(FieldArray(carrier.fields));
     PrintJson({{"result", result},
-               {"packageVer", Text(package.GetPackageVer())},
-               {"packageType", Text(package.GetPackageType())},
+               {"packageVer", TableText(package.GetPackageVer())},
+               {"packageType", TableText(package.GetPackageType())},
                {"carriers", carriers}});
   } else {
     std::printf("result: %s\npackage version: %s\npackage type: %s\n", result ? "true" : "false",
@@ -134,7 +174,7 @@ int Esim(const Common& common, const Args& a) {
   const DWORD result = Bounded<DWORD>(
       [&] { return getEsimDisableType(a.a, a.sku ? a.sku->c_str() : nullptr,
                                       a.imsi ? a.imsi->c_str() : nullptr); },
-      a.timeout);
+      a);
   if (common.json) {
     PrintJson({{"result", result}});
   } else {
@@ -146,9 +186,9 @@ int Esim(const Common& common, const Args& a) {
 
 int Region(const Common& common, const Args& a) {
   std::string region = Initial(common);
-  const DWORD result = Bounded<DWORD>([&] { return getRegulatoryByMcc(a.a, a.b, region); }, a.timeout);
+  const DWORD result = Bounded<DWORD>([&] { return getRegulatoryByMcc(a.a, a.b, region); }, a);
   if (common.json) {
-    PrintJson({{"result", result}, {"output", Text(region)}});
+    PrintJson({{"result", result}, {"output", TableText(region)}});
   } else {
     std::printf("result: %lu\noutput: %s\n", static_cast<unsigned long>(result), region.c_str());
   }
@@ -162,7 +202,7 @@ void AddTableCommands(CLI::App& app, Common& common) {
   auto text = [&](const char* name, const char* help, const char* key, Lookup lookup) {
     Add(app, common, name, help, {key, "path"}, [lookup](const Common& c, const Args& a) {
       std::string out = Initial(c);
-      const bool result = Bounded<bool>([&] { return lookup(a.a, a.b, out); }, a.timeout);
+      const bool result = Bounded<bool>([&] { return lookup(a.a, a.b, out); }, a);
       return ReportText(c, result, out);
     });
   };
@@ -173,7 +213,7 @@ void AddTableCommands(CLI::App& app, Common& common) {
        GetCarrierIdByIccid);
   Add(app, common, "selection-rule-by-mcc", "reads the root SelectionRule (always false)",
       {"mcc", "path"}, [](const Common& c, const Args& a) {
-        const bool result = Bounded<bool>([&] { return GetSelectionRuleByMcc(a.a, a.b); }, a.timeout);
+        const bool result = Bounded<bool>([&] { return GetSelectionRuleByMcc(a.a, a.b); }, a);
         return ReportResult(c, result, result);
       });
 
@@ -181,7 +221,7 @@ void AddTableCommands(CLI::App& app, Common& common) {
   auto record = [&](const char* name, const char* help, const char* key, RecordLookup lookup) {
     Add(app, common, name, help, {key, "path"}, [lookup](const Common& c, const Args& a) {
       CarrierFirmwareInfo r = PresetCarrier(c);
-      const bool result = Bounded<bool>([&] { return lookup(a.a, a.b, r); }, a.timeout);
+      const bool result = Bounded<bool>([&] { return lookup(a.a, a.b, r); }, a);
       return ReportCarrier(c, result, r);
     });
   };
@@ -193,8 +233,8 @@ void AddTableCommands(CLI::App& app, Common& common) {
   Add(app, common, "param-firmware-by-sku", "parameter firmware of a SKU and area",
       {"sku-guid", "area", "path"}, [](const Common& c, const Args& a) {
         CarrierFirmwareInfo r = PresetCarrier(c);
-        const bool result =
-            Bounded<bool>([&] { return GetParamFirmwareBySku(a.a, a.b, a.c, r); }, a.timeout);
+        const bool result = Bounded<bool>([&] { return GetParamFirmwareBySku(a.a, a.b, a.c, r); }, a,
+                                          [&a] { return SkuCause(a.a, a.b, a.c); });
         return ReportCarrier(c, result, r);
       });
   Add(app, common, "package-info-firmware", "firmware and cust pack of a carrier in package_info.xml",
@@ -202,7 +242,7 @@ void AddTableCommands(CLI::App& app, Common& common) {
         PackageFirmwareInfo info;
         info.fields.fill(Initial(c));
         const bool result =
-            Bounded<bool>([&] { return GetPackageInfoFirmware(a.a, a.b, info); }, a.timeout);
+            Bounded<bool>([&] { return GetPackageInfoFirmware(a.a, a.b, info); }, a);
         if (c.json) {
           PrintJson({{"result", result}, {"fields", FieldArray(info.fields)}});
         } else {
@@ -223,7 +263,7 @@ void AddTableCommands(CLI::App& app, Common& common) {
   Add(app, common, "update-scatter",
       "rewrite the download flags of C:\\Windows\\WWAN\\FwSwitchBin\\FlashData\\scatter.xml",
       {"selection"}, [](const Common& c, const Args& a) {
-        const bool result = Bounded<bool>([&] { return UpdateScatterDownloadFlags(a.a); }, a.timeout);
+        const bool result = Bounded<bool>([&] { return UpdateScatterDownloadFlags(a.a); }, a);
         return ReportResult(c, result, result);
       });
 }
