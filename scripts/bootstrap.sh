@@ -24,6 +24,7 @@ packages=(
   time
   clang-14 libclang-rt-14-dev zlib1g-dev
   wixl msitools
+  libarchive-tools p7zip-full
 )
 
 # A deb-src entry for bookworm main, so that tinyxml2's source package can be fetched.
