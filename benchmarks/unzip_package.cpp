@@ -62,9 +62,9 @@ int main(int argc, char** argv) {
   PROCESS_MEMORY_COUNTERS memory = {};
   memory.cb = sizeof memory;
   ::GetProcessMemoryInfo(::GetCurrentProcess(), &memory, sizeof memory);
-  std::printf("{\"result\":%d,\"seconds\":%.4f,\"entries\":%d,\"bytes\":%lld,"
+  std::printf("{\"result\":%d,\"seconds\":%.4f,\"entries\":%d,\"bytes\":%lld,\"threads\":%u,"
               "\"peak_working_set\":%llu,\"peak_pagefile\":%llu}\n",
-              result, seconds, entries, bytes,
+              result, seconds, entries, bytes, dorvane::DefaultUnzipThreads(),
               static_cast<unsigned long long>(memory.PeakWorkingSetSize),
               static_cast<unsigned long long>(memory.PeakPagefileUsage));
   return result == 1 ? 0 : 1;

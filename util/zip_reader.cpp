@@ -8,6 +8,8 @@
 #include <new>
 #include <memory>
 #include <set>
+#include <thread>
+#include <vector>
 
 #include "util/file_ops.h"
 #include "util/scoped_handle.h"
@@ -107,25 +109,31 @@ class ZipArchive {
     return directory_result_;
   }
   size_t count() const { return directory_.count(); }
+  // Safe from several threads: the directory's window is shared.
   ZipResult Entry(int index, zip::EntryInfo* entry) {
+    std::lock_guard<std::mutex> lock(entry_lock_);
     return directory_.Entry(static_cast<size_t>(index), entry);
   }
-  ZipResult Extract(int index, const char* path);
+  ZipResult Extract(int index, const char* path) { return Extract(index, path, unpacker_); }
+  // With an unpacker of the calling thread's own: the archive's reads take
+  // their offsets with them, so threads can share the file.
+  ZipResult Extract(int index, const char* path, zip::Unpacker& unpacker);
 
  private:
   FileSource source_;
   bool directory_read_ = false;
   ZipResult directory_result_ = kZipOk;
   zip::Directory directory_;
+  std::mutex entry_lock_;
   zip::Unpacker unpacker_;
 };
 
-ZipResult ZipArchive::Extract(int index, const char* path) {
+ZipResult ZipArchive::Extract(int index, const char* path, zip::Unpacker& unpacker) {
   zip::EntryInfo entry;
   ZipResult result = Entry(index, &entry);
   if (result != kZipOk) return result;
   uint64_t at = 0;
-  result = unpacker_.Locate(source_, entry, directory_.DataLimit(static_cast<size_t>(index)), &at);
+  result = unpacker.Locate(source_, entry, directory_.DataLimit(static_cast<size_t>(index)), &at);
   if (result != kZipOk) return result;
   // Whatever name the caller joined, nothing is made outside the folder it
   // named, on a device or in an alternate stream, and a name that only looks
@@ -142,7 +150,7 @@ ZipResult ZipArchive::Extract(int index, const char* path) {
   }
   if (!file) return kZipNoFile;
   FileSink sink(file.get());
-  if ((result = unpacker_.Stream(source_, entry, at, sink)) != kZipOk) return result;
+  if ((result = unpacker.Stream(source_, entry, at, sink)) != kZipOk) return result;
   const FILETIME modified = DosTimeToUtc(entry.dos_date, entry.dos_time);
   ::SetFileTime(file.get(), nullptr, nullptr, &modified);
   return kZipOk;
@@ -237,6 +245,143 @@ ZipResult UnzipItem(ZipHandle zip, int index, const char* path) {
   if (result == kZipOk) result = CheckIndex(zip, index);
   if (result == kZipOk) result = zip->Extract(index, path);
   return Keep(result);
+}
+
+unsigned DefaultUnzipThreads() {
+  SYSTEM_INFO system = {};
+  ::GetSystemInfo(&system);
+  return std::max(1u, std::min<unsigned>(system.dwNumberOfProcessors, kMaxUnzipThreads));
+}
+
+namespace {
+
+// The output path of entry `index`, exactly as a caller joins it.
+PathBuffer OutputPath(const std::string& target_folder, const char* name) {
+  PathBuffer path(target_folder);
+  path.Append(name);
+  return path;
+}
+
+uint64_t Fnv1a(const std::string& text) {
+  uint64_t hash = 14695981039346656037ull;
+  for (char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211ull;
+  return hash;
+}
+
+// Paths are compared upper-cased, as Windows folds case, with "." and empty
+// parts dropped. Costs 8 bytes per path and per folder on the way; past the
+// budget, the answer is no.
+}  // namespace
+
+bool ZipEntriesAreIndependent(ZipHandle zip, const std::string& target_folder) {
+  constexpr size_t kFolderBudget = 1u << 20;
+  ZipEntry all;
+  if (GetZipItem(zip, -1, &all) != kZipOk) return false;
+  const int count = all.index;
+  std::vector<uint64_t> files;
+  std::vector<uint64_t> folders;
+  files.reserve(static_cast<size_t>(count));
+  for (int i = 0; i < count; ++i) {
+    ZipEntry item;
+    if (GetZipItem(zip, i, &item) != kZipOk) return false;
+    PathBuffer path = OutputPath(target_folder, item.name);
+    std::string upper = path.str();
+    if (upper.find('~') != std::string::npos) return false;
+    if (!upper.empty()) ::CharUpperBuffA(&upper[0], static_cast<DWORD>(upper.size()));
+    std::string key;
+    size_t start = 0;
+    for (size_t pos = 0; pos <= upper.size(); ++pos) {
+      if (pos < upper.size() && upper[pos] != '\\' && upper[pos] != '/') continue;
+      const std::string part = upper.substr(start, pos - start);
+      start = pos + 1;
+      if (part.empty() || part == ".") continue;
+      if (!key.empty()) {
+        if (folders.size() >= kFolderBudget) return false;
+        folders.push_back(Fnv1a(key));
+      }
+      key += "\\" + part;
+    }
+    // A folder entry only makes a folder: another of the same path, or a file
+    // inside it, does not care which comes first; a file of that path does.
+    if (item.attributes & FILE_ATTRIBUTE_DIRECTORY) {
+      if (folders.size() >= kFolderBudget) return false;
+      folders.push_back(Fnv1a(key));
+    } else {
+      files.push_back(Fnv1a(key));
+    }
+  }
+  std::sort(files.begin(), files.end());
+  if (std::adjacent_find(files.begin(), files.end()) != files.end()) return false;
+  std::sort(folders.begin(), folders.end());
+  for (uint64_t file : files) {
+    if (std::binary_search(folders.begin(), folders.end(), file)) return false;
+  }
+  return true;
+}
+
+ZipResult UnzipEntries(ZipHandle zip, const std::string& target_folder, unsigned threads) {
+  ZipEntry all;
+  ZipResult result = GetZipItem(zip, -1, &all);
+  if (result != kZipOk) return result;
+  const int count = all.index;
+  bool parallel = false;
+  try {
+    parallel = threads > 1 && count > 1 && count <= kMaxParallelEntries &&
+               ZipEntriesAreIndependent(zip, target_folder);
+  } catch (const std::bad_alloc&) {
+    parallel = false;
+  }
+  if (!parallel) {
+    for (int i = 0; i < count; ++i) {
+      ZipEntry item;
+      GetZipItem(zip, i, &item);
+      result = UnzipItem(zip, i, OutputPath(target_folder, item.name).c_str());
+    }
+    return result;
+  }
+
+  // Independent entries: each thread takes the next entry not yet taken, with
+  // an unpacker of its own; the entries' results are the same in any order.
+  // The largest go first, so that no thread is left alone with a big one at
+  // the end. The last entry's result is kept as the most recent one, as it
+  // would be after the entries one by one.
+  std::vector<std::pair<uint64_t, int>> order;
+  try {
+    order.reserve(static_cast<size_t>(count));
+    for (int i = 0; i < count; ++i) {
+      zip::EntryInfo entry;
+      order.emplace_back(zip->Entry(i, &entry) == kZipOk ? entry.compressed_size : 0, i);
+    }
+  } catch (const std::bad_alloc&) {
+    return Keep(kZipNoMemory);
+  }
+  std::stable_sort(order.begin(), order.end(),
+                   [](const auto& a, const auto& b) { return a.first > b.first; });
+  std::atomic<int> next{0};
+  std::atomic<ZipResult> last{kZipOk};
+  auto work = [&] {
+    zip::Unpacker unpacker;
+    for (int taken = next++; taken < count; taken = next++) {
+      const int i = order[static_cast<size_t>(taken)].second;
+      zip::EntryInfo entry;
+      ZipResult r = zip->Entry(i, &entry);
+      if (r == kZipOk) {
+        r = zip->Extract(i, OutputPath(target_folder, entry.name.c_str()).c_str(), unpacker);
+      }
+      if (i == count - 1) last = r;
+    }
+  };
+  std::vector<std::thread> helpers;
+  try {
+    for (unsigned t = 1; t < std::min<unsigned>(threads, static_cast<unsigned>(count)); ++t) {
+      helpers.emplace_back(work);
+    }
+  } catch (const std::exception&) {
+    // Fewer threads than asked: the ones there are, this one included, do it all.
+  }
+  work();
+  for (std::thread& helper : helpers) helper.join();
+  return Keep(last.load());
 }
 
 ZipResult CloseZip(ZipHandle zip) {

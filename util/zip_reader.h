@@ -71,6 +71,31 @@ ZipResult GetZipItem(ZipHandle zip, int index, ZipEntry* entry);
 // index errors as for GetZipItem.
 ZipResult UnzipItem(ZipHandle zip, int index, const char* path);
 
+// The threads UnzipEntries may use at most, and the entry count above which it
+// works on one thread (its plan costs memory per entry).
+inline constexpr unsigned kMaxUnzipThreads = 8;
+inline constexpr int kMaxParallelEntries = 65536;
+
+// One thread per processor, at most kMaxUnzipThreads.
+unsigned DefaultUnzipThreads();
+
+// True when no two entries of `zip`, joined to `target_folder`, can touch the
+// same file or folder, so that their order cannot matter: no output path names
+// the same file as another's, none names a folder that another's path goes
+// through (a file "a" and an entry "a/b"), and none holds a "~" (it could be
+// another file's short name). False also when the archive cannot be listed.
+bool ZipEntriesAreIndependent(ZipHandle zip, const std::string& target_folder);
+
+// Unpacks every entry to `target_folder` + its name (joined as a path buffer
+// joins them, cut at 259 characters), with the results of
+//   for each i: GetZipItem(zip, i, &item); UnzipItem(zip, i, target + item.name);
+// on up to `threads` threads. Entries run in parallel only when no two of them
+// can touch the same file or folder; otherwise, or for more than
+// kMaxParallelEntries entries, one by one in entry order. Gives and keeps the
+// last entry's result (or the listing's, when the archive cannot be listed).
+// Each further thread costs about 1 MiB (its buffers and inflate state).
+ZipResult UnzipEntries(ZipHandle zip, const std::string& target_folder, unsigned threads);
+
 // Closes the archive; the handle is invalid afterwards.
 ZipResult CloseZip(ZipHandle zip);
 
