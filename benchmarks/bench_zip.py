@@ -59,10 +59,11 @@ def run_peer(command, archive, out):
     return seconds
 
 
-def run_ours(exe, archive, out):
+def run_ours(exe, archive, out, threads=None):
     shutil.rmtree(out, ignore_errors=True)
     wine = os.path.join(REPO, "scripts", "wine-run")
-    seconds, stdout = timed([wine, exe, windows_path(archive), windows_path(out) + "\\"])
+    extra = ["--threads", str(threads)] if threads else []
+    seconds, stdout = timed([wine, exe, windows_path(archive), windows_path(out) + "\\"] + extra)
     report = json.loads(stdout.decode().strip().splitlines()[-1])
     if report["result"] != 1:
         raise SystemExit("unzip_package failed: %r" % report)
@@ -91,6 +92,8 @@ def main():
     parser.add_argument("--work", required=True)
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--size-mib", default="256")
+    parser.add_argument("--huge", action="store_true",
+                        help="also time a package of one huge entry on one thread and on all")
     parser.add_argument("--entries", type=int, default=300000,
                         help="entries of the archive whose listing is measured (0: none)")
     args = parser.parse_args()
@@ -162,6 +165,19 @@ def main():
                                      tiny_listed["peak_working_set"] / mib,
                                      (listed["peak_working_set"] - tiny_listed["peak_working_set"])
                                      / mib))
+    if args.huge:
+        huge = os.path.join(args.work, "huge.zip")
+        make_archive(huge, "huge")
+        out_huge = os.path.join(args.work, "out-huge")
+        single, every = [], []
+        for _ in range(args.rounds):
+            single.append(run_ours(args.exe, huge, out_huge, threads=1)[0])
+            seconds, report = run_ours(args.exe, huge, out_huge)
+            every.append(seconds)
+        shutil.rmtree(out_huge, ignore_errors=True)
+        print("one huge entry (%s, %.0f MiB unpacked): median %.3f s on one thread, %.3f s on %d"
+              % (os.path.basename(huge), report["bytes"] / mib, statistics.median(single),
+                 statistics.median(every), report["threads"]))
     all_same = all(same.values())
     print("unpacked trees identical: %s" % ("yes" if all_same else "NO"))
     return 0 if all_same else 1

@@ -2,11 +2,13 @@
 
     make_firmware_zip.py OUT.zip [SIZE_MIB]   (default 256)
     make_firmware_zip.py OUT.zip tiny
+    make_firmware_zip.py OUT.zip huge
 
 A few hundred entries in a folder tree, most deflated (images of tables, text
 and padding mixed with noise, which deflate to about two thirds), some stored
 (blobs that are compressed already), until the archive reaches SIZE_MIB. The
-content is the same on every run. "tiny" writes one small deflated entry.
+content is the same on every run. "tiny" writes one small deflated entry;
+"huge" one 384 MiB deflated image and a small readme beside it.
 """
 import os
 import random
@@ -43,8 +45,14 @@ def main():
         with zipfile.ZipFile(out, "w", zipfile.ZIP_DEFLATED) as z:
             z.writestr("readme.txt", b"tiny package\n" * 10)
         return
-    limit = int(arg) * 1024 * 1024
     rng = random.Random(2024)
+    if arg == "huge":
+        with zipfile.ZipFile(out + ".part", "w", zipfile.ZIP_DEFLATED, compresslevel=6) as z:
+            z.writestr("readme.txt", b"one image\n")
+            z.writestr("FirmwareData/modem/full.img", image(rng, 384 * 1024 * 1024))
+        os.replace(out + ".part", out)
+        return
+    limit = int(arg) * 1024 * 1024
     tmp = out + ".part"
     with zipfile.ZipFile(tmp, "w", zipfile.ZIP_DEFLATED, compresslevel=6) as z:
         i = 0

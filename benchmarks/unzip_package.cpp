@@ -3,6 +3,8 @@
 //
 //   unzip_package.exe ARCHIVE TARGET\ [LOGFILE]
 //   unzip_package.exe ARCHIVE --list          (only lists the entries)
+//   unzip_package.exe ARCHIVE TARGET\ --threads N
+//                     (UnzipEntries on N threads instead of UnzipAllItems)
 //   {"seconds":1.234,"entries":300,"bytes":402653184,"peak_working_set":...,"peak_pagefile":...}
 //
 // "seconds" is the call alone, without process start; "bytes" the sum of the
@@ -13,6 +15,7 @@
 #include <psapi.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "log/logger.h"
@@ -44,6 +47,11 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: unzip_package ARCHIVE TARGET\\ [LOGFILE]\n");
     return 2;
   }
+  unsigned threads = 0;  // 0: UnzipAllItems with its own choice
+  if (argc > 4 && std::string(argv[3]) == "--threads") {
+    threads = static_cast<unsigned>(std::strtoul(argv[4], nullptr, 10));
+    argc = 3;
+  }
   dorvane::Logger* log = dorvane::Logger::GetInstance();
   log->SetLogPath(argc > 3 ? argv[3] : "NUL");
   log->Enable(true);
@@ -52,7 +60,14 @@ int main(int argc, char** argv) {
   ::QueryPerformanceFrequency(&freq);
   ::QueryPerformanceCounter(&start);
   const bool list_only = std::string(argv[2]) == "--list";
-  const int result = list_only ? 1 : dorvane::UnzipAllItems(argv[2], argv[1]);
+  int result = 1;
+  if (threads > 0) {
+    dorvane::ZipHandle zip = dorvane::OpenZip(argv[1]);
+    dorvane::UnzipEntries(zip, argv[2], threads);
+    dorvane::CloseZip(zip);
+  } else if (!list_only) {
+    result = dorvane::UnzipAllItems(argv[2], argv[1]);
+  }
   ::QueryPerformanceCounter(&end);
   const double seconds = static_cast<double>(end.QuadPart - start.QuadPart) / freq.QuadPart;
 
@@ -64,7 +79,7 @@ int main(int argc, char** argv) {
   ::GetProcessMemoryInfo(::GetCurrentProcess(), &memory, sizeof memory);
   std::printf("{\"result\":%d,\"seconds\":%.4f,\"entries\":%d,\"bytes\":%lld,\"threads\":%u,"
               "\"peak_working_set\":%llu,\"peak_pagefile\":%llu}\n",
-              result, seconds, entries, bytes, dorvane::DefaultUnzipThreads(),
+              result, seconds, entries, bytes, threads > 0 ? threads : dorvane::DefaultUnzipThreads(),
               static_cast<unsigned long long>(memory.PeakWorkingSetSize),
               static_cast<unsigned long long>(memory.PeakPagefileUsage));
   return result == 1 ? 0 : 1;
