@@ -30,7 +30,7 @@ class CountingSink : public zip::Sink {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   zip::MemorySource source(data, size);
   zip::Directory directory;
-  if (directory.Read(source, zip::ExactCp1252) != kZipOk) return 0;
+  if (directory.Read(source, zip::kNativeNames) != kZipOk) return 0;
   if (directory.count() > size / 46) Fail("more entries than the bytes can hold");
   zip::Unpacker unpacker;
   uint64_t spans = 0;

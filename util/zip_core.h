@@ -17,7 +17,7 @@
 //
 //   zip::MemorySource source(bytes, size);
 //   zip::Directory directory;
-//   if (directory.Read(source, zip::ExactCp1252) == kZipOk) {
+//   if (directory.Read(source, zip::kNativeNames) == kZipOk) {
 //     zip::Unpacker unpacker;
 //     for (size_t i = 0; i < directory.count(); ++i) {
 //       zip::EntryInfo entry;
@@ -128,6 +128,20 @@ using AnsiConverter = bool (*)(const std::u16string& wide, std::string* ansi);
 // The converter of the native builds: Windows-1252, exactly.
 bool ExactCp1252(const std::u16string& wide, std::string* ansi);
 
+// Turns a name in the OEM code page (the zip format's code page for names
+// without the UTF-8 flag) into UTF-16; false when a byte has no character.
+using OemDecoder = bool (*)(const std::string& oem, std::u16string* wide);
+
+// The decoder of the native builds: IBM 437, the zip format's historic code page.
+bool Cp437ToUtf16(const std::string& oem, std::u16string* wide);
+
+// How entry names become the narrow names handed out.
+struct NameCodec {
+  OemDecoder oem = nullptr;
+  AnsiConverter ansi = nullptr;
+};
+inline constexpr NameCodec kNativeNames{Cp437ToUtf16, ExactCp1252};
+
 // Strict UTF-8 to UTF-16; false on an invalid or overlong sequence, a
 // surrogate or a value above U+10FFFF (the text then holds U+FFFD for it).
 bool Utf8ToUtf16(const std::string& utf8, std::u16string* wide);
@@ -138,7 +152,10 @@ uint64_t Le64(const unsigned char* p);
 
 // One entry, from its central record, its Zip64 values already applied.
 struct EntryInfo {
-  std::string name;     // converted, cleaned and cut at 259 characters, as handed out
+  // As handed out: decoded (UTF-8 when flagged so, else the Unicode Path
+  // field when its CRC-32 matches the raw name, else the OEM code page),
+  // converted to the narrow code page exactly, cleaned and cut at 259 characters.
+  std::string name;
   bool usable = true;   // false when the name has no exact form in the code page
   bool folder = false;
   uint16_t flags = 0;
@@ -168,19 +185,27 @@ class Directory {
   // kZipCorrupt when the structure is damaged or entries overlap, kZipReadError
   // when the source cannot be read, kZipNoMemory for too many entries or when
   // memory runs out. The source must outlive the directory.
-  ZipResult Read(Source& source, AnsiConverter convert);
+  //
+  // An archive with data in front of it (a self-extracting stub, padding) has
+  // its central directory further on than the end record says: the difference
+  // is found from where the directory really ends and applied to every offset,
+  // and prefix() gives it. Offsets that stay inconsistent are corrupt.
+  ZipResult Read(Source& source, NameCodec names);
   size_t count() const { return count_; }
   ZipResult Entry(size_t index, EntryInfo* entry);
   // Where entry `index`'s data must end: the next local header or the
   // central directory.
   uint64_t DataLimit(size_t index) const;
+  // The bytes of data found in front of the archive (0 for most archives).
+  uint64_t prefix() const { return prefix_; }
 
  private:
   struct Held;
   class Window;
   Source* source_ = nullptr;
-  AnsiConverter convert_ = nullptr;
+  NameCodec names_;
   size_t count_ = 0;
+  uint64_t prefix_ = 0;
   std::unique_ptr<Held[]> held_;
   std::unique_ptr<Window> window_;
 };

@@ -1,5 +1,9 @@
 // The archive's end records and central directory.
+#include <zlib.h>
+
 #include <algorithm>
+#include <climits>
+#include <cstdint>
 #include <new>
 
 #include "util/path_buffer.h"
@@ -13,6 +17,7 @@ constexpr uint32_t kEndSignature = 0x06054b50;
 constexpr uint32_t kZip64LocatorSignature = 0x07064b50;
 constexpr uint32_t kZip64EndSignature = 0x06064b50;
 constexpr uint32_t kCentralSignature = 0x02014b50;
+constexpr uint32_t kLocalSignature = 0x04034b50;
 constexpr size_t kEndSize = 22;
 constexpr size_t kZip64LocatorSize = 20;
 constexpr size_t kZip64EndSize = 56;
@@ -21,6 +26,7 @@ constexpr size_t kLocalSize = 30;
 constexpr size_t kMaxComment = 0xFFFF;
 constexpr uint16_t kZip64ExtraId = 0x0001;
 constexpr uint16_t kUtf8NameFlag = 0x0800;
+constexpr uint16_t kUnicodePathId = 0x7075;
 constexpr uint32_t kDosFolderAttribute = 0x10;
 
 // Where the central directory lies, from the end record.
@@ -35,11 +41,17 @@ ZipResult ReadZip64End(Source& source, uint64_t locator_at, Bounds* bounds) {
   unsigned char locator[kZip64LocatorSize];
   if (!source.ReadAt(locator_at, locator, kZip64LocatorSize)) return kZipReadError;
   if (Le32(locator) != kZip64LocatorSignature) return kZipOk;  // an ordinary archive
-  const uint64_t at = Le64(locator + 8);
-  if (at > locator_at || locator_at - at < kZip64EndSize) return kZipCorrupt;
+  uint64_t at = Le64(locator + 8);
+  if (at > locator_at || locator_at - at < kZip64EndSize) at = locator_at - kZip64EndSize;
   unsigned char record[kZip64EndSize];
   if (!source.ReadAt(at, record, kZip64EndSize)) return kZipReadError;
-  if (Le32(record) != kZip64EndSignature) return kZipCorrupt;
+  if (Le32(record) != kZip64EndSignature) {
+    // With data in front of the archive the locator points short of the
+    // record, which then lies right before the locator.
+    at = locator_at - kZip64EndSize;
+    if (!source.ReadAt(at, record, kZip64EndSize)) return kZipReadError;
+    if (Le32(record) != kZip64EndSignature) return kZipCorrupt;
+  }
   bounds->count = Le64(record + 32);
   bounds->size = Le64(record + 40);
   bounds->offset = Le64(record + 48);
@@ -92,26 +104,61 @@ ZipResult ApplyZip64(const unsigned char* extra, size_t length, EntryInfo* entry
   return wanted ? kZipCorrupt : kZipOk;
 }
 
-// A name flagged as UTF-8 is turned into the narrow code page exactly: a
-// best-fit mapping would turn look-alikes such as a fullwidth "．．／" into
-// "../" after every other tool has shown the name as harmless. A name that
-// has no exact form is unusable: it is shown with stand-ins and not unpacked.
-// Names without the flag are taken as they are.
-void ConvertName(const unsigned char* bytes, size_t size, uint16_t flags, AnsiConverter convert,
-                 EntryInfo* entry) {
-  std::string raw(reinterpret_cast<const char*>(bytes), size);
-  entry->usable = true;
-  if (flags & kUtf8NameFlag) {
-    std::u16string wide;
-    std::string ansi;
-    const bool valid = Utf8ToUtf16(raw, &wide);
-    const bool exact = convert(wide, &ansi);
-    entry->usable = valid && exact;
-    raw = std::move(ansi);
+// The Info-ZIP Unicode Path field: the UTF-8 form of a name written in the
+// OEM code page, valid while its CRC-32 matches the name it was written for.
+bool UnicodePath(const unsigned char* extra, size_t length, const std::string& raw,
+                 std::string* utf8) {
+  for (size_t pos = 0; pos + 4 <= length;) {
+    const uint16_t id = Le16(extra + pos);
+    const size_t size = Le16(extra + pos + 2);
+    const unsigned char* data = extra + pos + 4;
+    pos += 4 + size;
+    if (id != kUnicodePathId || pos > length || size < 5 || data[0] != 1) continue;
+    const uint32_t crc = static_cast<uint32_t>(
+        crc32(0, reinterpret_cast<const Bytef*>(raw.data()), static_cast<uInt>(raw.size())));
+    if (Le32(data + 1) != crc) return false;
+    utf8->assign(reinterpret_cast<const char*>(data + 5), size - 5);
+    return true;
   }
-  entry->folder = (!raw.empty() && (raw.back() == '/' || raw.back() == '\\')) ||
+  return false;
+}
+
+// The hosts whose tools write names in the OEM code page: MS-DOS and FAT,
+// OS/2's HPFS, NTFS and VFAT, as the zip format numbers them.
+bool IsDosHost(uint8_t host) { return host == 0 || host == 6 || host == 11 || host == 14; }
+
+// Names become narrow names exactly: a best-fit mapping would turn look-alikes
+// such as a fullwidth "．．／" into "../" after every other tool has shown the
+// name as harmless. A name flagged as UTF-8 is UTF-8; any other is in the OEM
+// code page when a DOS or Windows tool wrote it (as the zip format and
+// Windows' own tools write names), unless a Unicode Path field gives its UTF-8
+// form; one written on another system (Unix tools write the bytes of their
+// locale, today UTF-8) is UTF-8 when it reads as UTF-8, and else taken as
+// the bytes it is. A name that has no exact narrow
+// form is unusable: it is shown with stand-ins and not unpacked.
+void ConvertName(const std::string& raw, const unsigned char* extra, size_t extra_size,
+                 uint16_t flags, uint8_t host, const NameCodec& names, EntryInfo* entry) {
+  std::u16string wide;
+  std::string utf8;
+  std::string narrow;
+  bool valid = true;
+  bool exact = true;
+  if (flags & kUtf8NameFlag) {
+    valid = Utf8ToUtf16(raw, &wide);
+  } else if (UnicodePath(extra, extra_size, raw, &utf8)) {
+    valid = Utf8ToUtf16(utf8, &wide);
+  } else if (IsDosHost(host)) {
+    valid = names.oem(raw, &wide);
+  } else if (!Utf8ToUtf16(raw, &wide)) {
+    // Written elsewhere in a legacy code page of its own: the bytes as they are.
+    narrow = raw;
+    wide.clear();
+  }
+  if (!wide.empty() || narrow.empty()) exact = names.ansi(wide, &narrow);
+  entry->usable = valid && exact;
+  entry->folder = (!narrow.empty() && (narrow.back() == '/' || narrow.back() == '\\')) ||
                   (entry->external_attributes & kDosFolderAttribute);
-  entry->name = PathBuffer(CleanEntryName(std::move(raw))).str();
+  entry->name = PathBuffer(CleanEntryName(std::move(narrow))).str();
 }
 
 }  // namespace
@@ -164,15 +211,17 @@ class Directory::Window {
 
 namespace {
 
-// Reads the central record at `offset`; `convert` null skips the name.
-// `next` receives where the following record begins.
+// Reads the central record at `offset`; `names` null skips the name.
+// `next` receives where the following record begins; `shift` is added to the
+// local header's offset (data in front of the archive).
 template <typename Window>
-ZipResult ParseRecord(Window& window, uint64_t offset, AnsiConverter convert, EntryInfo* entry,
-                      uint64_t* next) {
+ZipResult ParseRecord(Window& window, uint64_t offset, const NameCodec* names, uint64_t shift,
+                      EntryInfo* entry, uint64_t* next) {
   const unsigned char* fixed = nullptr;
   ZipResult result = window.At(offset, kCentralSize, &fixed);
   if (result != kZipOk) return result;
   if (Le32(fixed) != kCentralSignature) return kZipCorrupt;
+  const uint8_t fixed_host = fixed[5];  // "version made by": its high byte
   entry->flags = Le16(fixed + 8);
   entry->method = Le16(fixed + 10);
   entry->dos_time = Le16(fixed + 12);
@@ -189,10 +238,16 @@ ZipResult ParseRecord(Window& window, uint64_t offset, AnsiConverter convert, En
   uint64_t at = offset + kCentralSize;
   const unsigned char* part = nullptr;
   if ((result = window.At(at, name_size, &part)) != kZipOk) return result;
-  if (convert != nullptr) ConvertName(part, name_size, entry->flags, convert, entry);
+  std::string raw;
+  if (names != nullptr) raw.assign(reinterpret_cast<const char*>(part), name_size);
   at += name_size;
   if ((result = window.At(at, extra_size, &part)) != kZipOk) return result;
   if ((result = ApplyZip64(part, extra_size, entry)) != kZipOk) return result;
+  if (names != nullptr) {
+    ConvertName(raw, part, extra_size, entry->flags, fixed_host, *names, entry);
+  }
+  if (entry->local_offset > UINT64_MAX - shift) return kZipCorrupt;
+  entry->local_offset += shift;
   at += extra_size;
   if (comment_size > window.end() - at) return kZipCorrupt;
   *next = at + comment_size;
@@ -204,12 +259,19 @@ ZipResult ParseRecord(Window& window, uint64_t offset, AnsiConverter convert, En
 Directory::Directory() = default;
 Directory::~Directory() = default;
 
-ZipResult Directory::Read(Source& source, AnsiConverter convert) {
+// True when a central record's signature is at `at`.
+bool CentralSignatureAt(Source& source, uint64_t at) {
+  unsigned char signature[4];
+  return source.ReadAt(at, signature, 4) && Le32(signature) == kCentralSignature;
+}
+
+ZipResult Directory::Read(Source& source, NameCodec names) {
   count_ = 0;
+  prefix_ = 0;
   held_.reset();
   window_.reset();
   source_ = &source;
-  convert_ = convert;
+  names_ = names;
   try {
     Bounds bounds;
     ZipResult result = FindEnd(source, &bounds);
@@ -221,6 +283,15 @@ ZipResult Directory::Read(Source& source, AnsiConverter convert) {
       return kZipCorrupt;
     }
     if (bounds.count > kMaxEntries) return kZipNoMemory;
+    // The directory ends where the end records begin. When it is not found
+    // where the end record says but where it would then begin, everything is
+    // further on by the same amount: data in front of the archive.
+    const uint64_t real_offset = bounds.limit - bounds.size;
+    if (bounds.count > 0 && real_offset != bounds.offset &&
+        !CentralSignatureAt(source, bounds.offset) && CentralSignatureAt(source, real_offset)) {
+      prefix_ = real_offset - bounds.offset;
+      bounds.offset = real_offset;
+    }
     const size_t count = static_cast<size_t>(bounds.count);
     window_.reset(new (std::nothrow) Window(source, bounds.offset, bounds.offset + bounds.size));
     std::unique_ptr<Held[]> held(new (std::nothrow) Held[count]);
@@ -231,7 +302,8 @@ ZipResult Directory::Read(Source& source, AnsiConverter convert) {
     for (size_t i = 0; i < count; ++i) {
       EntryInfo entry;
       uint64_t next = 0;
-      if ((result = ParseRecord(*window_, at, nullptr, &entry, &next)) != kZipOk) return result;
+      result = ParseRecord(*window_, at, nullptr, prefix_, &entry, &next);
+      if (result != kZipOk) return result;
       held[i] = Held{at, entry.local_offset, entry.compressed_size, 0};
       order[i] = static_cast<uint32_t>(i);
       at = next;
@@ -252,6 +324,12 @@ ZipResult Directory::Read(Source& source, AnsiConverter convert) {
       }
       entry.limit = limit;
     }
+    // A shift that is right puts a local header where the first entry begins.
+    if (prefix_ > 0 && count > 0) {
+      unsigned char signature[4];
+      if (!source.ReadAt(held[order[0]].local, signature, 4)) return kZipReadError;
+      if (Le32(signature) != kLocalSignature) return kZipCorrupt;
+    }
     held_ = std::move(held);
     count_ = count;
     return kZipOk;
@@ -266,7 +344,7 @@ ZipResult Directory::Entry(size_t index, EntryInfo* entry) {
     *entry = EntryInfo();
     uint64_t next = 0;
     const Held& held = held_[index];
-    const ZipResult result = ParseRecord(*window_, held.central, convert_, entry, &next);
+    const ZipResult result = ParseRecord(*window_, held.central, &names_, prefix_, entry, &next);
     if (result != kZipOk) return result;
     // The records were checked as a whole when the directory was read; if they
     // read differently now, the archive changed under us.

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "log/logger.h"
 #include "util/file_ops.h"
 #include "util/scoped_handle.h"
 
@@ -81,6 +82,24 @@ bool ExactAnsi(const std::u16string& wide, std::string* ansi) {
   return std::equal(again.begin(), again.end(), text);
 }
 
+// The OEM code page, in which names without the UTF-8 flag are written.
+bool ExactOem(const std::string& oem, std::u16string* wide) {
+  wide->clear();
+  if (oem.empty()) return true;
+  const int length = static_cast<int>(oem.size());
+  const int size = ::MultiByteToWideChar(CP_OEMCP, MB_ERR_INVALID_CHARS, oem.data(), length,
+                                         nullptr, 0);
+  if (size <= 0) {
+    // A byte the code page does not define: shown as a stand-in, not unpacked.
+    wide->assign(oem.size(), u'?');
+    return false;
+  }
+  std::wstring text(static_cast<size_t>(size), L'\0');
+  ::MultiByteToWideChar(CP_OEMCP, MB_ERR_INVALID_CHARS, oem.data(), length, &text[0], size);
+  wide->assign(text.begin(), text.end());
+  return true;
+}
+
 HANDLE CreateOutput(const char* path) {
   return ::CreateFileA(path, GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
                        FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
@@ -98,13 +117,20 @@ FILETIME DosTimeToUtc(uint16_t dos_date, uint16_t dos_time) {
 
 class ZipArchive {
  public:
-  ZipArchive(UniqueHandle file, uint64_t size) : source_(std::move(file), size) {}
+  ZipArchive(UniqueHandle file, uint64_t size, std::string path)
+      : source_(std::move(file), size), path_(std::move(path)) {}
 
   // The directory is read once; a failure is the answer of every later call.
+  // Data in front of the archive is said once, when the directory is read.
   ZipResult Directory() {
     if (!directory_read_) {
       directory_read_ = true;
-      directory_result_ = directory_.Read(source_, ExactAnsi);
+      directory_result_ = directory_.Read(source_, zip::NameCodec{ExactOem, ExactAnsi});
+      if (directory_result_ == kZipOk && directory_.prefix() > 0) {
+        Logger::GetInstance()->Write(kLogWarning, "%s: %llu bytes of data precede the zip archive",
+                                     path_.c_str(),
+                                     static_cast<unsigned long long>(directory_.prefix()));
+      }
     }
     return directory_result_;
   }
@@ -121,6 +147,7 @@ class ZipArchive {
 
  private:
   FileSource source_;
+  std::string path_;
   bool directory_read_ = false;
   ZipResult directory_result_ = kZipOk;
   zip::Directory directory_;
@@ -203,13 +230,11 @@ ZipHandle OpenZip(const char* path) {
     Keep(kZipNoFile);
     return nullptr;
   }
-  std::unique_ptr<ZipArchive> zip(
-      new (std::nothrow) ZipArchive(std::move(file), static_cast<uint64_t>(size.QuadPart)));
+  std::unique_ptr<ZipArchive> zip;
   try {
-    if (zip) {
-      std::lock_guard<std::mutex> lock(g_open_mutex);
-      OpenHandles().insert(zip.get());
-    }
+    zip.reset(new ZipArchive(std::move(file), static_cast<uint64_t>(size.QuadPart), path));
+    std::lock_guard<std::mutex> lock(g_open_mutex);
+    OpenHandles().insert(zip.get());
   } catch (const std::bad_alloc&) {
     zip.reset();
   }

@@ -42,7 +42,7 @@ std::string Compressible(size_t size) {
 ZipResult UnpackOne(const std::string& bytes, size_t index, zip::Sink& sink) {
   zip::MemorySource source(bytes.data(), bytes.size());
   zip::Directory directory;
-  ZipResult result = directory.Read(source, zip::ExactCp1252);
+  ZipResult result = directory.Read(source, zip::kNativeNames);
   if (result != kZipOk) return result;
   zip::EntryInfo entry;
   if ((result = directory.Entry(index, &entry)) != kZipOk) return result;
@@ -137,7 +137,7 @@ TEST(ZipCore, CountsBeyondTheLimitOrTheBytesAreRefusedBeforeReadingTheDirectory)
                         Case{~0ull, kZipCorrupt}}) {
     ClaimingSource source(dir + 98, Zip64Tail(dir, c.count, dir, 0));
     zip::Directory directory;
-    EXPECT_EQ(c.expected, directory.Read(source, zip::ExactCp1252)) << c.count;
+    EXPECT_EQ(c.expected, directory.Read(source, zip::kNativeNames)) << c.count;
     EXPECT_EQ(0u, directory.count());
     EXPECT_LT(source.reads, 200000u) << "refused from the end records alone";
   }
@@ -154,13 +154,13 @@ TEST(ZipCore, SharedAndOverlappingDataIsRefusedForTheWholeArchive) {
   };
   zip::Directory directory;
   zip::MemorySource ok(good.data(), good.size());
-  ASSERT_EQ(kZipOk, directory.Read(ok, zip::ExactCp1252));
+  ASSERT_EQ(kZipOk, directory.Read(ok, zip::kNativeNames));
   EXPECT_EQ(at.local[1], directory.DataLimit(0));
   EXPECT_EQ(at.central[0], directory.DataLimit(2)) << "the last entry ends at the directory";
   for (const std::string& bytes : {pointing(2, at.local[1]), pointing(1, at.data[0] + 7),
                                    pointing(0, at.central[1]), pointing(2, at.central[0] - 29)}) {
     zip::MemorySource source(bytes.data(), bytes.size());
-    EXPECT_EQ(kZipCorrupt, directory.Read(source, zip::ExactCp1252));
+    EXPECT_EQ(kZipCorrupt, directory.Read(source, zip::kNativeNames));
     EXPECT_EQ(0u, directory.count());
   }
 }
@@ -198,10 +198,10 @@ TEST(ZipCore, TheNativeCodePageIsWindows1252Exactly) {
 TEST(ZipCore, UnusableNamesAreMarkedAndShownWithStandIns) {
   const std::string bytes = BuildZip({{"a\xEF\xBC\x8F..", "1", false, false, 0x0800},
                                       {"\xC3\xA9t\xC3\xA9", "2", false, false, 0x0800},
-                                      {"\xE9t\xE9", "3"}});
+                                      {"\x82t\x82", "3"}});
   zip::MemorySource source(bytes.data(), bytes.size());
   zip::Directory directory;
-  ASSERT_EQ(kZipOk, directory.Read(source, zip::ExactCp1252));
+  ASSERT_EQ(kZipOk, directory.Read(source, zip::kNativeNames));
   zip::EntryInfo entry;
   ASSERT_EQ(kZipOk, directory.Entry(0, &entry));
   EXPECT_EQ("a?..", entry.name);
@@ -210,9 +210,124 @@ TEST(ZipCore, UnusableNamesAreMarkedAndShownWithStandIns) {
   EXPECT_EQ("\xE9t\xE9", entry.name);
   EXPECT_TRUE(entry.usable);
   ASSERT_EQ(kZipOk, directory.Entry(2, &entry));
-  EXPECT_EQ("\xE9t\xE9", entry.name) << "names without the flag are taken as they are";
+  EXPECT_EQ("\xE9t\xE9", entry.name) << "names without the flag are IBM 437";
   EXPECT_TRUE(entry.usable);
   EXPECT_EQ(kZipBadArguments, directory.Entry(3, &entry));
+}
+
+}  // namespace
+}  // namespace dorvane
+
+namespace dorvane {
+namespace {
+
+using testing::BuildZip;
+using testing::PutLe32;
+using testing::ZipItem;
+using testing::ZipLayout;
+
+// The Unicode Path extra field for `raw`, naming it `utf8`.
+std::string UnicodePathField(const std::string& raw, const std::string& utf8, uint32_t crc_delta = 0) {
+  std::string field(9, '\0');
+  field[0] = 0x75, field[1] = 0x70;
+  const size_t size = 5 + utf8.size();
+  field[2] = static_cast<char>(size & 0xFF), field[3] = static_cast<char>(size >> 8);
+  field[4] = 1;
+  PutLe32(field, 5, testing::Crc32(raw) + crc_delta);
+  return field + utf8;
+}
+
+// An archive of one stored entry named `raw`, with `extra` in its central record.
+std::string WithExtra(const std::string& raw, const std::string& extra) {
+  ZipLayout at;
+  std::string bytes = BuildZip({{raw, "data"}}, false, &at);
+  const size_t central = at.central[0];
+  bytes[central + 30] = static_cast<char>(extra.size() & 0xFF);
+  bytes[central + 31] = static_cast<char>(extra.size() >> 8);
+  bytes.insert(central + 46 + raw.size(), extra);
+  PutLe32(bytes, at.end + 4 + extra.size() + 8, static_cast<uint32_t>(at.end - central + extra.size()));
+  return bytes;
+}
+
+std::string NameOf(const std::string& bytes, bool* usable = nullptr) {
+  zip::MemorySource source(bytes.data(), bytes.size());
+  zip::Directory directory;
+  if (directory.Read(source, zip::kNativeNames) != kZipOk) return "(unreadable)";
+  zip::EntryInfo entry;
+  if (directory.Entry(0, &entry) != kZipOk) return "(no entry)";
+  if (usable != nullptr) *usable = entry.usable;
+  return entry.name;
+}
+
+TEST(ZipCoreNames, LegacyNamesAreOemAndTheUnicodePathFieldWinsWhenItsCrcMatches) {
+  bool usable = false;
+  EXPECT_EQ("\xE9t\xE9.txt", NameOf(BuildZip({{"\x82t\x82.txt", "1"}}), &usable)) << "IBM 437 é";
+  EXPECT_TRUE(usable);
+  EXPECT_EQ("?t?", NameOf(BuildZip({{"\xE9t\xE9", "1"}}), &usable)) << "IBM 437 theta";
+  EXPECT_FALSE(usable);
+  // Info-ZIP's zip writes the bytes as they are and the UTF-8 form beside them.
+  const std::string raw = "C\xC3\xB4te.txt";
+  EXPECT_EQ("C\xF4te.txt", NameOf(WithExtra(raw, UnicodePathField(raw, "C\xC3\xB4te.txt")), &usable));
+  EXPECT_TRUE(usable);
+  // A field written for another name (its CRC differs) is ignored.
+  // (C3 and B4 are box-drawing characters in IBM 437: no Western form.)
+  EXPECT_EQ("C??te.txt", NameOf(WithExtra(raw, UnicodePathField(raw, "X.txt", 1)), &usable));
+  EXPECT_FALSE(usable);
+  // With the UTF-8 flag the name itself is UTF-8, whatever the field says.
+  EXPECT_EQ("C\xF4te", NameOf(BuildZip({{"C\xC3\xB4te", "1", false, false, 0x0800}})));
+  // The field's name is cleaned as any other.
+  EXPECT_EQ("x.txt", NameOf(WithExtra("a", UnicodePathField("a", "../../x.txt"))));
+}
+
+TEST(ZipCoreNames, NamesWrittenOnUnixAreUtf8WhenTheyReadSoAndElseTheirBytes) {
+  auto on_unix = [](const std::string& raw) {
+    ZipLayout at;
+    std::string bytes = BuildZip({{raw, "1"}}, false, &at);
+    bytes[at.central[0] + 5] = 3;  // made by: Unix
+    return bytes;
+  };
+  bool usable = false;
+  EXPECT_EQ("C\xF4te.txt", NameOf(on_unix("C\xC3\xB4te.txt"), &usable));
+  EXPECT_TRUE(usable);
+  EXPECT_EQ("\xE9t\xE9.txt", NameOf(on_unix("\xE9t\xE9.txt"), &usable)) << "Latin-1 bytes";
+  EXPECT_TRUE(usable);
+  EXPECT_EQ("?.txt", NameOf(on_unix("\xE6\x97\xA5.txt"), &usable)) << "UTF-8 without a Western form";
+  EXPECT_FALSE(usable);
+}
+
+TEST(ZipCoreNames, DataInFrontOfTheArchiveIsFoundAndSkipped) {
+  ZipLayout at;
+  const std::string archive = BuildZip({{"a.txt", "first"}, {"b.bin", std::string(3000, 'b'), true}},
+                                       false, &at);
+  const std::string zip64 = BuildZip({{"z.txt", "zip64", false, true}}, true);
+  for (const std::string& front : {std::string(1000, '\0'), std::string("MZ stub") + std::string(4089, 'x')}) {
+    for (const std::string& inner : {archive, zip64}) {
+      const std::string bytes = front + inner;
+      zip::MemorySource source(bytes.data(), bytes.size());
+      zip::Directory directory;
+      ASSERT_EQ(kZipOk, directory.Read(source, zip::kNativeNames));
+      EXPECT_EQ(front.size(), directory.prefix());
+      zip::Unpacker unpacker;
+      for (size_t i = 0; i < directory.count(); ++i) {
+        zip::EntryInfo entry;
+        ASSERT_EQ(kZipOk, directory.Entry(i, &entry));
+        uint64_t data = 0;
+        ASSERT_EQ(kZipOk, unpacker.Locate(source, entry, directory.DataLimit(i), &data));
+        class Null : public zip::Sink {
+          ZipResult Write(const unsigned char*, size_t) override { return kZipOk; }
+        } sink;
+        EXPECT_EQ(kZipOk, unpacker.Stream(source, entry, data, sink)) << entry.name;
+      }
+    }
+  }
+  // Offsets that fit no shift stay corrupt: the directory is neither where the
+  // end record says nor where it would end at the end record.
+  std::string moved = archive;
+  PutLe32(moved, at.end + 16, static_cast<uint32_t>(at.central[0] - 5));
+  moved.insert(at.central[0], "junk!");
+  zip::MemorySource source(moved.data(), moved.size());
+  zip::Directory directory;
+  EXPECT_EQ(kZipCorrupt, directory.Read(source, zip::kNativeNames));
 }
 
 }  // namespace

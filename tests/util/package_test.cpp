@@ -67,6 +67,17 @@ TEST_F(PackageTest, MissingArchiveIsLoggedWithItsErrorNumber) {
             tagged());
 }
 
+TEST_F(PackageTest, DataInFrontOfAnArchiveIsSaidOnceAndTheArchiveUnpacks) {
+  const std::string archive = In("stub.zip");
+  WriteFileBytes(archive, std::string("MZ self-extracting stub") + std::string(1001, '\0') +
+                              BuildZip({{"a.txt", "first"}, {"b/c.txt", "second"}}));
+  EXPECT_EQ(1, UnzipAllItems(In("out\\"), archive));
+  EXPECT_EQ("first", testing::ReadFileBytes(In("out\\a.txt")));
+  EXPECT_EQ("second", testing::ReadFileBytes(In("out\\b\\c.txt")));
+  EXPECT_EQ((Lines{"[WARNING] " + archive + ": 1024 bytes of data precede the zip archive"}),
+            tagged());
+}
+
 TEST_F(PackageTest, UnlistableArchiveIsLoggedReturnsOneAndIsClosed) {
   const std::string archive = In("bad.zip");
   WriteFileBytes(archive, "not a zip file at all");

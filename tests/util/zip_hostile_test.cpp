@@ -99,6 +99,7 @@ TEST_F(ZipHostileTest, APackageCannotReplaceAFileBesideItsTargetFolder) {
 // would best-fit to "../"; such names are shown with stand-ins and refused.
 TEST_F(ZipHostileTest, Utf8NamesConvertExactlyOrAreRefused) {
   ASSERT_EQ(1252u, ::GetACP()) << "the test prefix runs in the Western code page";
+  ASSERT_EQ(437u, ::GetOEMCP()) << "and in the US OEM code page";
   const std::string fullwidth = "a\xEF\xBC\x8F\xEF\xBC\x8E\xEF\xBC\x8E\xEF\xBC\x8F"
                                 "\xEF\xBC\x8E\xEF\xBC\x8E\xEF\xBC\x8Fx";  // a／．．／．．／x
   const std::vector<ZipItem> items = {
@@ -107,7 +108,8 @@ TEST_F(ZipHostileTest, Utf8NamesConvertExactlyOrAreRefused) {
       {"\xE6\x97\xA5\xE6\x9C\xAC.txt", "no ANSI form", false, false, kUtf8},    // 日本
       {"bad\xC3(.txt", "not UTF-8", false, false, kUtf8},
       {"\xC0\xAE\xC0\xAE/z.txt", "overlong dots", false, false, kUtf8},
-      {"\xE9t\xE9.txt", "ANSI bytes, no flag", false, false, 0},
+      {"\x82t\x82.txt", "OEM bytes, no flag", false, false, 0},           // été in IBM 437
+      {"\xE9t\xE9.txt", "no flag: \xE9 is OEM theta", false, false, 0},  // Θ: no ANSI form
   };
   ASSERT_NE(nullptr, Open(BuildZip(items)));
   int count = 0;
@@ -116,7 +118,10 @@ TEST_F(ZipHostileTest, Utf8NamesConvertExactlyOrAreRefused) {
   EXPECT_EQ("C\xF4te d\x92Ivoire.txt", Name(1));
   EXPECT_EQ("??.txt", Name(2));
   EXPECT_EQ("bad?(.txt", Name(3));
-  const ZipResult expected[] = {kZipNoFile, kZipOk, kZipNoFile, kZipNoFile, kZipNoFile, kZipOk};
+  EXPECT_EQ("\xE9t\xE9.txt", Name(5));
+  EXPECT_EQ("?t?.txt", Name(6));
+  const ZipResult expected[] = {kZipNoFile, kZipOk,     kZipNoFile, kZipNoFile,
+                                kZipNoFile, kZipOk,     kZipNoFile};
   for (int i = 0; i < count; ++i) EXPECT_EQ(expected[i], Unpack(i)) << i;
   // The tree lists names in UTF-8.
   EXPECT_EQ((Lines{"a.zip", "out/", "out/C\xC3\xB4te d\xE2\x80\x99Ivoire.txt",
