@@ -10,6 +10,18 @@ namespace dorvane {
 
 namespace {
 
+// Below this many packed bytes a package is unpacked on one thread.
+constexpr long long kParallelFrom = 4 << 20;
+
+long long PackedBytes(ZipHandle zip, int count) {
+  long long total = 0;
+  for (int i = 0; i < count && total < kParallelFrom; ++i) {
+    ZipEntry item;
+    if (GetZipItem(zip, i, &item) == kZipOk) total += item.compressed_size;
+  }
+  return total;
+}
+
 PathBuffer Joined(const std::string& first, const std::string& second) {
   PathBuffer path(first);
   path.Append(second);
@@ -47,8 +59,10 @@ int UnzipAllItems(const std::string& target_folder, const std::string& archive) 
     return 1;
   }
   // Results of single items are not checked. The entries are unpacked on one
-  // thread per processor where their order cannot matter.
-  UnzipEntries(zip, target_folder, DefaultUnzipThreads());
+  // thread per processor where their order cannot matter; a small package is
+  // not worth a thread's buffers.
+  UnzipEntries(zip, target_folder, PackedBytes(zip, all.index) < kParallelFrom ? 1
+                                                                               : DefaultUnzipThreads());
   CloseZip(zip);
   return 1;
 }
