@@ -142,10 +142,19 @@ class ZipArchive {
   }
   ZipResult Extract(int index, const char* path) { return Extract(index, path, unpacker_); }
   // With an unpacker of the calling thread's own: the archive's reads take
-  // their offsets with them, so threads can share the file.
-  ZipResult Extract(int index, const char* path, zip::Unpacker& unpacker);
+  // their offsets with them, so threads can share the file. Nothing thrown
+  // gets out (a worker thread would end the process).
+  ZipResult Extract(int index, const char* path, zip::Unpacker& unpacker) {
+    try {
+      return ExtractEntry(index, path, unpacker);
+    } catch (const std::bad_alloc&) {
+      return kZipNoMemory;
+    }
+  }
 
  private:
+  ZipResult ExtractEntry(int index, const char* path, zip::Unpacker& unpacker);
+
   FileSource source_;
   std::string path_;
   bool directory_read_ = false;
@@ -155,7 +164,7 @@ class ZipArchive {
   zip::Unpacker unpacker_;
 };
 
-ZipResult ZipArchive::Extract(int index, const char* path, zip::Unpacker& unpacker) {
+ZipResult ZipArchive::ExtractEntry(int index, const char* path, zip::Unpacker& unpacker) {
   zip::EntryInfo entry;
   ZipResult result = Entry(index, &entry);
   if (result != kZipOk) return result;
@@ -298,7 +307,9 @@ uint64_t Fnv1a(const std::string& text) {
 // budget, the answer is no.
 }  // namespace
 
-bool ZipEntriesAreIndependent(ZipHandle zip, const std::string& target_folder) {
+namespace {
+
+bool EntriesAreIndependent(ZipHandle zip, const std::string& target_folder) {
   constexpr size_t kFolderBudget = 1u << 20;
   ZipEntry all;
   if (GetZipItem(zip, -1, &all) != kZipOk) return false;
@@ -344,18 +355,23 @@ bool ZipEntriesAreIndependent(ZipHandle zip, const std::string& target_folder) {
   return true;
 }
 
+}  // namespace
+
+bool ZipEntriesAreIndependent(ZipHandle zip, const std::string& target_folder) {
+  try {
+    return EntriesAreIndependent(zip, target_folder);
+  } catch (const std::bad_alloc&) {
+    return false;  // the plan does not fit: one by one
+  }
+}
+
 ZipResult UnzipEntries(ZipHandle zip, const std::string& target_folder, unsigned threads) {
   ZipEntry all;
   ZipResult result = GetZipItem(zip, -1, &all);
   if (result != kZipOk) return result;
   const int count = all.index;
-  bool parallel = false;
-  try {
-    parallel = threads > 1 && count > 1 && count <= kMaxParallelEntries &&
-               ZipEntriesAreIndependent(zip, target_folder);
-  } catch (const std::bad_alloc&) {
-    parallel = false;
-  }
+  const bool parallel = threads > 1 && count > 1 && count <= kMaxParallelEntries &&
+                        ZipEntriesAreIndependent(zip, target_folder);
   if (!parallel) {
     for (int i = 0; i < count; ++i) {
       ZipEntry item;
