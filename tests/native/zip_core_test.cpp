@@ -108,25 +108,6 @@ class ClaimingSource : public zip::Source {
   std::string tail_;
 };
 
-std::string Zip64Tail(uint64_t record_at, uint64_t count, uint64_t dir_size, uint64_t dir_at) {
-  std::string t(98, '\0');
-  auto put64 = [&t](size_t pos, uint64_t v) {
-    PutLe32(t, pos, static_cast<uint32_t>(v));
-    PutLe32(t, pos + 4, static_cast<uint32_t>(v >> 32));
-  };
-  PutLe32(t, 0, 0x06064b50);
-  put64(24, count);
-  put64(32, count);
-  put64(40, dir_size);
-  put64(48, dir_at);
-  PutLe32(t, 56, 0x07064b50);
-  put64(64, record_at);
-  PutLe32(t, 76, 0x06054b50);
-  PutLe32(t, 86, 0xFFFFFFFF);
-  PutLe32(t, 90, 0xFFFFFFFF);
-  return t;
-}
-
 TEST(ZipCore, CountsBeyondTheLimitOrTheBytesAreRefusedBeforeReadingTheDirectory) {
   const uint64_t dir = 1ull << 40;  // a terabyte of directory, claimed only
   struct Case {
@@ -135,7 +116,7 @@ TEST(ZipCore, CountsBeyondTheLimitOrTheBytesAreRefusedBeforeReadingTheDirectory)
   };
   for (const Case& c : {Case{dir / 46 + 1, kZipCorrupt}, Case{zip::kMaxEntries + 1, kZipNoMemory},
                         Case{~0ull, kZipCorrupt}}) {
-    ClaimingSource source(dir + 98, Zip64Tail(dir, c.count, dir, 0));
+    ClaimingSource source(dir + 98, testing::Zip64EndRecords(dir, c.count, dir, 0));
     zip::Directory directory;
     EXPECT_EQ(c.expected, directory.Read(source, zip::kNativeNames)) << c.count;
     EXPECT_EQ(0u, directory.count());
@@ -214,17 +195,6 @@ TEST(ZipCore, UnusableNamesAreMarkedAndShownWithStandIns) {
   EXPECT_TRUE(entry.usable);
   EXPECT_EQ(kZipBadArguments, directory.Entry(3, &entry));
 }
-
-}  // namespace
-}  // namespace dorvane
-
-namespace dorvane {
-namespace {
-
-using testing::BuildZip;
-using testing::PutLe32;
-using testing::ZipItem;
-using testing::ZipLayout;
 
 // The Unicode Path extra field for `raw`, naming it `utf8`.
 std::string UnicodePathField(const std::string& raw, const std::string& utf8, uint32_t crc_delta = 0) {

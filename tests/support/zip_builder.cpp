@@ -49,9 +49,10 @@ std::string Zip64Extra(const Written& w, bool with_offset) {
   return extra;
 }
 
-void AddEnd(std::string& out, size_t count, size_t cd_offset, size_t cd_size, bool zip64) {
+// The end records; a Zip64 end record is taken to start at `record`.
+void AddEnd(std::string& out, uint64_t count, uint64_t cd_offset, uint64_t cd_size, bool zip64,
+            uint64_t record) {
   if (zip64) {
-    const size_t record = out.size();
     Add32(out, 0x06064b50);
     Add64(out, 44);
     Add16(out, 45);
@@ -107,6 +108,12 @@ void PutLe32(std::string& bytes, size_t at, uint32_t value) {
   PutLe16(bytes, at + 2, static_cast<uint16_t>(value >> 16));
 }
 
+std::string Zip64EndRecords(uint64_t at, uint64_t count, uint64_t dir_size, uint64_t dir_offset) {
+  std::string out;
+  AddEnd(out, count, dir_offset, dir_size, true, at);
+  return out;
+}
+
 std::string BuildZip(const std::vector<ZipItem>& items, bool zip64_end, ZipLayout* layout) {
   ZipLayout local_layout;
   ZipLayout& at = layout ? *layout : local_layout;
@@ -143,7 +150,7 @@ std::string BuildZip(const std::vector<ZipItem>& items, bool zip64_end, ZipLayou
   }
   const size_t cd_size = out.size() - cd_offset;
   at.end = out.size() + (zip64_end ? 76 : 0);
-  AddEnd(out, items.size(), cd_offset, cd_size, zip64_end);
+  AddEnd(out, items.size(), cd_offset, cd_size, zip64_end, out.size());
   return out;
 }
 

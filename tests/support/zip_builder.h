@@ -40,6 +40,11 @@ inline constexpr size_t kEndOffsetField = 16;
 std::string BuildZip(const std::vector<ZipItem>& items, bool zip64_end = false,
                      ZipLayout* layout = nullptr);
 
+// The end records alone for an archive whose Zip64 end record starts at `at`:
+// the Zip64 record claiming `count` entries in a directory of `dir_size` bytes
+// at `dir_offset`, its locator, and the classic record holding all ones.
+std::string Zip64EndRecords(uint64_t at, uint64_t count, uint64_t dir_size, uint64_t dir_offset);
+
 void PutLe16(std::string& bytes, size_t at, uint16_t value);
 void PutLe32(std::string& bytes, size_t at, uint32_t value);
 

@@ -130,39 +130,12 @@ TEST_F(ZipHostileTest, Utf8NamesConvertExactlyOrAreRefused) {
   EXPECT_EQ("exact", Out("C\xF4te d\x92Ivoire.txt"));
 }
 
-// The archive's tail: a Zip64 end record claiming `count` entries in a
-// directory of `size` bytes at `offset`, its locator and the classic record.
-std::string Zip64Tail(uint64_t at, uint64_t count, uint64_t size, uint64_t offset) {
-  std::string tail(56 + 20 + 22, '\0');
-  auto put64 = [&tail](size_t pos, uint64_t v) {
-    PutLe32(tail, pos, static_cast<uint32_t>(v));
-    PutLe32(tail, pos + 4, static_cast<uint32_t>(v >> 32));
-  };
-  PutLe32(tail, 0, 0x06064b50);
-  put64(4, 44);
-  PutLe16(tail, 12, 45);
-  PutLe16(tail, 14, 45);
-  put64(24, count);
-  put64(32, count);
-  put64(40, size);
-  put64(48, offset);
-  PutLe32(tail, 56, 0x07064b50);
-  put64(64, at);
-  PutLe32(tail, 72, 1);
-  PutLe32(tail, 76, 0x06054b50);
-  PutLe16(tail, 84, 0xFFFF);
-  PutLe16(tail, 86, 0xFFFF);
-  PutLe32(tail, 88, 0xFFFFFFFF);
-  PutLe32(tail, 92, 0xFFFFFFFF);
-  return tail;
-}
-
 // A sparse archive: `size` bytes of zeros as its directory, then the tail.
 void WriteSparseArchive(const std::string& path, uint64_t count, uint64_t size) {
   testing::MakeFileOfSize(path, static_cast<long long>(size));
   HANDLE file = ::CreateFileA(path.c_str(), FILE_APPEND_DATA, 0, nullptr, OPEN_EXISTING, 0, nullptr);
   ASSERT_NE(INVALID_HANDLE_VALUE, file);
-  const std::string tail = Zip64Tail(size, count, size, 0);
+  const std::string tail = testing::Zip64EndRecords(size, count, size, 0);
   DWORD written = 0;
   EXPECT_TRUE(::WriteFile(file, tail.data(), static_cast<DWORD>(tail.size()), &written, nullptr));
   ::CloseHandle(file);
