@@ -38,9 +38,11 @@ struct Range {
     return prefix > 0 ? "after the shared prefix " + Quote(Prefix())
                       : "(min and max share no prefix, so whole ICCIDs are read as numbers)";
   }
-  // "every ICCID that begins with "…"", or every ICCID at all.
-  std::string Every() const {
-    return prefix > 0 ? "every ICCID that begins with " + Quote(Prefix()) : "every ICCID";
+  // The ICCIDs whose tails saturate.
+  std::string LongTails() const {
+    return prefix > 0 ? "every ICCID that begins with " + Quote(Prefix()) +
+                            " and has nine digits or more after it (leading zeros aside)"
+                      : "every ICCID of nine digits or more (leading zeros aside)";
   }
 };
 
@@ -120,8 +122,7 @@ bool CheckBounds(Report& report, const Range& r) {
                                   r.After() + " " + (r.low == kSaturated ? "are" : "is") +
                                   " too large for a 32-bit number and read" +
                                   (r.low == kSaturated ? "" : "s") + " 0x7FFFFFFF, so " + kCommand +
-                                  " takes " + r.Every() +
-                                  " and has a tail of nine digits or more, whatever its digits");
+                                  " takes " + r.LongTails() + ", whatever its digits");
   } else if (r.prefix + kSaturatingDigits <= kShortestIccid) {
     report.Error(r.element, r.What() + ": an ICCID of 19 or 20 digits has a tail of " +
                                 std::to_string(kShortestIccid - r.prefix) + " digits or more " +
@@ -134,16 +135,23 @@ bool CheckBounds(Report& report, const Range& r) {
 
 std::string LineOf(const Range& r) { return std::to_string(r.element->GetLineNum()); }
 
-// Whether the earlier ranges `spans` (same prefix as `r`) take every tail value
-// that `r` admits.
-bool Covered(std::vector<const Range*> spans, const Range& r) {
+// The fewest of the earlier ranges `spans` (same prefix as `r`) that take every
+// tail value `r` admits, or none when they leave a gap.
+std::vector<const Range*> Cover(std::vector<const Range*> spans, const Range& r) {
   std::sort(spans.begin(), spans.end(), [](const Range* a, const Range* b) { return a->low < b->low; });
+  std::vector<const Range*> cover;
   long long next = r.low;  // the lowest value not taken yet
-  for (const Range* s : spans) {
-    if (s->low > next) break;
-    next = std::max(next, static_cast<long long>(s->high) + 1);
+  size_t i = 0;
+  while (next <= r.high) {
+    const Range* best = nullptr;
+    for (; i < spans.size() && spans[i]->low <= next; ++i) {
+      if (best == nullptr || spans[i]->high > best->high) best = spans[i];
+    }
+    if (best == nullptr || best->high < next) return {};
+    cover.push_back(best);
+    next = static_cast<long long>(best->high) + 1;
   }
-  return next > r.high;
+  return cover;
 }
 
 // An ICCID that both ranges match, or the empty text. Ranges whose prefixes
@@ -170,9 +178,12 @@ void CheckShadow(Report& report, const Range& r, const std::vector<Range>& earli
       same.push_back(&e);
     }
   }
-  if (!same.empty() && Covered(same, r)) {
+  std::vector<const Range*> cover = Cover(same, r);
+  if (!cover.empty()) {
+    std::sort(cover.begin(), cover.end(),
+              [](const Range* a, const Range* b) { return a->element->GetLineNum() < b->element->GetLineNum(); });
     std::vector<std::string> lines;
-    for (const Range* e : same) lines.push_back(LineOf(*e));
+    for (const Range* e : cover) lines.push_back(LineOf(*e));
     report.Error(r.element, r.What() + " is shadowed by the earlier range" + (lines.size() > 1 ? "s" : "") +
                                 " at line" + (lines.size() > 1 ? "s " : " ") + JoinWords(lines) +
                                 ": every ICCID it matches is matched there first, so " + kCommand +
