@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <map>
 
 #include "config/carrier_rules.h"
 #include "tools/dorvanectl/lint_checks.h"
@@ -28,6 +29,7 @@ struct Range {
   size_t prefix;   // the shared prefix's length
   long low, high;  // what min's and max's tails read
   std::vector<std::string> samples;  // ICCIDs near the bounds, for overlaps
+  size_t index = 0;  // among the ranges that can match, in table order
 
   std::string Prefix() const { return min.substr(0, prefix); }
   std::string Tail(const std::string& bound) const { return bound.substr(prefix); }
@@ -47,7 +49,7 @@ struct Range {
 };
 
 Range MakeRange(XMLElement* e) {
-  Range r{e, e->Attribute("min"), e->Attribute("max"), 0, 0, 0, {}};
+  Range r{e, e->Attribute("min"), e->Attribute("max"), 0, 0, 0, {}, 0};
   r.prefix = iccid::SharedPrefix(r.min, r.max);
   r.low = iccid::Tail(r.min, r.prefix);
   r.high = iccid::Tail(r.max, r.prefix);
@@ -167,16 +169,56 @@ std::string Witness(const Range& a, const Range& b) {
   return "";
 }
 
-// A range that earlier ranges shadow (the first match wins): wholly, when
-// earlier ranges of the same prefix take all its tails; in part, when an ICCID
-// near the bounds matches an earlier range too.
-void CheckShadow(Report& report, const Range& r, const std::vector<Range>& earlier) {
-  std::vector<const Range*> same;
-  for (const Range& e : earlier) {
-    if (e.prefix == r.prefix && e.min.compare(0, e.prefix, r.min, 0, r.prefix) == 0 &&
-        e.low <= r.high && r.low <= e.high) {
-      same.push_back(&e);
+// The ranges met so far that can match, by their shared prefix: only ranges
+// whose prefixes are equal, or one of which extends the other, can share an
+// ICCID, so a long table is not compared range by range.
+class Earlier {
+ public:
+  void Add(Range r) {
+    r.index = ranges_.size();
+    by_prefix_[r.Prefix()].push_back(r.index);
+    ranges_.push_back(std::move(r));
+  }
+  // The ranges with the prefix of `r`, in table order.
+  std::vector<const Range*> Same(const Range& r) const {
+    auto group = by_prefix_.find(r.Prefix());
+    return group == by_prefix_.end() ? std::vector<const Range*>() : Pointers(group->second);
+  }
+  // The ranges whose prefix extends that of `r` or is extended by it, in table order.
+  std::vector<const Range*> Related(const Range& r) const {
+    const std::string prefix = r.Prefix();
+    std::vector<size_t> indexes;
+    for (size_t length = 0; length < prefix.size(); ++length) {
+      auto group = by_prefix_.find(prefix.substr(0, length));
+      if (group != by_prefix_.end()) indexes.insert(indexes.end(), group->second.begin(), group->second.end());
     }
+    for (auto group = by_prefix_.upper_bound(prefix);
+         group != by_prefix_.end() && group->first.compare(0, prefix.size(), prefix) == 0; ++group) {
+      indexes.insert(indexes.end(), group->second.begin(), group->second.end());
+    }
+    std::sort(indexes.begin(), indexes.end());
+    return Pointers(indexes);
+  }
+
+ private:
+  std::vector<const Range*> Pointers(const std::vector<size_t>& indexes) const {
+    std::vector<const Range*> pointers;
+    for (size_t i : indexes) pointers.push_back(&ranges_[i]);
+    return pointers;
+  }
+
+  std::vector<Range> ranges_;
+  std::map<std::string, std::vector<size_t>> by_prefix_;
+};
+
+// A range that earlier ranges shadow (the first match wins): wholly, when
+// earlier ranges of the same prefix take all its tails; in part, when they
+// share an ICCID with it (found exactly for the same prefix, among ICCIDs near
+// the bounds for related prefixes).
+void CheckShadow(Report& report, const Range& r, const Earlier& earlier) {
+  std::vector<const Range*> same;
+  for (const Range* e : earlier.Same(r)) {
+    if (e->low <= r.high && r.low <= e->high) same.push_back(e);
   }
   std::vector<const Range*> cover = Cover(same, r);
   if (!cover.empty()) {
@@ -190,21 +232,29 @@ void CheckShadow(Report& report, const Range& r, const std::vector<Range>& earli
                                 " never returns it");
     return;
   }
-  for (const Range& e : earlier) {
-    const std::string witness = Witness(e, r);
-    if (witness.empty()) continue;
-    report.Warning(r.element, r.What() + " overlaps the earlier range at line " + LineOf(e) +
-                                  ": an ICCID such as " + Quote(witness) + " matches both, and " +
-                                  kCommand + " gives it line " + LineOf(e) + "'s carrier id");
-    return;
+  // The first earlier range that shares an ICCID with this one. With the same
+  // prefix, the lower end of the shared tails is one of the two mins.
+  const Range* first = same.empty() ? nullptr : same.front();
+  std::string witness = first == nullptr ? "" : r.low >= first->low ? r.min : first->min;
+  for (const Range* e : earlier.Related(r)) {
+    if (first != nullptr && e->index > first->index) break;
+    if (std::string w = Witness(*e, r); !w.empty()) {
+      first = e;
+      witness = w;
+      break;
+    }
   }
+  if (first == nullptr) return;
+  report.Warning(r.element, r.What() + " overlaps the earlier range at line " + LineOf(*first) +
+                                ": an ICCID such as " + Quote(witness) + " matches both, and " + kCommand +
+                                " gives it line " + LineOf(*first) + "'s carrier id");
 }
 
 }  // namespace
 
 void CheckRanges(Report& report, XMLElement* table) {
   const ListRule rule{"Range", nullptr, kCommand};
-  std::vector<Range> earlier;
+  Earlier earlier;
   for (XMLElement* e : CheckList(report, table, rule)) {
     const bool has_min = e->Attribute("min") != nullptr;
     const bool has_max = e->Attribute("max") != nullptr;
@@ -219,7 +269,7 @@ void CheckRanges(Report& report, XMLElement* table) {
     CheckAnswer(report, e, r.What(), kCommand);
     if (!CheckDigits(report, r) || !CheckBounds(report, r)) continue;
     CheckShadow(report, r, earlier);
-    earlier.push_back(std::move(r));
+    earlier.Add(std::move(r));
   }
 }
 
