@@ -152,7 +152,9 @@ class SimulatorTest : public testing::SimFixture {
     ASSERT_EQ(S_OK, context_->GetDeviceService(service_id.get(), service_.put()));
   }
   void TearDown() override {
-    if (point_) EXPECT_EQ(S_OK, point_->Unadvise(cookie_));
+    if (point_) {
+      EXPECT_EQ(S_OK, point_->Unadvise(cookie_));
+    }
     service_.reset();
     context_.reset();
     point_.reset();
@@ -291,7 +293,9 @@ TEST_F(SimulatorTest, DeliveryThreadsOverlapAsInAMultithreadedApartment) {
     sink_.hold_ = false;
     ASSERT_EQ(2u, calls.size());
     EXPECT_EQ(threads > 1, sink_.overlapped_.load());
-    if (threads > 1) EXPECT_NE(calls[0].thread, calls[1].thread);
+    if (threads > 1) {
+      EXPECT_NE(calls[0].thread, calls[1].thread);
+    }
   }
 }
 
