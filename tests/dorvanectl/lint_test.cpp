@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <random>
 #include <set>
 
 #include "config/carrier_rules.h"
@@ -258,6 +259,38 @@ TEST(LintFiles, AFindingIsOneLineWhateverTheTableHolds) {
   for (const Finding& each : findings) EXPECT_EQ(std::string::npos, each.message.find_first_of("\r\n\x01"));
   EXPECT_FINDING(findings, 3, kError, "Region mcc=\"46\\n0\" repeats the mcc of line 1");
   EXPECT_FINDING(findings, 5, kError, "Region mcc=\"\\\"\\\\\\x01\" repeats the mcc of line 5");
+}
+
+// Tables cut, doubled and sprinkled with stray bytes, checked as every kind:
+// the checker always comes back with findings of the one-line form, whatever
+// it is given.
+TEST(LintFiles, MangledTablesOfEveryKindAreCheckedWithoutFault) {
+  std::mt19937 random(7);
+  const char pieces[][12] = {"<", ">", "/>", "\"", "='", "&amp;", "&#0;", " ", "\n", "\x80\xFF", "default", ",", ";"};
+  int checked = 0;
+  for (const auto& [kind, clean] : CleanTables()) {
+    for (int round = 0; round < 150; ++round) {
+      std::string xml = clean;
+      for (int edits = 1 + static_cast<int>(random() % 4); edits > 0; --edits) {
+        const size_t at = random() % (xml.size() + 1);
+        switch (random() % 4) {
+          case 0: xml.erase(at, random() % 12); break;
+          case 1: xml.insert(at, pieces[random() % (sizeof pieces / sizeof pieces[0])]); break;
+          case 2: xml.insert(at, xml.substr(random() % (xml.size() + 1), random() % 80)); break;
+          default: if (at < xml.size()) xml[at] = static_cast<char>(random() % 256); break;
+        }
+      }
+      for (std::optional<Kind> as : {std::optional<Kind>(), std::optional<Kind>(kind)}) {
+        const FileResult result = LintText(xml, as, "m.xml");
+        for (const Finding& f : result.findings) {
+          ASSERT_GE(f.line, 1) << xml;
+          ASSERT_EQ(std::string::npos, f.message.find_first_of("\r\n")) << xml;
+        }
+        ++checked;
+      }
+    }
+  }
+  EXPECT_EQ(static_cast<int>(CleanTables().size()) * 300, checked);
 }
 
 // The walk of a list, shown on the MCC-MNC table: every rule holds for every
