@@ -1,10 +1,8 @@
 #include "tools/dorvanectl/lint.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <initializer_list>
-#include <unordered_map>
 
 #include "config/table_reader.h"
 #include "tools/dorvanectl/lint_checks.h"

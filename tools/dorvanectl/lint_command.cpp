@@ -1,5 +1,6 @@
 // dorvanectl lint: the table checker on the command line (the checks are in
 // lint.h).
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <memory>
