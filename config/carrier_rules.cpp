@@ -29,6 +29,10 @@ XMLElement* SelectionRule(table::Document& doc) {
   return table::Child(table::Child(doc.Root(), "SwitchingRule"), "SelectionRule");
 }
 
+}  // namespace
+
+namespace iccid {
+
 // Length of the prefix that min and max share, by the rules deployed tables are
 // written for: the whole length when they are equal; the first differing index
 // otherwise (the end of max counts as different); 0 when min is empty or a
@@ -45,6 +49,7 @@ size_t SharedPrefix(const std::string& min, const std::string& max) {
 // saturate at 2147483647.
 static_assert(sizeof(long) == 4, "the range rule relies on 32-bit saturation");
 long Tail(const std::string& text, size_t from) {
+  if (from > text.size()) return 0;
   return std::strtol(text.c_str() + from, nullptr, 16);
 }
 
@@ -59,7 +64,7 @@ bool RangeMatches(const std::string& iccid, const std::string& min, const std::s
   return Tail(min, p) <= value && value <= Tail(max, p);
 }
 
-}  // namespace
+}  // namespace iccid
 
 bool GetCarrierIdByMccmnc(std::string mccmnc, std::string path, std::string& carrier_id) {
   Logger* log = Logger::GetInstance();
@@ -100,7 +105,7 @@ bool GetCarrierIdByIccid(std::string iccid, std::string path, std::string& carri
   XMLElement* table = table::Child(SelectionRule(doc), "ICCIDTable");
   for (XMLElement* range = table::FirstEntry(table, "Range"); range; range = table::NextEntry(range)) {
     if (range->Attribute("min") == nullptr || range->Attribute("max") == nullptr) continue;
-    if (RangeMatches(iccid, table::Attr(range, "min"), table::Attr(range, "max"))) {
+    if (iccid::RangeMatches(iccid, table::Attr(range, "min"), table::Attr(range, "max"))) {
       carrier_id = table::Text(range);
       return true;
     }

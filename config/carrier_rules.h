@@ -33,4 +33,20 @@ bool GetCarrierIdByIccid(std::string iccid, std::string path, std::string& carri
 // callers rely on nothing more than the file being read.
 bool GetSelectionRuleByMcc(std::string mcc, std::string path);
 
+// The ICCID range rule of GetCarrierIdByIccid, for tools that reason about a
+// table's ranges.
+namespace iccid {
+// The length of the prefix that min and max share: their whole length when they
+// are equal, else the first index where they differ (the end of max counts as a
+// difference), and 0 when min is empty or a proper prefix of max.
+size_t SharedPrefix(const std::string& min, const std::string& max);
+// The text from `from` on, read as strtol reads it in base 16 into a 32-bit
+// long: long tails saturate at 2147483647 (-2147483648 with a minus sign). A
+// start beyond the end reads as the empty text, 0.
+long Tail(const std::string& text, size_t from);
+// True when `iccid` begins with the shared prefix of min and max and its tail
+// reads between theirs, both included.
+bool RangeMatches(const std::string& iccid, const std::string& min, const std::string& max);
+}  // namespace iccid
+
 }  // namespace dorvane

@@ -10,17 +10,24 @@ namespace dorvane {
 
 using tinyxml2::XMLElement;
 
+bool SplitRegistryPath(const std::string& registry_path, std::string& key_path,
+                       std::string& value_name) {
+  const size_t comma = registry_path.find(',');
+  if (comma == std::string::npos || comma == 0) return false;
+  key_path = registry_path.substr(0, comma);
+  value_name = registry_path.substr(comma + 1);
+  return true;
+}
+
 namespace {
 
 // The value that a RegistryPath ("key path,value name") names; false when the
 // path has no usable comma or the value cannot be read.
 bool ReadProductValue(const XMLElement* entry, std::string& value) {
-  const std::string registry_path = table::Attr(entry, "RegistryPath");
-  const size_t comma = registry_path.find(',');
-  if (comma == std::string::npos || comma == 0) return false;
+  std::string key_path, value_name;
+  if (!SplitRegistryPath(table::Attr(entry, "RegistryPath"), key_path, value_name)) return false;
   DWORD type = REG_SZ;
-  return GetRegKeyValue(registry_path.substr(0, comma), registry_path.substr(comma + 1), value,
-                        type) == 0;
+  return GetRegKeyValue(key_path, value_name, value, type) == 0;
 }
 
 // The WwanDeviceConfigID of the first row whose ProductID equals `product`
@@ -112,9 +119,7 @@ bool getWwanDeviceConfigID(std::string path, std::string& config_id) {
   return false;
 }
 
-namespace {
-
-// Leading decimal digits; none give 0. Saturates rather than wraps.
+// Saturates rather than wraps.
 DWORD LeadingDecimal(const std::string& text) {
   unsigned long long value = 0;
   for (char c : text) {
@@ -124,6 +129,8 @@ DWORD LeadingDecimal(const std::string& text) {
   }
   return static_cast<DWORD>(value);
 }
+
+namespace {
 
 // The DEVFirmware of the first Standard with the MCC under a configuration with
 // the id; a configuration without one does not end the search.

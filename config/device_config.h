@@ -39,6 +39,14 @@ struct CfgPackageInfo {
   DWORD count = 0;
 };
 
+// A RegistryPath split at its first comma into the key path and the value name;
+// false (outputs untouched) when there is no comma or the path begins with it.
+bool SplitRegistryPath(const std::string& registry_path, std::string& key_path,
+                       std::string& value_name);
+// A Count as getCfgPkInfo reads it: the leading decimal digits (none give 0),
+// saturated at 0xFFFFFFFF.
+DWORD LeadingDecimal(const std::string& text);
+
 // Reads the product-name values that the table's registry paths name (32-bit
 // view) and maps them, one by one (Single) or joined with "_" (Combine), to a
 // configuration id through the ProductID rows (compared without regard to

@@ -5,6 +5,7 @@ on small tables and Wine's real registry, in JSON, with their exit statuses.
 """
 import json
 import os
+import re
 import sys
 import unittest
 
@@ -197,6 +198,97 @@ class TableCommands(unittest.TestCase):
             self.assertIn("Usage:", result.stdout)
         text = self.run_ctl("carrier-id-by-mccmnc", "310260", t + "rules.xml")
         self.assertEqual("result: true\noutput: TMO\n", text.stdout)
+
+
+    # dorvanectl lint: the same tables, read as the lookups read them.
+
+    FINDING = re.compile(r"^(.+):(\d+): (error|warning): (.+)$")
+
+    def lint(self, *args):
+        return self.run_ctl("lint", *args)
+
+    def test_lint_is_silent_on_clean_tables(self):
+        t = r"C:\tables" + "\\"
+        files = [t + name for name in ("esim.xml", "region.xml", "package_info.xml", "FwPackageInfo.xml")]
+        result = self.lint(*files)
+        self.assertEqual((0, "", ""), (result.returncode, result.stdout, result.stderr))
+        result = self.lint(*files, "--json")
+        self.assertEqual(0, result.returncode, result.stderr)
+        objects = [json.loads(line) for line in result.stdout.splitlines()]
+        self.assertEqual([{"file": f, "kind": k, "findings": []} for f, k in
+                          zip(files, ["esim", "region", "package-info", "fw-package-info"])], objects)
+
+    def test_lint_reports_what_the_lookups_do_as_file_line_severity_message(self):
+        t = r"C:\tables" + "\\"
+        result = self.lint(t + "rules.xml", t + "skus.xml", t + "carriers.xml")
+        self.assertEqual(1, result.returncode, result.stderr)
+        lines = result.stdout.splitlines()
+        for line in lines:
+            match = self.FINDING.match(line)
+            self.assertIsNotNone(match, line)
+            self.assertIn(match.group(1), (t + "rules.xml", t + "skus.xml", t + "carriers.xml"))
+        self.assertIn(t + "rules.xml:2: error: Item mccmnc=\"310260\" repeats the mccmnc of line 2: the first "
+                      "match wins, so carrier-id-by-mccmnc never returns this entry", lines)
+        self.assertIn(t + "rules.xml:3: warning: the text \" US \" of Item mcc=\"310\" begins and ends with a "
+                      "blank: carrier-id-by-mcc answers it with its blanks", lines)
+        self.assertIn(t + "skus.xml:2: error: SKU_GUID ID=\"B\" is not the table's first SKU_GUID (line 1), the "
+                      "only one param-firmware-by-sku reads: it never returns for SKU \"B\", area \"EU\"", lines)
+        self.assertIn(t + "carriers.xml:4: warning: CustModel after the first Carrier (line 1) is walked as an "
+                      "entry by carrier-firmware, which finds it under id=\"X13\"", lines)
+        # What the findings say is what the lookups do.
+        self.assertEqual({"result": True, "output": "TMO"},
+                         self.json_of("carrier-id-by-mccmnc", "310260", t + "rules.xml"))
+        self.assertEqual({"result": True, "output": " US "}, self.json_of("carrier-id-by-mcc", "310", t + "rules.xml"))
+        timed_out = self.run_ctl("param-firmware-by-sku", "B", "EU", t + "skus.xml", "--timeout", "1")
+        self.assertEqual(4, timed_out.returncode)
+        self.assertIn("later SKU_GUID (line 2)", timed_out.stderr)
+        answer = self.json_of("carrier-firmware", "X13", t + "carriers.xml")
+        self.assertEqual(["X13"] + [""] * 23, answer["fields"], "the customer model, taken as a carrier")
+
+    def test_lint_json_gives_one_object_per_file_with_the_same_findings(self):
+        t = r"C:\tables" + "\\"
+        text = self.lint(t + "rules.xml", t + "broken.xml").stdout.splitlines()
+        for args in (["--json", "lint", t + "rules.xml", t + "broken.xml"],
+                     ["lint", t + "rules.xml", t + "broken.xml", "--json"]):
+            result = self.run_ctl(*args)
+            self.assertEqual(1, result.returncode, result.stderr)
+            objects = [json.loads(line) for line in result.stdout.splitlines()]
+            self.assertEqual([t + "rules.xml", t + "broken.xml"], [o["file"] for o in objects])
+            self.assertEqual(["carrier-rules", None], [o["kind"] for o in objects])
+            again = []
+            for o in objects:
+                self.assertEqual({"file", "kind", "findings"}, set(o))
+                for f in o["findings"]:
+                    self.assertEqual({"line", "severity", "message"}, set(f))
+                    again.append("%s:%d: %s: %s" % (o["file"], f["line"], f["severity"], f["message"]))
+            self.assertEqual(text, again)
+        broken = objects[1]["findings"]
+        self.assertEqual(1, len(broken), broken)
+        self.assertEqual("error", broken[0]["severity"])
+        self.assertTrue(broken[0]["message"].startswith("the table does not load (Error=XML_ERROR_"), broken)
+
+    def test_lint_exit_status_2_for_unreadable_files_unknown_kinds_and_usage(self):
+        t = r"C:\tables" + "\\"
+        with open(self.box.unix_path(t + "unknown.xml"), "w") as f:
+            f.write("<Inventory><Thing/></Inventory>")
+        result = self.lint(t + "missing.xml", t + "region.xml")
+        self.assertEqual((2, ""), (result.returncode, result.stdout))
+        self.assertEqual("dorvanectl: lint: %smissing.xml: cannot read it (XML_ERROR_FILE_NOT_FOUND)" % t,
+                         result.stderr.strip())
+        result = self.lint(t + "unknown.xml", "--json")
+        self.assertEqual(2, result.returncode)
+        self.assertIn("cannot tell what table this is; name its kind with --kind (carrier-rules, "
+                      "selection-rules, carrier-firmware, customer-model, package-info, fw-package-info, sku, "
+                      "device-config, image-mapping, esim, region, scatter)", result.stderr)
+        self.assertEqual(None, json.loads(result.stdout)["kind"])
+        result = self.lint(t + "unknown.xml", "--kind", "region")
+        self.assertEqual(1, result.returncode)
+        self.assertEqual(t + "unknown.xml:1: error: Inventory (the root) has no SelectionRule: regulatory-by-mcc "
+                         "fails (0) and logs \"SelectionRule xml item error.\"\n", result.stdout)
+        for args in ([], [t + "region.xml", "--kind", "regions"], [t + "region.xml", "--kind"]):
+            with self.subTest(args=args):
+                result = self.lint(*args)
+                self.assertEqual((2, ""), (result.returncode, result.stdout))
 
 
 DEVICE_TABLE = r"""<T><WwanDeviceConfigureIDTable>

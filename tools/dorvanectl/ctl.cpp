@@ -174,6 +174,7 @@ int Run(int argc, char** argv) {
   AddTableCommands(app, common);
   AddRegistryCommands(app, common);
   AddFileCommands(app, common);
+  AddLintCommand(app, common);
 
   // The logger needs a usable file before the first line: a write that finds
   // none leaves it locked for good.

@@ -52,5 +52,6 @@ void AddAtCommands(CLI::App& app, Common& common);
 void AddTableCommands(CLI::App& app, Common& common);
 void AddRegistryCommands(CLI::App& app, Common& common);
 void AddFileCommands(CLI::App& app, Common& common);
+void AddLintCommand(CLI::App& app, Common& common);
 
 }  // namespace dorvane::ctl

@@ -1,0 +1,87 @@
+// The table checker behind `dorvanectl lint`: reads a configuration table the
+// way the lookups read it (see config/table_reader.h) and reports what would
+// surprise the people who maintain it: entries that are never found, lookups
+// that fail, hang or never match, and quirks of the reading rules that the
+// table runs into.
+//
+// Everything here works on a document in memory and returns findings; nothing
+// prints, logs or throws. A finding is an error when it makes a lookup fail,
+// hang or never match, and a warning when it is merely surprising.
+//
+//   lint::FileResult r = lint::LintFile("C:\\tables\\rules.xml", std::nullopt);
+//   for (const lint::Finding& f : r.findings) puts(lint::FormatLine(r.file, f).c_str());
+#pragma once
+
+#include <tinyxml2.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace dorvane::lint {
+
+// One kind per table type that the readers know.
+enum class Kind {
+  kCarrierRules,    // SwitchingRule: carrier ids by MCC-MNC, MCC, ICCID; Registered
+  kSelectionRules,  // the root's SelectionRule of Item entries
+  kCarrierFirmware, // CarrierList of Carrier with APFirmware, MDFirmware, OPFirmware
+  kCustomerModel,   // CarrierList of CustModel with OEMFirmware
+  kPackageInfo,     // "package_info.xml": CarrierList of Carrier with Firmware, CustPack
+  kFwPackageInfo,   // "FwPackageInfo.xml": PackageVer, PackageType, CarrierList
+  kSku,             // SKU_GUID entries with Area entries
+  kDeviceConfig,    // WwanDeviceConfigureIDTable
+  kImageMapping,    // WwanDeviceConfigureIDToImageMappingTable
+  kEsim,            // TableEnableFlag, SKU_BlackList, IMSI_BlackList
+  kRegion,          // the root's SelectionRule of Region entries
+  kScatter,         // "scatter.xml": general, storage_type
+};
+
+// Every kind, in the order above.
+std::vector<Kind> AllKinds();
+// The kind's name on the command line, e.g. "carrier-rules".
+const char* KindName(Kind kind);
+// The kind of a name, or nothing.
+std::optional<Kind> KindByName(const std::string& name);
+// Every kind's name, comma-separated, in the order above.
+std::string KindNames();
+
+enum class Severity { kWarning, kError };
+const char* SeverityName(Severity severity);  // "warning" or "error"
+
+struct Finding {
+  int line = 0;  // of the element concerned (tinyxml2's line numbers, from 1)
+  Severity severity = Severity::kWarning;
+  std::string message;
+};
+
+// The kinds that a loaded document's structure fits: usually one; none when
+// nothing fits, several when the structure does not decide. `file_name` (the
+// path or its last part) settles a CarrierList whose entries do not tell,
+// by the installation's fixed names "package_info.xml" and "FwPackageInfo.xml".
+std::vector<Kind> Recognize(tinyxml2::XMLElement* root, const std::string& file_name);
+
+// The checks of one kind over a document's root (null: no root element).
+// Findings come in document order.
+std::vector<Finding> Check(Kind kind, tinyxml2::XMLElement* root);
+
+// What linting one file gave.
+struct FileResult {
+  std::string file;           // as given
+  std::optional<Kind> kind;   // unknown when the table could not be read or recognised
+  std::vector<Finding> findings;
+  std::string problem;        // why the file was not checked at all, or empty
+  // 0 clean, 1 findings, 2 a problem.
+  int Status() const { return !problem.empty() ? 2 : findings.empty() ? 0 : 1; }
+};
+
+// Reads the file as the lookups do and checks it as `kind`, or as the kind its
+// structure shows. A file that cannot be opened or read, or whose kind cannot
+// be told, is a problem; a file that is read but does not parse is a finding.
+FileResult LintFile(const std::string& path, std::optional<Kind> kind);
+// The same over a table's text, as if read from a file named `file`.
+FileResult LintText(const std::string& xml, std::optional<Kind> kind, const std::string& file);
+
+// "file:line: severity: message".
+std::string FormatLine(const std::string& file, const Finding& finding);
+
+}  // namespace dorvane::lint

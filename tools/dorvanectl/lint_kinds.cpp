@@ -1,0 +1,389 @@
+// One check per kind of table: the fixed paths its lookups follow, the lists
+// they walk with their keys, and the quirks of each reader.
+#include <set>
+
+#include "config/device_config.h"
+#include "config/table_reader.h"
+#include "tools/dorvanectl/lint_checks.h"
+
+namespace dorvane::lint {
+
+using tinyxml2::XMLElement;
+
+namespace {
+
+const char kSilently[] = " fails silently";
+
+// An Item list whose text is the answer (MCCMNCTable, MCCTable).
+void CheckItems(Report& report, XMLElement* table, const char* key, const char* command) {
+  for (XMLElement* item : CheckList(report, table, {"Item", key, command})) {
+    CheckAnswer(report, item, Describe(item, key), command);
+  }
+}
+
+}  // namespace
+
+void CheckCarrierRules(Report& report, XMLElement* root) {
+  XMLElement* switching = Require(report, root, "SwitchingRule",
+                                  "carrier-id-by-mccmnc fails and logs \"switchingRuleNode is null.\"; "
+                                  "carrier-id-by-mcc, carrier-id-by-iccid and param-firmware-by-mcc "
+                                  "fail silently");
+  if (switching != nullptr) {
+    XMLElement* selection = Require(report, switching, "SelectionRule",
+                                    "carrier-id-by-mccmnc fails and logs \"selectionRuleNode is null.\"; "
+                                    "carrier-id-by-mcc and carrier-id-by-iccid fail silently");
+    if (selection != nullptr) {
+      if (XMLElement* t = Require(report, selection, "MCCMNCTable",
+                                  "carrier-id-by-mccmnc fails and logs \"MCCMNCTable node is null.\"")) {
+        CheckItems(report, t, "mccmnc", "carrier-id-by-mccmnc");
+      }
+      if (XMLElement* t = Require(report, selection, "MCCTable", std::string("carrier-id-by-mcc") + kSilently)) {
+        CheckItems(report, t, "mcc", "carrier-id-by-mcc");
+      }
+      if (XMLElement* t = Require(report, selection, "ICCIDTable",
+                                  std::string("carrier-id-by-iccid") + kSilently)) {
+        CheckRanges(report, t);
+      }
+    }
+    const ListRule registered{"Registered", "mcc", "param-firmware-by-mcc"};
+    for (XMLElement* e : CheckList(report, switching, registered)) {
+      if (IsEntry(e, registered)) {
+        CheckSlot(report, e, "mcc", "PARAMFirmware", {"File", "Ver", "Type", "Count"}, registered.command);
+      }
+    }
+  }
+  if (XMLElement* rule = table::Child(root, "SelectionRule")) {
+    CheckList(report, rule, {"Item", "mcc", "selection-rule-by-mcc"});
+  }
+}
+
+void CheckSelectionRules(Report& report, XMLElement* root) {
+  if (XMLElement* rule = Require(report, root, "SelectionRule", "selection-rule-by-mcc reads nothing")) {
+    CheckList(report, rule, {"Item", "mcc", "selection-rule-by-mcc"});
+  }
+}
+
+void CheckCarrierFirmware(Report& report, XMLElement* root) {
+  XMLElement* list = Require(report, root, "CarrierList", std::string("carrier-firmware") + kSilently);
+  if (list == nullptr) return;
+  const ListRule rule{"Carrier", "id", "carrier-firmware"};
+  for (XMLElement* e : CheckList(report, list, rule)) {
+    if (!IsEntry(e, rule)) continue;
+    for (const char* slot : {"APFirmware", "MDFirmware", "OPFirmware"}) {
+      CheckSlot(report, e, "id", slot, {"File", "Ver", "Type", "Count"}, rule.command);
+    }
+  }
+}
+
+void CheckCustomerModel(Report& report, XMLElement* root) {
+  XMLElement* list = Require(report, root, "CarrierList", std::string("oem-firmware-by-model") + kSilently);
+  if (list == nullptr) return;
+  ListRule rule{"CustModel", "id", "oem-firmware-by-model"};
+  rule.empty_key_found = false;
+  for (XMLElement* e : CheckList(report, list, rule)) {
+    if (!IsEntry(e, rule)) continue;
+    XMLElement* oem = CheckSlot(report, e, "id", "OEMFirmware", {"File", "Ver", "Type", "Count"}, rule.command);
+    if (XMLElement* beside = table::Child(e, "Switch_table")) {
+      report.Warning(beside, "Switch_table of " + Describe(e, "id") +
+                                 " stands beside OEMFirmware, not inside it: " + rule.command +
+                                 " reads only a Switch_table inside OEMFirmware");
+    }
+    if (XMLElement* inside = table::Child(oem, "Switch_table")) {
+      CheckAttributes(report, inside, "Switch_table of " + Describe(e, "id"), {"File"}, rule.command);
+    }
+  }
+}
+
+void CheckPackageInfo(Report& report, XMLElement* root) {
+  XMLElement* list = Require(report, root, "CarrierList",
+                             "package-info-firmware fails and logs \"CarrierList failed\"");
+  if (list == nullptr) return;
+  ListRule rule{"Carrier", "id", "package-info-firmware"};
+  rule.fallback = "default";
+  const std::vector<XMLElement*> entries = CheckList(report, list, rule);
+  CheckFallbacks(report, list, entries, rule, true);
+  for (XMLElement* e : entries) {
+    if (!IsEntry(e, rule)) continue;
+    for (const char* slot : {"Firmware", "CustPack"}) {
+      CheckSlot(report, e, "id", slot, {"File", "Ver"}, rule.command);
+    }
+  }
+}
+
+void CheckFwPackageInfo(Report& report, XMLElement* root) {
+  const std::string fails = std::string("fw-package-info") + kSilently;
+  for (const char* name : {"PackageVer", "PackageType"}) {
+    if (XMLElement* e = Require(report, root, name, fails)) CheckAnswer(report, e, name, "fw-package-info");
+  }
+  XMLElement* list = Require(report, root, "CarrierList", fails);
+  if (list == nullptr) return;
+  const ListRule rule{"Carrier", nullptr, "fw-package-info"};
+  for (XMLElement* e : CheckList(report, list, rule)) {
+    if (!IsEntry(e, rule)) continue;
+    CheckAttributes(report, e, Describe(e, "id"), {"id", "ver"}, rule.command);
+    for (const char* slot : {"FWImage", "CustPack"}) {
+      CheckSlot(report, e, "id", slot, {"file", "ver"}, rule.command);
+    }
+  }
+}
+
+namespace {
+
+// The Area IDs under a SKU_GUID that the lookup's walk can find.
+std::set<std::string> AreaKeys(XMLElement* sku) {
+  std::set<std::string> keys;
+  for (XMLElement* e = table::FirstEntry(sku, "Area"); e; e = table::NextEntry(e)) {
+    if (const char* id = e->Attribute("ID")) keys.insert(id);
+  }
+  return keys;
+}
+
+// A SKU_GUID after the first: param-firmware-by-sku never reads it, so every
+// SKU and area that only it holds makes the lookup wait for ever.
+void CheckLaterSku(Report& report, XMLElement* sku, XMLElement* first) {
+  const std::string first_line = "line " + std::to_string(first->GetLineNum());
+  const char* id = sku->Attribute("ID");
+  const std::set<std::string> areas = AreaKeys(sku);
+  std::vector<std::string> lost;
+  for (const std::string& area : areas) lost.push_back(Quote(area));
+  if (id == nullptr) {
+    report.Warning(sku, "SKU_GUID without ID after the first (" + first_line + ") is never read");
+    return;
+  }
+  if (!table::KeyIs(first, "ID", id)) {
+    report.Error(sku, Describe(sku, "ID") + " is not the table's first SKU_GUID (" + first_line +
+                          "), the only one param-firmware-by-sku reads: it never returns for SKU " +
+                          Quote(id) + (lost.empty() ? "" : (lost.size() == 1 ? ", area " : ", areas ") + JoinWords(lost)));
+    return;
+  }
+  const std::set<std::string> kept = AreaKeys(first);
+  lost.clear();
+  for (const std::string& area : areas) {
+    if (kept.count(area) == 0) lost.push_back(Quote(area));
+  }
+  if (lost.empty()) {
+    report.Warning(sku, Describe(sku, "ID") + " repeats the first SKU_GUID's ID (" + first_line +
+                            "): its areas are never read; the first SKU_GUID's are returned");
+  } else {
+    report.Error(sku, Describe(sku, "ID") + " repeats the first SKU_GUID's ID (" + first_line +
+                          "), whose areas alone are read: param-firmware-by-sku never returns for " +
+                          (lost.size() == 1 ? "its area " : "its areas ") + JoinWords(lost));
+  }
+}
+
+}  // namespace
+
+void CheckSku(Report& report, XMLElement* root) {
+  XMLElement* first = Require(report, root, "SKU_GUID", std::string("param-firmware-by-sku") + kSilently);
+  if (first == nullptr) return;
+  const char* id = first->Attribute("ID");
+  const std::string never = ": param-firmware-by-sku reads only the first SKU_GUID, so it never "
+                            "returns, whatever it is asked";
+  if (id == nullptr) {
+    report.Error(first, "the first SKU_GUID has no ID" + never);
+  } else if (table::Child(first, "Area") == nullptr) {
+    report.Error(first, "the first SKU_GUID, " + Describe(first, "ID") + ", has no Area" + never);
+  } else {
+    const ListRule rule{"Area", "ID", "param-firmware-by-sku " + std::string(id)};
+    for (XMLElement* area : CheckList(report, first, rule)) {
+      if (IsEntry(area, rule)) {
+        CheckSlot(report, area, "ID", "PARAMFirmware", {"File", "Ver", "Type", "Count"}, rule.command);
+      }
+    }
+  }
+  for (XMLElement* later = first->NextSiblingElement("SKU_GUID"); later;
+       later = later->NextSiblingElement("SKU_GUID")) {
+    CheckLaterSku(report, later, first);
+  }
+}
+
+namespace {
+
+void CheckCombineMode(Report& report, XMLElement* paths) {
+  const char* mode = paths->Attribute("CombineMode");
+  if (mode == nullptr) {
+    report.Error(paths, "CustProductNamePathToUniqueSkuID has no CombineMode: device-config-id finds "
+                        "nothing and logs \"getWwanDeviceConfigID not find.\"");
+  } else if (!table::EqualsIgnoringCase(mode, "Single") && !table::EqualsIgnoringCase(mode, "Combine")) {
+    report.Error(paths, "CombineMode " + Quote(mode) +
+                            " is neither Single nor Combine (compared without regard to case): "
+                            "device-config-id finds nothing and logs \"getWwanDeviceConfigID not find.\"");
+  }
+}
+
+bool HasBlankEnd(const std::string& text) {
+  auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
+  return !text.empty() && (blank(text.front()) || blank(text.back()));
+}
+
+void CheckRegistryPath(Report& report, XMLElement* e) {
+  const char* raw = e->Attribute("RegistryPath");
+  if (raw == nullptr) {
+    report.Error(e, "CustProductNamePath has no RegistryPath: device-config-id skips it");
+    return;
+  }
+  const std::string what = Describe(e, "RegistryPath");
+  std::string key_path, value_name;
+  if (!SplitRegistryPath(raw, key_path, value_name)) {
+    report.Error(e, what + (raw[0] == ',' ? " begins with its comma" : " has no comma") +
+                        ": device-config-id needs \"key path,value name\" and skips it");
+  } else if (value_name.empty()) {
+    report.Warning(e, what + " ends with its comma: the value name is empty, so device-config-id "
+                             "reads the key's default value");
+  } else if (HasBlankEnd(key_path) || HasBlankEnd(value_name)) {
+    report.Warning(e, what + " has blanks around its key path or value name: device-config-id "
+                             "reads the names with them");
+  }
+}
+
+}  // namespace
+
+void CheckDeviceConfig(Report& report, XMLElement* root) {
+  XMLElement* table = Require(report, root, "WwanDeviceConfigureIDTable",
+                              "device-config-id fails and logs \"WwanDeviceConfigureidTable xml item error.\"");
+  if (table == nullptr) return;
+  XMLElement* mapping = Require(report, table, "UniqueSkuIDToWwanDeviceConfigureIDMappingTable",
+                                "device-config-id fails and logs "
+                                "\"UniqueSkuIDToWwanDeviceConfigureIDMappingTable error.\"");
+  XMLElement* paths = Require(report, table, "CustProductNamePathToUniqueSkuID",
+                              "device-config-id fails and logs "
+                              "\"CustProductNamePathToUniqueSkuID xml item error.\"");
+  if (paths != nullptr) {
+    CheckCombineMode(report, paths);
+    const ListRule rule{"CustProductNamePath", nullptr, "device-config-id"};
+    for (XMLElement* e : CheckList(report, paths, rule)) {
+      if (IsEntry(e, rule)) CheckRegistryPath(report, e);
+    }
+  }
+  if (mapping != nullptr) {
+    ListRule rule{"UniqueSkuID", "ProductID", "device-config-id"};
+    rule.ignore_case = true;
+    for (XMLElement* e : CheckList(report, mapping, rule)) {
+      if (IsEntry(e, rule)) {
+        CheckAttributes(report, e, Describe(e, "ProductID"), {"WwanDeviceConfigID"}, rule.command);
+      }
+    }
+  }
+}
+
+namespace {
+
+// The DEVFirmware of a Standard, and its Count as getCfgPkInfo reads it.
+void CheckDevFirmware(Report& report, XMLElement* standard, const std::string& command) {
+  const std::string what = Describe(standard, "Value");
+  XMLElement* firmware = table::Child(standard, "DEVFirmware");
+  if (firmware == nullptr) {
+    report.Error(standard, what + " has no DEVFirmware: " + command + " " +
+                               table::Attr(standard, "Value") +
+                               " fails and logs \"getCfgPkInfo not find map.\"");
+    return;
+  }
+  CheckAttributes(report, firmware, "DEVFirmware of " + what, {"File", "Ver", "Type", "Count"}, command);
+  const char* count = firmware->Attribute("Count");
+  if (count == nullptr) return;
+  const std::string text = count;
+  const std::string value = std::to_string(LeadingDecimal(text));
+  const size_t digits = text.find_first_not_of('0');
+  const std::string significant = digits == std::string::npos ? "0" : text.substr(digits);
+  if (significant != value) {
+    report.Warning(firmware, "Count " + Quote(text) + " of DEVFirmware of " + what + " reads as " +
+                                 value + ": " + command +
+                                 " takes its leading decimal digits, at most 4294967295");
+  }
+}
+
+}  // namespace
+
+void CheckImageMapping(Report& report, XMLElement* root) {
+  XMLElement* table = Require(report, root, "WwanDeviceConfigureIDToImageMappingTable",
+                              "cfg-pk-info fails and logs \"getCfgPkInfo not find map.\"");
+  if (table == nullptr) return;
+  ListRule configs{"WwanDeviceConfigID", "ID", "cfg-pk-info"};
+  configs.repeat = Severity::kWarning;
+  configs.repeat_effect = "cfg-pk-info searches its Standard entries after those of the first";
+  // A configuration without the MCC does not end the search, so the Standard
+  // keys of every configuration with one ID form one walk.
+  std::unordered_map<std::string, KeyIndex> standards;
+  for (XMLElement* config : CheckList(report, table, configs)) {
+    const std::string id = config->Attribute("ID");
+    ListRule rule{"Standard", "Value", "cfg-pk-info " + id};
+    rule.empty_key_found = false;
+    for (XMLElement* standard : CheckList(report, config, rule, standards[id])) {
+      CheckDevFirmware(report, standard, rule.command);
+    }
+  }
+}
+
+void CheckEsim(Report& report, XMLElement* root) {
+  if (XMLElement* flag = Require(report, root, "TableEnableFlag",
+                                 "esim-disable-type fails (0xFFFFFFFF) and logs "
+                                 "\"TableEnableFlag xml item error.\"")) {
+    const std::string value = table::Attr(flag, "FlagValue");
+    if (table::EqualsIgnoringCase(value, "False")) {
+      report.Warning(flag, "FlagValue " + Quote(value) +
+                               " switches the table off: esim-disable-type decides nothing "
+                               "(0xFFFFFFFF) and logs \"FlagValue is false,not need to set esim disable.\"");
+    } else if (!table::EqualsIgnoringCase(value, "True")) {
+      report.Error(flag, (flag->Attribute("FlagValue") ? "FlagValue " + Quote(value) : "no FlagValue") +
+                             " is neither True nor False (compared without regard to case): "
+                             "esim-disable-type fails (0xFFFFFFFF) and logs \"Main disable error.\"");
+    }
+  }
+  const std::string changes_nothing = " stops at the first, so this one changes nothing";
+  if (XMLElement* list = Require(report, root, "SKU_BlackList",
+                                 "esim-disable-type with a SKU fails (0xFFFFFFFF) and logs "
+                                 "\"SKU black xml item error.\"")) {
+    ListRule rule{"SKU", "SKUValue", "esim-disable-type --sku"};
+    rule.ignore_case = true;
+    rule.repeat = Severity::kWarning;
+    rule.repeat_effect = rule.command + changes_nothing;
+    CheckList(report, list, rule);
+  }
+  if (XMLElement* list = Require(report, root, "IMSI_BlackList",
+                                 "esim-disable-type with an IMSI (and a SKU that is not black-listed) "
+                                 "fails (0xFFFFFFFF) and logs \"IMSI black xml item error.\"")) {
+    ListRule rule{"MCCMNC", "MCCMNCValue", "esim-disable-type --imsi"};
+    rule.repeat = Severity::kWarning;
+    rule.repeat_effect = rule.command + changes_nothing;
+    CheckList(report, list, rule);
+  }
+}
+
+void CheckRegion(Report& report, XMLElement* root) {
+  XMLElement* rule_element = Require(report, root, "SelectionRule",
+                                     "regulatory-by-mcc fails (0) and logs \"SelectionRule xml item error.\"");
+  if (rule_element == nullptr) return;
+  ListRule rule{"Region", "mcc", "regulatory-by-mcc"};
+  rule.empty_key_found = false;
+  rule.fallback = "default";
+  const std::vector<XMLElement*> rows = CheckList(report, rule_element, rule);
+  CheckFallbacks(report, rule_element, rows, rule, false);
+  for (XMLElement* row : rows) {
+    if (IsEntry(row, rule)) CheckAttributes(report, row, Describe(row, "mcc"), {"Regulatory"}, rule.command);
+  }
+}
+
+void CheckScatter(Report& report, XMLElement* root) {
+  const std::string fails = "update-scatter fails and leaves the file as it is";
+  Require(report, root, "general", fails);
+  XMLElement* storage = Require(report, root, "storage_type", fails);
+  if (storage == nullptr) return;
+  const ListRule rule{"partition_index", nullptr, "update-scatter"};
+  for (XMLElement* partition : CheckList(report, storage, rule)) {
+    if (!IsEntry(partition, rule)) continue;
+    XMLElement* flag = table::Child(partition, "is_download");
+    if (flag == nullptr) {
+      report.Warning(partition, "partition_index has no is_download: update-scatter leaves it as it is");
+      continue;
+    }
+    const std::string text = table::Text(flag);
+    if (text != "true" && text != "false") {
+      report.Warning(flag, "is_download reads " + Quote(text) +
+                               ", neither true nor false: update-scatter looks for " +
+                               Quote(";" + text + ";") +
+                               " in its selection, and sets the flag to false when it is not there");
+    }
+  }
+}
+
+}  // namespace dorvane::lint
