@@ -41,17 +41,21 @@ ZipResult ReadZip64End(Source& source, uint64_t locator_at, Bounds* bounds) {
   unsigned char locator[kZip64LocatorSize];
   if (!source.ReadAt(locator_at, locator, kZip64LocatorSize)) return kZipReadError;
   if (Le32(locator) != kZip64LocatorSignature) return kZipOk;  // an ordinary archive
+  // A locator with no room for its record in front of it is damage, not a
+  // reason to read before the start of the file.
+  if (locator_at < kZip64EndSize) return kZipCorrupt;
+  const uint64_t before_locator = locator_at - kZip64EndSize;
   uint64_t at = Le64(locator + 8);
-  if (at > locator_at || locator_at - at < kZip64EndSize) at = locator_at - kZip64EndSize;
+  if (at > before_locator) at = before_locator;
   unsigned char record[kZip64EndSize];
   if (!source.ReadAt(at, record, kZip64EndSize)) return kZipReadError;
-  if (Le32(record) != kZip64EndSignature) {
+  if (Le32(record) != kZip64EndSignature && at != before_locator) {
     // With data in front of the archive the locator points short of the
     // record, which then lies right before the locator.
-    at = locator_at - kZip64EndSize;
+    at = before_locator;
     if (!source.ReadAt(at, record, kZip64EndSize)) return kZipReadError;
-    if (Le32(record) != kZip64EndSignature) return kZipCorrupt;
   }
+  if (Le32(record) != kZip64EndSignature) return kZipCorrupt;
   bounds->count = Le64(record + 32);
   bounds->size = Le64(record + 40);
   bounds->offset = Le64(record + 48);

@@ -124,6 +124,18 @@ TEST(ZipCore, CountsBeyondTheLimitOrTheBytesAreRefusedBeforeReadingTheDirectory)
   }
 }
 
+// A Zip64 locator too near the start of the file to have its record in front
+// of it: a corrupt archive, not a read beyond the file.
+TEST(ZipCore, AZip64LocatorWithNoRoomForItsRecordIsCorrupt) {
+  const std::string records = testing::Zip64EndRecords(0, 1, 46, 0);
+  for (size_t front : {size_t{0}, size_t{35}}) {
+    const std::string bytes = std::string(front, 'x') + records.substr(56);
+    zip::MemorySource source(bytes.data(), bytes.size());
+    zip::Directory directory;
+    EXPECT_EQ(kZipCorrupt, directory.Read(source, zip::kNativeNames)) << front;
+  }
+}
+
 TEST(ZipCore, SharedAndOverlappingDataIsRefusedForTheWholeArchive) {
   ZipLayout at;
   const std::string good = BuildZip({{"a", std::string(3000, 'a')}, {"b", "b"}, {"c", "c"}},
