@@ -6,12 +6,14 @@ order the document gives them, in one prefix.
 
 The document marks its examples with fenced blocks:
 
-    ```xml file=C:\\tables\\rules.xml     a table, written to that path
-    ```xml file=... findings             a table that lint has findings for
-    ```reg file=C:\\tables\\product.reg   a registry file, imported into the 32-bit view
-    ```console                          "> " commands, each followed by its output
-    ```log file=C:\\tables\\ctl.log        the log lines of the console block just
-                                        before, "[TAG] message", time stamps left out
+    `C:\\tables\\rules.xml`:          a line naming a path, then
+    ```xml                          a table, written there as UTF-8
+    ```xml findings                 a table that lint has findings for
+    ```reg                          a registry file, imported into the 32-bit view
+    ```console                      "> " commands, each followed by its output
+    ```log                          the log lines written by the last command of the
+                                    console block just before (its --log file),
+                                    "[TAG] message", time stamps left out
 
 A console command is `dorvanectl ...` or `type FILE`. Output is compared line
 for line with blanks at line ends dropped on both sides (the text mode pads
@@ -38,17 +40,16 @@ COMMANDS = ["carrier-id-by-mccmnc", "carrier-id-by-mcc", "carrier-id-by-iccid", 
             "esim-disable-type", "regulatory-by-mcc", "update-scatter", "lint"]
 
 FENCE = re.compile(r"^```(\w+)(.*)$")
+CAPTION = re.compile(r"^`([A-Za-z]:\\[^`]+)`:$")
 WORD = re.compile(r'(?:"[^"]*"|[^\s"])+')
 
 
 class Block:
-    def __init__(self, line, lang, info, text):
-        self.line, self.lang, self.text = line, lang, text
-        self.file, self.findings = None, False
+    def __init__(self, line, lang, info, text, file=None):
+        self.line, self.lang, self.text, self.file = line, lang, text, file
+        self.findings = False
         for word in info.split():
-            if word.startswith("file="):
-                self.file = word[len("file="):]
-            elif word == "findings":
+            if word == "findings":
                 self.findings = True
             else:
                 raise ValueError("line %d: unknown word %r after ```%s" % (line, word, lang))
@@ -67,12 +68,18 @@ class Block:
 
 
 def blocks_of(markdown):
-    """The marked blocks of the document, in order; unmarked fences are skipped."""
+    """The example blocks of the document, in order: tables and registry files
+    under a caption that names their path, console and log blocks. Other
+    fences (tree diagrams, snippets without a path) are skipped."""
     blocks, lines, at = [], markdown.split("\n"), 0
+    caption = None  # the path named by the last line that was not blank
     while at < len(lines):
         fence = FENCE.match(lines[at])
         at += 1
         if not fence:
+            if lines[at - 1].strip():
+                named = CAPTION.match(lines[at - 1])
+                caption = named.group(1) if named else None
             continue
         start, body = at, []
         while at < len(lines) and lines[at] != "```":
@@ -80,8 +87,9 @@ def blocks_of(markdown):
             at += 1
         at += 1
         lang, info = fence.group(1), fence.group(2)
-        if (lang in ("xml", "reg", "log") and "file=" in info) or lang == "console":
-            blocks.append(Block(start, lang, info, "\n".join(body)))
+        if (lang in ("xml", "reg") and caption) or lang in ("console", "log"):
+            blocks.append(Block(start, lang, info, "\n".join(body), caption))
+        caption = None
     return blocks
 
 
@@ -90,12 +98,24 @@ def split_command(text):
     return [word.replace('"', "") for word in WORD.findall(text)]
 
 
-def command_of(args):
-    """The subcommand among dorvanectl's arguments, past the common options."""
-    at = 0
+def common_options(args):
+    """({option: value} of dorvanectl's common options, the subcommand)."""
+    options, at = {}, 0
     while at < len(args) and args[at].startswith("--"):
-        at += 2 if args[at] in ("--log", "--preset") else 1
-    return args[at] if at < len(args) else None
+        if args[at] in ("--log", "--preset") and at + 1 < len(args):
+            options[args[at]] = args[at + 1]
+            at += 2
+        else:
+            options[args[at]] = None
+            at += 1
+    return options, args[at] if at < len(args) else None
+
+
+def log_of(console):
+    """The --log file of the last command of a console block, or None."""
+    steps = console.commands()
+    words = split_command(steps[-1][1]) if steps else []
+    return common_options(words[1:])[0].get("--log") if words[:1] == ["dorvanectl"] else None
 
 
 def trimmed(lines):
@@ -143,9 +163,9 @@ class TablesDoc(unittest.TestCase):
                 self.assertEqual(expected, actual, "the document's output, then dorvanectl's "
                                  "(exit status %d, stderr: %s)" % (result.returncode, result.stderr))
 
-    def check_log(self, block):
-        with self.subTest(line=block.line, log=block.file):
-            path = self.box.unix_path(block.file)
+    def check_log(self, block, log):
+        with self.subTest(line=block.line, log=log):
+            path = self.box.unix_path(log)
             with open(path, "rb") as f:
                 records = winebox.parse_log(f.read())
             actual = ["%s %s" % (r.tag.strip(), r.message) for r in records if r.tag != "banner"]
@@ -171,15 +191,17 @@ class TablesDoc(unittest.TestCase):
                 self.box.run(["reg", "import", block.file, "/reg:32"], check=True)
             elif block.lang == "console":
                 following = self.blocks[i + 1] if i + 1 < len(self.blocks) else None
-                if following is not None and following.lang == "log":
-                    log = self.box.unix_path(following.file)
+                if following is not None and following.lang == "log" and log_of(block):
+                    log = self.box.unix_path(log_of(block))
                     if os.path.exists(log):
-                        os.remove(log)
+                        os.remove(log)  # the log block shows this command's lines alone
                 self.check_console(block)
             elif block.lang == "log":
-                self.assertEqual("console", self.blocks[i - 1].lang if i else None,
-                                 "line %d: a log block follows the console block it belongs to" % block.line)
-                self.check_log(block)
+                console = self.blocks[i - 1] if i else None
+                self.assertTrue(console is not None and console.lang == "console" and log_of(console),
+                                "line %d: a log block follows a console block whose last command "
+                                "names its --log file" % block.line)
+                self.check_log(block, log_of(console))
 
     def test_every_table_command_has_an_example(self):
         run = set()
@@ -188,7 +210,7 @@ class TablesDoc(unittest.TestCase):
                 for _, text, _ in block.commands():
                     words = split_command(text)
                     if words[0] == "dorvanectl":
-                        run.add(command_of(words[1:]))
+                        run.add(common_options(words[1:])[1])
         self.assertEqual([], [c for c in COMMANDS if c not in run])
 
     def test_every_table_is_written_once(self):
