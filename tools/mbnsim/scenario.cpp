@@ -462,7 +462,10 @@ void SetDelay(const std::string& call, DWORD ms) {
 namespace {
 
 bool KnownOption(const std::string& name) {
-  return name == "DeliveryThreads" || name == "MaxCommandSize";
+  for (const char* known : kOptionNames) {
+    if (name == known) return true;
+  }
+  return false;
 }
 
 }  // namespace

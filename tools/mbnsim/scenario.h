@@ -59,7 +59,13 @@ struct InterfaceInfo {
   std::string registered_provider_id;
 };
 
-// A modem as it comes out of the box: the n-th default interface.
+// The fields of an interface by their value names, as SetField takes them.
+inline constexpr const char* kInterfaceFields[] = {
+    "InterfaceID", "ReadyState", "ICCID", "SubscriberID", "HomeProviderID", "HomeProviderName",
+    "RegisteredProviderID"};
+
+// A modem as it comes out of the box: the n-th default interface. Interfaces
+// from 256 on repeat the ids of those before.
 InterfaceInfo DefaultInterface(int n);
 
 struct Injection {
@@ -145,6 +151,8 @@ bool ReadLastCommand(SentCommand* sent);
 DWORD ReadDelay(Call call);
 // A value under Options, or `fallback` when it is not set.
 DWORD ReadOption(const std::string& name, DWORD fallback);
+// The options by name, as SetOption takes them.
+inline constexpr const char* kOptionNames[] = {"DeliveryThreads", "MaxCommandSize"};
 inline constexpr DWORD kDefaultDeliveryThreads = 2;
 inline constexpr DWORD kMaxDeliveryThreads = 16;
 inline constexpr DWORD kDefaultMaxCommandSize = 4096;
