@@ -61,25 +61,54 @@ class WineBox:
         inherit the handles and would hold a pipe open long after the program ends.
         """
         for attempt in range(3):
-            with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
-                proc = subprocess.run(["wine"] + list(args), env=self.env,
-                                      stdin=subprocess.DEVNULL, stdout=out, stderr=err,
-                                      timeout=timeout)
-                out.seek(0)
-                err.seek(0)
-                result = subprocess.CompletedProcess(
-                    proc.args, proc.returncode,
-                    out.read().decode("utf-8", "replace").replace("\r\n", "\n"),
-                    err.read().decode("utf-8", "replace"))
-            # Now and then, under load, Wine's launcher fails to start a
-            # program at all and falls back to ShellExecuteEx, which fails too.
-            # The program never ran, so running it again is safe.
-            if not (result.returncode != 0 and NOT_STARTED in result.stdout + result.stderr):
+            result = self._finish_run(self._start_run(args), timeout)
+            if not self._not_started(result):
                 break
         if check and result.returncode != 0:
             raise subprocess.CalledProcessError(result.returncode, result.args, result.stdout,
                                                 result.stderr)
         return result
+
+    def run_all(self, commands, at_once=6, timeout=120):
+        """Runs independent Windows programs (each a list of arguments), `at_once`
+        at a time; returns their CompletedProcess results in order, as run() would."""
+        results = []
+        for start in range(0, len(commands), at_once):
+            started = [(args, self._start_run(args)) for args in commands[start:start + at_once]]
+            for args, handle in started:
+                result = self._finish_run(handle, timeout)
+                results.append(self.run(args, timeout) if self._not_started(result) else result)
+        return results
+
+    def _start_run(self, args):
+        out, err = tempfile.TemporaryFile(), tempfile.TemporaryFile()
+        proc = subprocess.Popen(["wine"] + list(args), env=self.env, stdin=subprocess.DEVNULL,
+                                stdout=out, stderr=err)
+        return proc, out, err
+
+    @staticmethod
+    def _finish_run(handle, timeout):
+        proc, out, err = handle
+        with out, err:
+            try:
+                proc.wait(timeout=timeout)
+            except subprocess.TimeoutExpired:
+                proc.kill()
+                proc.wait()
+                raise
+            out.seek(0)
+            err.seek(0)
+            return subprocess.CompletedProcess(
+                proc.args, proc.returncode,
+                out.read().decode("utf-8", "replace").replace("\r\n", "\n"),
+                err.read().decode("utf-8", "replace"))
+
+    @staticmethod
+    def _not_started(result):
+        # Now and then, under load, Wine's launcher fails to start a program at
+        # all and falls back to ShellExecuteEx, which fails too. The program
+        # never ran, so running it again is safe.
+        return result.returncode != 0 and NOT_STARTED in result.stdout + result.stderr
 
     def spawn(self, args):
         """Starts a Windows program without waiting; returns a handle for finish()."""

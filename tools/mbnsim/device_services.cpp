@@ -123,9 +123,8 @@ void SimDeviceService::Deliver(Kind kind, ULONG request_id, ULONG response_id, H
   });
 }
 
-void SimDeviceService::Complete(const CallGuard& guard, Kind kind, const std::string& call,
-                                ULONG request_id, ULONG response_id, HRESULT status,
-                                std::string answer) {
+void SimDeviceService::Complete(const CallGuard& guard, Kind kind, Call call, ULONG request_id,
+                                ULONG response_id, HRESULT status, std::string answer) {
   const Injection inj = ReadInjection(call, FindInterface(id_, nullptr));
   if (inj.kind == Injection::kNoCompletion) return;
   if (inj.kind == Injection::kFail) status = inj.hr;
@@ -162,16 +161,16 @@ HRESULT SimDeviceService::ChangeSession(const CallGuard& guard, bool open, ULONG
   if (request_id == nullptr) return E_POINTER;
   const int index = FindInterface(id_, nullptr);
   if (index < 0) return kInterfaceGone;
-  const std::string call = open ? "OpenCommandSession" : "CloseCommandSession";
+  const Call call = open ? Call::kOpenCommandSession : Call::kCloseCommandSession;
+  const Call completion = open ? Call::kOpenCommandSessionComplete : Call::kCloseCommandSessionComplete;
   HRESULT hr = Injected(call, index, nullptr);
   if (hr != S_OK) return hr;
   if (!open && !SessionOpen(index)) return kNoSession;
   *request_id = g_next_request++;
   // A completion that reports a failure tells of a session that did not change.
-  const Injection done = ReadInjection(call + ".Complete", index);
+  const Injection done = ReadInjection(completion, index);
   if (done.kind != Injection::kFail || done.hr == S_OK) SetSessionOpen(index, open);
-  Complete(guard, open ? Kind::kOpen : Kind::kClose, call + ".Complete", *request_id, 0, S_OK,
-           std::string());
+  Complete(guard, open ? Kind::kOpen : Kind::kClose, completion, *request_id, 0, S_OK, std::string());
   return S_OK;
 }
 
@@ -192,7 +191,7 @@ HRESULT STDMETHODCALLTYPE SimDeviceService::SetCommand(ULONG command_id, SAFEARR
   InterfaceInfo info;
   const int index = FindInterface(id_, &info);
   if (index < 0) return kInterfaceGone;
-  HRESULT hr = Injected("SetCommand", index, nullptr);
+  HRESULT hr = Injected(Call::kSetCommand, index, nullptr);
   if (hr != S_OK) return hr;
   SentCommand sent;
   sent.command_id = command_id;
@@ -205,7 +204,7 @@ HRESULT STDMETHODCALLTYPE SimDeviceService::SetCommand(ULONG command_id, SAFEARR
   *request_id = g_next_request++;
   // Command 1 of this service is the AT tunnel; the module knows no other.
   const bool at = command_id == 1;
-  Complete(guard, Kind::kSet, "SetCommand.Complete", *request_id, command_id,
+  Complete(guard, Kind::kSet, Call::kSetCommandComplete, *request_id, command_id,
            at ? S_OK : E_INVALIDARG, at ? Respond(sent.bytes, info) : std::string());
   return S_OK;
 }
@@ -226,7 +225,7 @@ HRESULT STDMETHODCALLTYPE SimDeviceService::get_IsCommandSessionOpen(BOOL* open)
   if (open == nullptr) return E_POINTER;
   const int index = FindInterface(id_, nullptr);
   if (index < 0) return kInterfaceGone;
-  HRESULT hr = Injected("get_IsCommandSessionOpen", index, nullptr);
+  HRESULT hr = Injected(Call::kGetIsCommandSessionOpen, index, nullptr);
   if (hr != S_OK) return hr;
   *open = SessionOpen(index) ? TRUE : FALSE;
   return S_OK;
@@ -251,7 +250,7 @@ HRESULT STDMETHODCALLTYPE SimDeviceServicesContext::GetDeviceService(BSTR servic
   const int index = FindInterface(id_, nullptr);
   if (index < 0) return kInterfaceGone;
   bool null_out = false;
-  HRESULT hr = Injected("GetDeviceService", index, &null_out);
+  HRESULT hr = Injected(Call::kGetDeviceService, index, &null_out);
   if (hr != S_OK || null_out) return hr;
   if (service_id == nullptr || !SameText(WideToAnsi(service_id), kAtDeviceServiceId)) {
     return E_INVALIDARG;
@@ -279,7 +278,7 @@ HRESULT STDMETHODCALLTYPE SimDeviceServicesManager::GetDeviceServicesContext(
   if (out == nullptr) return E_POINTER;
   *out = nullptr;
   bool null_out = false;
-  HRESULT hr = Injected("GetDeviceServicesContext", -1, &null_out);
+  HRESULT hr = Injected(Call::kGetDeviceServicesContext, -1, &null_out);
   if (hr != S_OK || null_out) return hr;
   const std::string id = WideToAnsi(interface_id);
   if (FindInterface(id, nullptr) < 0) return E_INVALIDARG;
@@ -288,7 +287,7 @@ HRESULT STDMETHODCALLTYPE SimDeviceServicesManager::GetDeviceServicesContext(
 }
 
 HRESULT CreateDeviceServicesManager(REFIID riid, void** ppv) {
-  return CreateManager<SimDeviceServicesManager>("DeviceServices.", riid, ppv);
+  return CreateManager<SimDeviceServicesManager>(kDeviceServicesCalls, riid, ppv);
 }
 
 }  // namespace mbnsim

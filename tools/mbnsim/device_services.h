@@ -60,11 +60,11 @@ class SimDeviceService : public IMbnDeviceService {
   enum class Kind { kOpen, kClose, kSet };
   // Opens or closes the command session and queues its completion.
   HRESULT ChangeSession(const CallGuard& guard, bool open, ULONG* request_id);
-  // Queues the completion of request `request_id` as `call`.Complete says. By
+  // Queues the completion of request `request_id` as the completion `call` says. By
   // default it is delivered once the method guarded by `guard` has returned and
   // the client has had a moment to store the request id, as a module's USB round
   // trip would give it; "early" delivers it before this returns instead.
-  void Complete(const CallGuard& guard, Kind kind, const std::string& call, ULONG request_id,
+  void Complete(const CallGuard& guard, Kind kind, Call call, ULONG request_id,
                 ULONG response_id, HRESULT status, std::string answer);
   // Calls every advised sink with one completion. A set completion gets a data
   // array of its own per sink, filled with a pattern and destroyed as soon as
@@ -97,7 +97,8 @@ class SimDeviceServicesContext : public IMbnDeviceServicesContext {
 class SimDeviceServicesManager : public SimManager<IMbnDeviceServicesManager> {
  public:
   SimDeviceServicesManager()
-      : SimManager(IID_IMbnDeviceServicesManager, IID_IMbnDeviceServicesEvents, "DeviceServices.") {}
+      : SimManager(IID_IMbnDeviceServicesManager, IID_IMbnDeviceServicesEvents,
+                   kDeviceServicesCalls) {}
 
   HRESULT STDMETHODCALLTYPE GetDeviceServicesContext(BSTR interface_id,
                                                      IMbnDeviceServicesContext** out) override;

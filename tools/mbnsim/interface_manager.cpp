@@ -12,8 +12,8 @@ namespace mbnsim {
 // -- SimConnectionPoint -------------------------------------------------------------
 
 SimConnectionPoint::SimConnectionPoint(IConnectionPointContainer* container, REFIID iid,
-                                       const char* prefix)
-    : container_(container), iid_(iid), prefix_(prefix) {
+                                       const ManagerCalls& calls)
+    : container_(container), iid_(iid), calls_(calls) {
   container_->AddRef();
 }
 
@@ -47,7 +47,7 @@ HRESULT STDMETHODCALLTYPE SimConnectionPoint::GetConnectionPointContainer(
 
 HRESULT STDMETHODCALLTYPE SimConnectionPoint::Advise(IUnknown* sink, DWORD* cookie) {
   if (sink == nullptr || cookie == nullptr) return E_POINTER;
-  HRESULT hr = Injected(prefix_ + "Advise", -1, nullptr);
+  HRESULT hr = Injected(calls_.advise, -1, nullptr);
   if (FAILED(hr)) return hr;
   // As the real stack does: the sink must answer for the event interface.
   IUnknown* events = nullptr;
@@ -59,7 +59,7 @@ HRESULT STDMETHODCALLTYPE SimConnectionPoint::Advise(IUnknown* sink, DWORD* cook
 }
 
 HRESULT STDMETHODCALLTYPE SimConnectionPoint::Unadvise(DWORD cookie) {
-  HRESULT hr = Injected(prefix_ + "Unadvise", -1, nullptr);
+  HRESULT hr = Injected(calls_.unadvise, -1, nullptr);
   if (FAILED(hr)) return hr;
   if (!EventHub::Get().Unadvise(cookie, this)) {
     Tracker::BadUnadvise();
@@ -75,7 +75,7 @@ HRESULT STDMETHODCALLTYPE SimInterfaceManager::GetInterface(LPCWSTR interface_id
   if (interface_id == nullptr || out == nullptr) return E_POINTER;
   *out = nullptr;
   bool null_out = false;
-  HRESULT hr = Injected("GetInterface", -1, &null_out);
+  HRESULT hr = Injected(Call::kGetInterface, -1, &null_out);
   if (FAILED(hr) || null_out) return hr;
   const std::string id = WideToAnsi(interface_id);
   if (FindInterface(id, nullptr) < 0) return E_INVALIDARG;
@@ -86,8 +86,7 @@ HRESULT STDMETHODCALLTYPE SimInterfaceManager::GetInterface(LPCWSTR interface_id
 HRESULT STDMETHODCALLTYPE SimInterfaceManager::GetInterfaces(SAFEARRAY** out) {
   if (out == nullptr) return E_POINTER;
   *out = nullptr;
-  if (DWORD ms = ReadDelay("GetInterfaces")) ::Sleep(ms);
-  Injection inj = ReadInjection("GetInterfaces");
+  const Injection inj = Consult(Call::kGetInterfaces, -1);
   if (inj.kind == Injection::kFail) return inj.hr;
   if (inj.kind == Injection::kNull) return S_OK;
   const std::vector<InterfaceInfo> all = ReadInterfaces();
@@ -111,7 +110,7 @@ HRESULT STDMETHODCALLTYPE SimInterfaceManager::GetInterfaces(SAFEARRAY** out) {
 }
 
 HRESULT CreateInterfaceManager(REFIID riid, void** ppv) {
-  return CreateManager<SimInterfaceManager>("", riid, ppv);
+  return CreateManager<SimInterfaceManager>(kInterfaceManagerCalls, riid, ppv);
 }
 
 }  // namespace mbnsim

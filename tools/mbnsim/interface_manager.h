@@ -12,8 +12,8 @@ namespace mbnsim {
 // A connection point for one event interface; its sinks are kept by the EventHub.
 class SimConnectionPoint : public IConnectionPoint {
  public:
-  // Failures are injected under `prefix` + "Advise" / "Unadvise".
-  SimConnectionPoint(IConnectionPointContainer* container, REFIID iid, const char* prefix = "");
+  // Failures are injected under the manager's advise and unadvise calls.
+  SimConnectionPoint(IConnectionPointContainer* container, REFIID iid, const ManagerCalls& calls);
 
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override;
   ULONG STDMETHODCALLTYPE AddRef() override { return refs_.AddRef(); }
@@ -28,19 +28,18 @@ class SimConnectionPoint : public IConnectionPoint {
  private:
   IConnectionPointContainer* container_;  // one reference, dropped with the last one of ours
   IID iid_;
-  std::string prefix_;
+  ManagerCalls calls_;
   RefCount refs_;
 };
 
 // A manager: its own interface and a connection point container for one event
-// interface. Failures are injected under the prefix and the call's name
-// ("QueryInterface.IConnectionPointContainer", "FindConnectionPoint", and
-// "CreateInstance" for the factory).
+// interface. Failures are injected under its `calls` (the query for the
+// container, FindConnectionPoint, and CreateInstance for the factory).
 template <typename IManager>
 class SimManager : public IManager, public IConnectionPointContainer {
  public:
-  SimManager(REFIID manager_iid, REFIID events_iid, const char* prefix)
-      : manager_iid_(manager_iid), events_iid_(events_iid), prefix_(prefix) {}
+  SimManager(REFIID manager_iid, REFIID events_iid, const ManagerCalls& calls)
+      : manager_iid_(manager_iid), events_iid_(events_iid), calls_(calls) {}
 
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID riid, void** ppv) override {
     if (ppv == nullptr) return E_POINTER;
@@ -49,7 +48,7 @@ class SimManager : public IManager, public IConnectionPointContainer {
       *ppv = static_cast<IManager*>(this);
     } else if (IsEqualGUID(riid, IID_IConnectionPointContainer)) {
       bool null_out = false;
-      HRESULT hr = Injected(prefix_ + "QueryInterface.IConnectionPointContainer", -1, &null_out);
+      HRESULT hr = Injected(calls_.query_container, -1, &null_out);
       if (FAILED(hr)) return hr;
       if (null_out) return S_OK;
       *ppv = static_cast<IConnectionPointContainer*>(this);
@@ -69,28 +68,28 @@ class SimManager : public IManager, public IConnectionPointContainer {
     if (out == nullptr) return E_POINTER;
     *out = nullptr;
     bool null_out = false;
-    HRESULT hr = Injected(prefix_ + "FindConnectionPoint", -1, &null_out);
+    HRESULT hr = Injected(calls_.find_point, -1, &null_out);
     if (FAILED(hr) || null_out) return hr;
     if (!IsEqualGUID(riid, events_iid_)) return CONNECT_E_NOCONNECTION;
-    *out = new SimConnectionPoint(this, events_iid_, prefix_.c_str());
+    *out = new SimConnectionPoint(this, events_iid_, calls_);
     return S_OK;
   }
 
  private:
   IID manager_iid_;
   IID events_iid_;
-  std::string prefix_;
+  ManagerCalls calls_;
   RefCount refs_;
 };
 
 // The class factory's work: a new manager of type T, or the failure injected
-// under `prefix` + "CreateInstance".
+// under `calls`.create_instance.
 template <typename T>
-HRESULT CreateManager(const std::string& prefix, REFIID riid, void** ppv) {
+HRESULT CreateManager(const ManagerCalls& calls, REFIID riid, void** ppv) {
   if (ppv == nullptr) return E_POINTER;
   *ppv = nullptr;
   bool null_out = false;
-  HRESULT hr = Injected(prefix + "CreateInstance", -1, &null_out);
+  HRESULT hr = Injected(calls.create_instance, -1, &null_out);
   if (FAILED(hr) || null_out) return hr;
   EventHub::Get().Start();
   dorvane::ComPtr<T> manager;
@@ -101,7 +100,7 @@ HRESULT CreateManager(const std::string& prefix, REFIID riid, void** ppv) {
 class SimInterfaceManager : public SimManager<IMbnInterfaceManager> {
  public:
   SimInterfaceManager()
-      : SimManager(IID_IMbnInterfaceManager, IID_IMbnInterfaceManagerEvents, "") {}
+      : SimManager(IID_IMbnInterfaceManager, IID_IMbnInterfaceManagerEvents, kInterfaceManagerCalls) {}
 
   HRESULT STDMETHODCALLTYPE GetInterface(LPCWSTR interface_id, IMbnInterface** out) override;
   HRESULT STDMETHODCALLTYPE GetInterfaces(SAFEARRAY** out) override;

@@ -187,43 +187,51 @@ int FindInterface(const std::string& interface_id, InterfaceInfo* info) {
 }
 
 bool ParseInjection(const std::string& text, Injection* out) {
-  static const std::map<std::string, Injection::Kind> kWords = {
-      {"", Injection::kNone},           {"null", Injection::kNull},
-      {"wrongtype", Injection::kWrongType}, {"nullelement", Injection::kNullElement},
-      {"none", Injection::kNoCompletion},   {"wrongid", Injection::kWrongId},
-      {"empty", Injection::kEmpty},         {"early", Injection::kEarly},
-      {"twice", Injection::kTwice},         {"split", Injection::kSplit}};
   Injection inj;
-  auto word = kWords.find(text);
-  if (word != kWords.end()) {
-    inj.kind = word->second;
-  } else {
-    char* end = nullptr;
-    unsigned long value = std::strtoul(text.c_str(), &end, 0);
-    if (end == text.c_str() || *end != '\0') return false;
-    inj.kind = Injection::kFail;
-    inj.hr = static_cast<HRESULT>(value);
+  if (text.empty()) {
+    *out = inj;
+    return true;
   }
+  for (const InjectionWord& word : kInjectionWords) {
+    if (text == word.text) {
+      inj.kind = word.kind;
+      *out = inj;
+      return true;
+    }
+  }
+  char* end = nullptr;
+  unsigned long value = std::strtoul(text.c_str(), &end, 0);
+  if (end == text.c_str() || *end != '\0') return false;
+  inj.kind = Injection::kFail;
+  inj.hr = static_cast<HRESULT>(value);
   *out = inj;
   return true;
 }
 
-Injection ReadInjection(const std::string& call, int index) {
+bool CallTakes(Call call, Injection::Kind kind) {
+  for (const InjectionWord& word : kInjectionWords) {
+    if (word.kind == kind) return (Info(call).traits & word.needs) != 0;
+  }
+  return true;  // kNone, kFail
+}
+
+Injection ReadInjection(Call call, int index) {
   const auto data = Scenario();
+  const std::string name = CallName(call);
   Injection inj;
   if (index >= 0 && static_cast<size_t>(index) < data->interface_injections.size()) {
     const auto& own = data->interface_injections[static_cast<size_t>(index)];
-    auto it = own.find(call);
+    auto it = own.find(name);
     if (it != own.end() && ParseInjection(it->second, &inj) && inj.kind != Injection::kNone) return inj;
   }
-  auto it = data->injections.find(call);
+  auto it = data->injections.find(name);
   if (it == data->injections.end() || !ParseInjection(it->second, &inj)) return Injection();
   return inj;
 }
 
-DWORD ReadDelay(const std::string& call) {
+DWORD ReadDelay(Call call) {
   const auto data = Scenario();
-  auto it = data->delays.find(call);
+  auto it = data->delays.find(CallName(call));
   return it == data->delays.end() ? 0 : it->second;
 }
 
@@ -454,7 +462,10 @@ void SetDelay(const std::string& call, DWORD ms) {
 namespace {
 
 bool KnownOption(const std::string& name) {
-  return name == "DeliveryThreads" || name == "MaxCommandSize";
+  for (const char* known : kOptionNames) {
+    if (name == known) return true;
+  }
+  return false;
 }
 
 }  // namespace

@@ -11,7 +11,8 @@
 //                            InterfaceID, ReadyState (DWORD), ICCID, SubscriberID,
 //                            HomeProviderID, HomeProviderName, RegisteredProviderID,
 //                            and Inject\<call> for failures of that interface only
-//     Inject\<call>          a failure of every object: "0x80004005" (an HRESULT
+//     Inject\<call>          a failure of every object (the calls are listed in
+//                            calls.h): "0x80004005" (an HRESULT
 //                            to return), "null" (succeed, hand out a null pointer),
 //                            for GetInterfaces also "wrongtype" and "nullelement";
 //                            for a completion (<call>.Complete) "none" (it never
@@ -44,6 +45,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/mbnsim/calls.h"
+
 namespace mbnsim {
 
 struct InterfaceInfo {
@@ -56,7 +59,13 @@ struct InterfaceInfo {
   std::string registered_provider_id;
 };
 
-// A modem as it comes out of the box: the n-th default interface.
+// The fields of an interface by their value names, as SetField takes them.
+inline constexpr const char* kInterfaceFields[] = {
+    "InterfaceID", "ReadyState", "ICCID", "SubscriberID", "HomeProviderID", "HomeProviderName",
+    "RegisteredProviderID"};
+
+// A modem as it comes out of the box: the n-th default interface. Interfaces
+// from 256 on repeat the ids of those before.
 InterfaceInfo DefaultInterface(int n);
 
 struct Injection {
@@ -68,6 +77,28 @@ struct Injection {
   Kind kind = kNone;
   HRESULT hr = S_OK;
 };
+
+// The words an injection may be instead of an HRESULT, and the CallTrait a call
+// needs to honour each ("" clears and is no word).
+struct InjectionWord {
+  const char* text;
+  Injection::Kind kind;
+  unsigned needs;
+};
+inline constexpr InjectionWord kInjectionWords[] = {
+    {"null", Injection::kNull, kTakesNull},
+    {"wrongtype", Injection::kWrongType, kTakesArrayShapes},
+    {"nullelement", Injection::kNullElement, kTakesArrayShapes},
+    {"none", Injection::kNoCompletion, kCompletion},
+    {"wrongid", Injection::kWrongId, kCompletion},
+    {"empty", Injection::kEmpty, kCompletion},
+    {"early", Injection::kEarly, kCompletion},
+    {"twice", Injection::kTwice, kCompletion},
+    {"split", Injection::kSplit, kCompletion}};
+
+// Whether `call` honours an injection of `kind`: every call an HRESULT (and
+// kNone), the words only the calls with their trait.
+bool CallTakes(Call call, Injection::Kind kind);
 
 // Per-process counters of the client's mistakes and leftovers.
 struct Counters {
@@ -93,7 +124,7 @@ std::vector<InterfaceInfo> ReadInterfaces();
 int FindInterface(const std::string& interface_id, InterfaceInfo* info);
 // The injection for `call` on interface `index` (-1: objects of no interface);
 // an interface's own injection wins over the global one.
-Injection ReadInjection(const std::string& call, int index = -1);
+Injection ReadInjection(Call call, int index = -1);
 // The command session of the AT device service of interface `index`.
 bool SessionOpen(int index);
 void SetSessionOpen(int index, bool open);
@@ -117,9 +148,11 @@ void RecordCommand(const SentCommand& sent);
 bool ReadLastCommand(SentCommand* sent);
 
 // Milliseconds that `call` is to take (0 when none is set).
-DWORD ReadDelay(const std::string& call);
+DWORD ReadDelay(Call call);
 // A value under Options, or `fallback` when it is not set.
 DWORD ReadOption(const std::string& name, DWORD fallback);
+// The options by name, as SetOption takes them.
+inline constexpr const char* kOptionNames[] = {"DeliveryThreads", "MaxCommandSize"};
 inline constexpr DWORD kDefaultDeliveryThreads = 2;
 inline constexpr DWORD kMaxDeliveryThreads = 16;
 inline constexpr DWORD kDefaultMaxCommandSize = 4096;

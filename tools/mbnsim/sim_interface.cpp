@@ -6,9 +6,13 @@
 
 namespace mbnsim {
 
-HRESULT Injected(const std::string& call, int index, bool* null_out) {
+Injection Consult(Call call, int index) {
   if (DWORD ms = ReadDelay(call)) ::Sleep(ms);
-  Injection inj = ReadInjection(call, index);
+  return ReadInjection(call, index);
+}
+
+HRESULT Injected(Call call, int index, bool* null_out) {
+  const Injection inj = Consult(call, index);
   if (null_out) *null_out = inj.kind == Injection::kNull;
   return inj.kind == Injection::kFail ? inj.hr : S_OK;
 }
@@ -22,7 +26,7 @@ HRESULT STDMETHODCALLTYPE SimInterface::QueryInterface(REFIID riid, void** ppv) 
     *ppv = static_cast<IMbnInterface*>(this);
   } else if (IsEqualGUID(riid, IID_IMbnRegistration)) {
     bool null_out = false;
-    HRESULT hr = Injected("QueryInterface.IMbnRegistration", FindInterface(id_, nullptr), &null_out);
+    HRESULT hr = Injected(Call::kQueryRegistration, FindInterface(id_, nullptr), &null_out);
     if (FAILED(hr)) return hr;
     if (null_out) return S_OK;
     *ppv = static_cast<IMbnRegistration*>(this);
@@ -33,7 +37,7 @@ HRESULT STDMETHODCALLTYPE SimInterface::QueryInterface(REFIID riid, void** ppv) 
   return S_OK;
 }
 
-HRESULT SimInterface::Begin(const char* call, void* out, InterfaceInfo* info, bool* null_out) {
+HRESULT SimInterface::Begin(Call call, void* out, InterfaceInfo* info, bool* null_out) {
   if (out == nullptr) return E_POINTER;
   int index = FindInterface(id_, info);
   if (index < 0) return kInterfaceGone;
@@ -42,7 +46,7 @@ HRESULT SimInterface::Begin(const char* call, void* out, InterfaceInfo* info, bo
 
 HRESULT STDMETHODCALLTYPE SimInterface::get_InterfaceID(BSTR* id) {
   InterfaceInfo info;
-  HRESULT hr = Begin("get_InterfaceID", id, &info, nullptr);
+  HRESULT hr = Begin(Call::kGetInterfaceId, id, &info, nullptr);
   if (hr != S_OK) return hr;
   *id = NewBstr(id_);
   return S_OK;
@@ -51,7 +55,7 @@ HRESULT STDMETHODCALLTYPE SimInterface::get_InterfaceID(BSTR* id) {
 HRESULT STDMETHODCALLTYPE SimInterface::GetSubscriberInformation(IMbnSubscriberInformation** out) {
   InterfaceInfo info;
   bool null_out = false;
-  HRESULT hr = Begin("GetSubscriberInformation", out, &info, &null_out);
+  HRESULT hr = Begin(Call::kGetSubscriberInformation, out, &info, &null_out);
   if (hr != S_OK) return hr;
   *out = null_out ? nullptr : new SimSubscriber(id_);
   return S_OK;
@@ -59,7 +63,7 @@ HRESULT STDMETHODCALLTYPE SimInterface::GetSubscriberInformation(IMbnSubscriberI
 
 HRESULT STDMETHODCALLTYPE SimInterface::GetReadyState(MBN_READY_STATE* state) {
   InterfaceInfo info;
-  HRESULT hr = Begin("GetReadyState", state, &info, nullptr);
+  HRESULT hr = Begin(Call::kGetReadyState, state, &info, nullptr);
   if (hr != S_OK) return hr;
   *state = static_cast<MBN_READY_STATE>(info.ready_state);
   return S_OK;
@@ -67,7 +71,7 @@ HRESULT STDMETHODCALLTYPE SimInterface::GetReadyState(MBN_READY_STATE* state) {
 
 HRESULT STDMETHODCALLTYPE SimInterface::GetHomeProvider(MBN_PROVIDER* provider) {
   InterfaceInfo info;
-  HRESULT hr = Begin("GetHomeProvider", provider, &info, nullptr);
+  HRESULT hr = Begin(Call::kGetHomeProvider, provider, &info, nullptr);
   if (hr != S_OK) return hr;
   // The caller frees both strings.
   provider->providerID = NewBstr(info.home_provider_id);
@@ -79,7 +83,7 @@ HRESULT STDMETHODCALLTYPE SimInterface::GetHomeProvider(MBN_PROVIDER* provider) 
 
 HRESULT STDMETHODCALLTYPE SimInterface::GetRegisterState(MBN_REGISTER_STATE* state) {
   InterfaceInfo info;
-  HRESULT hr = Begin("GetRegisterState", state, &info, nullptr);
+  HRESULT hr = Begin(Call::kGetRegisterState, state, &info, nullptr);
   if (hr != S_OK) return hr;
   *state = info.registered_provider_id.empty() ? MBN_REGISTER_STATE_SEARCHING
            : info.registered_provider_id == info.home_provider_id ? MBN_REGISTER_STATE_HOME
@@ -89,7 +93,7 @@ HRESULT STDMETHODCALLTYPE SimInterface::GetRegisterState(MBN_REGISTER_STATE* sta
 
 HRESULT STDMETHODCALLTYPE SimInterface::GetProviderID(BSTR* id) {
   InterfaceInfo info;
-  HRESULT hr = Begin("GetProviderID", id, &info, nullptr);
+  HRESULT hr = Begin(Call::kGetProviderId, id, &info, nullptr);
   if (hr != S_OK) return hr;
   *id = NewBstr(info.registered_provider_id);
   return S_OK;
@@ -99,7 +103,7 @@ HRESULT STDMETHODCALLTYPE SimSubscriber::QueryInterface(REFIID riid, void** ppv)
   return QueryOne<IMbnSubscriberInformation>(this, IID_IMbnSubscriberInformation, riid, ppv);
 }
 
-HRESULT SimSubscriber::Read(const char* call, BSTR* out, std::string InterfaceInfo::*field) {
+HRESULT SimSubscriber::Read(Call call, BSTR* out, std::string InterfaceInfo::*field) {
   if (out == nullptr) return E_POINTER;
   InterfaceInfo info;
   int index = FindInterface(id_, &info);
@@ -111,11 +115,11 @@ HRESULT SimSubscriber::Read(const char* call, BSTR* out, std::string InterfaceIn
 }
 
 HRESULT STDMETHODCALLTYPE SimSubscriber::get_SubscriberID(BSTR* id) {
-  return Read("get_SubscriberID", id, &InterfaceInfo::subscriber_id);
+  return Read(Call::kGetSubscriberId, id, &InterfaceInfo::subscriber_id);
 }
 
 HRESULT STDMETHODCALLTYPE SimSubscriber::get_SimIccID(BSTR* iccid) {
-  return Read("get_SimIccID", iccid, &InterfaceInfo::iccid);
+  return Read(Call::kGetSimIccId, iccid, &InterfaceInfo::iccid);
 }
 
 }  // namespace mbnsim

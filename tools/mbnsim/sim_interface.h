@@ -13,10 +13,13 @@ namespace mbnsim {
 
 using namespace dorvane;
 
-// Waits out the call's delay; then the result for an injection that makes the
-// call fail, S_OK otherwise.
-// `null_out` is set when the injection asks for a null result.
-HRESULT Injected(const std::string& call, int index, bool* null_out);
+// Waits out the call's delay; then the call's injection for interface `index`
+// (-1: an object of no interface).
+Injection Consult(Call call, int index);
+// Consult, as most calls use it: the result for an injection that makes the
+// call fail, S_OK otherwise. `null_out` is set when the injection asks for a
+// null result.
+HRESULT Injected(Call call, int index, bool* null_out);
 
 BSTR NewBstr(const std::string& text);
 
@@ -63,7 +66,7 @@ class SimInterface : public IMbnInterface, public IMbnRegistration {
  private:
   // Looks the interface up and applies the call's injection. S_OK with
   // `index` >= 0 when the call may go on.
-  HRESULT Begin(const char* call, void* out, InterfaceInfo* info, bool* null_out);
+  HRESULT Begin(Call call, void* out, InterfaceInfo* info, bool* null_out);
 
   std::string id_;
   RefCount refs_;
@@ -82,7 +85,7 @@ class SimSubscriber : public IMbnSubscriberInformation {
   HRESULT STDMETHODCALLTYPE get_TelephoneNumbers(SAFEARRAY**) override { return E_NOTIMPL; }
 
  private:
-  HRESULT Read(const char* call, BSTR* out, std::string InterfaceInfo::*field);
+  HRESULT Read(Call call, BSTR* out, std::string InterfaceInfo::*field);
 
   std::string id_;
   RefCount refs_;
