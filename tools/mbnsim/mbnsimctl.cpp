@@ -6,6 +6,7 @@
 // answer text. Bad usage changes nothing.
 #include <windows.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <exception>
@@ -123,16 +124,15 @@ std::string InjectionText(const CallInfo& call, const std::string& what) {
 }
 
 std::string KnownField(const std::string& field) {
-  for (const char* known : kInterfaceFields) {
-    if (field == known) return field;
-  }
-  throw UsageError{"unknown FIELD " + Quoted(field) + Suggestion(field, Names(kInterfaceFields)) +
-                   " (the fields are " + Alternatives(Names(kInterfaceFields), " and ") + ")"};
+  const std::vector<std::string> known = InterfaceFieldNames();
+  if (std::find(known.begin(), known.end(), field) != known.end()) return field;
+  throw UsageError{"unknown FIELD " + Quoted(field) + Suggestion(field, known) +
+                   " (the fields are " + Alternatives(known, " and ") + ")"};
 }
 
 // A field's value as SetField takes it: ReadyState a DWORD, the others any text.
 std::string FieldValue(const std::string& field, const std::string& value) {
-  if (field != "ReadyState") return value;
+  if (field != kReadyStateField) return value;
   return std::to_string(Decimal(value, "ReadyState", 0, MAXDWORD));
 }
 

@@ -34,25 +34,15 @@ std::string InjectPath(int index) {
 
 InterfaceInfo ReadInterfaceKey(HKEY key) {
   InterfaceInfo info;
-  info.interface_id = reg::ReadString(key, "InterfaceID");
-  reg::ReadDword(key, "ReadyState", &info.ready_state);
-  info.iccid = reg::ReadString(key, "ICCID");
-  info.subscriber_id = reg::ReadString(key, "SubscriberID");
-  info.home_provider_id = reg::ReadString(key, "HomeProviderID");
-  info.home_provider_name = reg::ReadString(key, "HomeProviderName");
-  info.registered_provider_id = reg::ReadString(key, "RegisteredProviderID");
+  for (const TextField& field : kTextFields) info.*field.member = reg::ReadString(key, field.name);
+  reg::ReadDword(key, kReadyStateField, &info.ready_state);
   return info;
 }
 
 void WriteInterfaceKey(int index, const InterfaceInfo& info) {
   UniqueRegKey key = reg::Open(InterfacePath(index), Access::kCreate);
-  reg::WriteString(key.get(), "InterfaceID", info.interface_id);
-  reg::WriteDword(key.get(), "ReadyState", info.ready_state);
-  reg::WriteString(key.get(), "ICCID", info.iccid);
-  reg::WriteString(key.get(), "SubscriberID", info.subscriber_id);
-  reg::WriteString(key.get(), "HomeProviderID", info.home_provider_id);
-  reg::WriteString(key.get(), "HomeProviderName", info.home_provider_name);
-  reg::WriteString(key.get(), "RegisteredProviderID", info.registered_provider_id);
+  for (const TextField& field : kTextFields) reg::WriteString(key.get(), field.name, info.*field.member);
+  reg::WriteDword(key.get(), kReadyStateField, info.ready_state);
 }
 
 std::map<std::string, std::string> ReadStrings(const std::string& path) {
@@ -414,24 +404,26 @@ void SetInterfaces(const std::vector<InterfaceInfo>& interfaces) {
   for (size_t i = 0; i < interfaces.size(); ++i) WriteInterfaceKey(static_cast<int>(i), interfaces[i]);
 }
 
+std::vector<std::string> InterfaceFieldNames() {
+  std::vector<std::string> names;
+  for (const TextField& field : kTextFields) names.push_back(field.name);
+  names.insert(names.begin() + 1, kReadyStateField);
+  return names;
+}
+
 bool SetField(int index, const std::string& field, const std::string& value) {
   UniqueRegKey key = reg::Open(InterfacePath(index), Access::kWrite);
   if (!key || index < 0) return false;
   InterfaceInfo info = ReadInterfaceKey(key.get());
-  static const std::map<std::string, std::string InterfaceInfo::*> kText = {
-      {"InterfaceID", &InterfaceInfo::interface_id},
-      {"ICCID", &InterfaceInfo::iccid},
-      {"SubscriberID", &InterfaceInfo::subscriber_id},
-      {"HomeProviderID", &InterfaceInfo::home_provider_id},
-      {"HomeProviderName", &InterfaceInfo::home_provider_name},
-      {"RegisteredProviderID", &InterfaceInfo::registered_provider_id}};
-  auto text = kText.find(field);
-  if (text != kText.end()) {
-    info.*(text->second) = value;
-  } else if (field == "ReadyState") {
+  if (field == kReadyStateField) {
     info.ready_state = static_cast<DWORD>(std::strtoul(value.c_str(), nullptr, 0));
   } else {
-    return false;
+    const TextField* text = nullptr;
+    for (const TextField& known : kTextFields) {
+      if (field == known.name) text = &known;
+    }
+    if (text == nullptr) return false;
+    info.*text->member = value;
   }
   WriteInterfaceKey(index, info);
   return true;

@@ -59,10 +59,23 @@ struct InterfaceInfo {
   std::string registered_provider_id;
 };
 
-// The fields of an interface by their value names, as SetField takes them.
-inline constexpr const char* kInterfaceFields[] = {
-    "InterfaceID", "ReadyState", "ICCID", "SubscriberID", "HomeProviderID", "HomeProviderName",
-    "RegisteredProviderID"};
+// The text fields of an interface by their registry value names; the one
+// number, ReadyState, is a DWORD value of its own.
+struct TextField {
+  const char* name;
+  std::string InterfaceInfo::*member;
+};
+inline const TextField kTextFields[] = {
+    {"InterfaceID", &InterfaceInfo::interface_id},
+    {"ICCID", &InterfaceInfo::iccid},
+    {"SubscriberID", &InterfaceInfo::subscriber_id},
+    {"HomeProviderID", &InterfaceInfo::home_provider_id},
+    {"HomeProviderName", &InterfaceInfo::home_provider_name},
+    {"RegisteredProviderID", &InterfaceInfo::registered_provider_id}};
+inline constexpr char kReadyStateField[] = "ReadyState";
+
+// Every field's name, as SetField takes them.
+std::vector<std::string> InterfaceFieldNames();
 
 // A modem as it comes out of the box: the n-th default interface. Interfaces
 // from 256 on repeat the ids of those before.
