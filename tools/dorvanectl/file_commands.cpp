@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tools/dorvanectl/ctl.h"
+#include "tools/dorvanectl/delete_preview.h"
 #include "tools/dorvanectl/path_guard.h"
 #include "util/file_ops.h"
 #include "util/package.h"
@@ -147,10 +148,17 @@ void AddFileCommands(CLI::App& app, Common& common) {
                return ReportOne(c, CopyFileInDir(v[0], v[1]));
              },
              [](const Values& v) { return CopyDirFolders(v[0], v[1]); });
+  auto dry_run = std::make_shared<bool>(false);
   AddCommand(app, common, "delete-dir", "delete a folder with everything in it; result 1 or 0",
              {{"folder", "the folder"}},
-             [](const Common& c, const Values& v) { return ReportOne(c, DeleteDir(v[0])); },
-             [](const Values& v) { return DeleteDirFolders(v[0]); });
+             [dry_run](const Common& c, const Values& v) {
+               return *dry_run ? PreviewDeleteDir(c, v[0]) : ReportOne(c, DeleteDir(v[0]));
+             },
+             [dry_run](const Values& v) {
+               return *dry_run ? std::vector<GuardedFolder>() : DeleteDirFolders(v[0]);
+             })
+      ->add_flag("--dry-run", *dry_run,
+                 "list what would be deleted, in order, and delete nothing");
   AddCommand(app, common, "file-exists", "test that a file or folder exists; result true or false",
              {{"path", "the path"}}, [](const Common& c, const Values& v) {
                const bool result = IsFileExist(v[0]);
