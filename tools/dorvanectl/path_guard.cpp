@@ -292,10 +292,12 @@ void ProtectedFolders::AddKnown(const KNOWNFOLDERID& id, const char* what) {
   if (SUCCEEDED(hr) && path != nullptr) Add(std::wstring(path), what);
 }
 
-// A text value, with environment variables expanded.
+// A text value, with environment variables expanded. RRF_RT_REG_SZ takes
+// REG_EXPAND_SZ too: expanded, it counts as REG_SZ (asking for REG_EXPAND_SZ
+// itself would need RRF_NOEXPAND).
 std::optional<std::wstring> RegistryText(HKEY key, const wchar_t* subkey, const wchar_t* value) {
   DWORD size = 0;
-  const DWORD flags = RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ;
+  const DWORD flags = RRF_RT_REG_SZ;
   if (::RegGetValueW(key, subkey, value, flags, nullptr, nullptr, &size) != ERROR_SUCCESS) {
     return std::nullopt;
   }
