@@ -54,17 +54,19 @@ class WineBox:
         subprocess.run(["wineserver", flag], env=env, stdin=subprocess.DEVNULL,
                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
-    def run(self, args, timeout=120, check=False):
+    def run(self, args, timeout=120, check=False, cwd=None):
         """Runs a Windows program; returns the CompletedProcess (text output).
 
         The output goes through files, not pipes: Wine's background processes
         inherit the handles and would hold a pipe open long after the program ends.
+        `cwd` (a Unix folder) is where the program starts; Wine names it by the
+        drive that maps it.
         """
         for attempt in range(3):
             with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
                 proc = subprocess.run(["wine"] + list(args), env=self.env,
                                       stdin=subprocess.DEVNULL, stdout=out, stderr=err,
-                                      timeout=timeout)
+                                      timeout=timeout, cwd=cwd)
                 out.seek(0)
                 err.seek(0)
                 result = subprocess.CompletedProcess(
@@ -146,6 +148,13 @@ class WineBox:
                         break
             path = os.path.join(path, match or part)
         return path
+
+    def map_drive(self, letter, unix_dir):
+        """Makes drive `letter` (say "x") of the prefix the Unix folder `unix_dir`."""
+        link = os.path.join(self.prefix, "dosdevices", letter.lower() + ":")
+        if os.path.lexists(link):
+            os.remove(link)
+        os.symlink(os.path.abspath(unix_dir), link)
 
     def put_file(self, source, windows_dir):
         target_dir = self.unix_path(windows_dir)
