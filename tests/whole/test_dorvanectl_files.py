@@ -404,11 +404,16 @@ class Rails(unittest.TestCase):
                                 "unzip-all-items", "write into", "target-folder"))
 
     def test_links_are_followed_to_what_they_lead_to(self):
-        os.symlink(self.x("X:\\home\\bob"), self.x("X:\\keep\\to-bob"))
+        os.symlink(self.x("X:\\home\\bob"), self.x("X:\\keep\\x"))
         self.assertRefused(
-            ["copy-dir", "X:\\keep\\to-bob", "X:\\src"],
-            'copy-dir: refused to write into X:\\home\\bob (destination "X:\\keep\\to-bob", through '
+            ["copy-dir", "X:\\keep\\x", "X:\\src"],
+            'copy-dir: refused to write into X:\\home\\bob (destination "X:\\keep\\x", through '
             "a link): it is a user's profile folder" + FORCE)
+        # A folder that holds such a link is not refused: the deletion never
+        # follows the link (and under Wine cannot remove it, so gives 0).
+        self.assertEqual((1, {"result": 0}), self.ctl_json("delete-dir", "X:\\keep"))
+        self.assertEqual(["x"], os.listdir(self.x("X:\\keep")))
+        self.assertEqual(b"bob", self.read_x("X:\\home\\bob\\ntuser.txt"))
         # install-usb-driver's folders are fixed, under the Windows folder; only
         # a link can make them lead to a protected folder.
         driver = self.box.unix_path(DRIVER)

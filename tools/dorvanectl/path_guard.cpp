@@ -391,6 +391,10 @@ std::optional<FullPath> ParentOf(std::optional<FullPath> path) {
   return path;
 }
 
+// The name that stands for an entry in the paths an operation forms: one no
+// file can have, so that the path never exists and is never followed.
+constexpr char kEntry[] = "|";
+
 // folder + "\" + name, cut as the operations cut their paths.
 std::string Item(const std::string& folder, const char* name) {
   return PathBuffer(folder).Append("\\").Append(name).str();
@@ -399,7 +403,8 @@ std::string Item(const std::string& folder, const char* name) {
 // A folder that the operations list with folder + "\*.*" and reach by
 // folder + "\" + name.
 GuardedFolder Listed(const char* argument, const std::string& folder, const char* action) {
-  return GuardedFolder{argument, folder, {Item(folder, "x"), Item(folder, "*.*")}, false, action};
+  return GuardedFolder{
+      argument, folder, {Item(folder, kEntry), Item(folder, "*.*")}, false, action};
 }
 
 }  // namespace
@@ -461,7 +466,7 @@ std::vector<GuardedFolder> UnzipPackageFolders(const std::string& target_folder,
   target.Append(sub_folder).Append("\\");
   return {GuardedFolder{"target-folder + sub-folder",
                         target.str(),
-                        {PathBuffer(target.str()).Append("x").str()},
+                        {PathBuffer(target.str()).Append(kEntry).str()},
                         false,
                         "write into"}};
 }
@@ -470,7 +475,7 @@ std::vector<GuardedFolder> UnzipAllItemsFolders(const std::string& target_folder
   // Entries go to target_folder + name, with no separator between them.
   return {GuardedFolder{"target-folder",
                         target_folder,
-                        {PathBuffer(target_folder).Append("x").str()},
+                        {PathBuffer(target_folder).Append(kEntry).str()},
                         false,
                         "write into"}};
 }
