@@ -54,14 +54,16 @@ class WineBox:
         subprocess.run(["wineserver", flag], env=env, stdin=subprocess.DEVNULL,
                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
-    def run(self, args, timeout=120, check=False):
+    def run(self, args, timeout=120, check=False, cwd=None):
         """Runs a Windows program; returns the CompletedProcess (text output).
 
         The output goes through files, not pipes: Wine's background processes
         inherit the handles and would hold a pipe open long after the program ends.
+        `cwd` (a Unix folder) is where the program starts; Wine names it by the
+        drive that maps it.
         """
         for attempt in range(3):
-            result = self._finish_run(self._start_run(args), timeout)
+            result = self._finish_run(self._start_run(args, cwd), timeout)
             if not self._not_started(result):
                 break
         if check and result.returncode != 0:
@@ -80,10 +82,10 @@ class WineBox:
                 results.append(self.run(args, timeout) if self._not_started(result) else result)
         return results
 
-    def _start_run(self, args):
+    def _start_run(self, args, cwd=None):
         out, err = tempfile.TemporaryFile(), tempfile.TemporaryFile()
         proc = subprocess.Popen(["wine"] + list(args), env=self.env, stdin=subprocess.DEVNULL,
-                                stdout=out, stderr=err)
+                                stdout=out, stderr=err, cwd=cwd)
         return proc, out, err
 
     @staticmethod
@@ -112,10 +114,7 @@ class WineBox:
 
     def spawn(self, args):
         """Starts a Windows program without waiting; returns a handle for finish()."""
-        out, err = tempfile.TemporaryFile(), tempfile.TemporaryFile()
-        proc = subprocess.Popen(["wine"] + list(args), env=self.env, stdin=subprocess.DEVNULL,
-                                stdout=out, stderr=err)
-        return proc, out, err
+        return self._start_run(args)
 
     @staticmethod
     def finish(handle, timeout=300):
@@ -175,6 +174,13 @@ class WineBox:
                         break
             path = os.path.join(path, match or part)
         return path
+
+    def map_drive(self, letter, unix_dir):
+        """Makes drive `letter` (say "x") of the prefix the Unix folder `unix_dir`."""
+        link = os.path.join(self.prefix, "dosdevices", letter.lower() + ":")
+        if os.path.lexists(link):
+            os.remove(link)
+        os.symlink(os.path.abspath(unix_dir), link)
 
     def put_file(self, source, windows_dir):
         target_dir = self.unix_path(windows_dir)

@@ -6,6 +6,7 @@ operations' order, --json results, exit statuses, and the effects on disk.
 import io
 import json
 import os
+import re
 import shutil
 import struct
 import sys
@@ -19,6 +20,21 @@ from winebox import WineBox  # noqa: E402
 ARGS = None
 DRIVER = "C:\\Windows\\WWAN\\FwSwitchBin\\FirmwareData\\USBDriver\\"
 LOG = "C:\\ctl\\files.log"
+
+
+def put(box, windows_path, data):
+    path = box.unix_path(windows_path)
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    with open(path, "wb") as f:
+        f.write(data if isinstance(data, bytes) else data.encode())
+
+
+def zip_bytes(entries):
+    data = io.BytesIO()
+    with zipfile.ZipFile(data, "w", zipfile.ZIP_DEFLATED) as z:
+        for name, content in entries:
+            z.writestr(zipfile.ZipInfo(name), content)
+    return data.getvalue()
 
 
 class FileCommands(unittest.TestCase):
@@ -37,10 +53,7 @@ class FileCommands(unittest.TestCase):
         return result.returncode, json.loads(result.stdout) if result.stdout.strip() else None
 
     def put(self, windows_path, data):
-        path = self.box.unix_path(windows_path)
-        os.makedirs(os.path.dirname(path), exist_ok=True)
-        with open(path, "wb") as f:
-            f.write(data if isinstance(data, bytes) else data.encode())
+        put(self.box, windows_path, data)
 
     def exists(self, windows_path):
         return os.path.exists(self.box.unix_path(windows_path))
@@ -51,13 +64,6 @@ class FileCommands(unittest.TestCase):
 
     def log_text(self):
         return self.read(LOG).decode("latin-1") if self.exists(LOG) else ""
-
-    def zip_bytes(self, entries):
-        data = io.BytesIO()
-        with zipfile.ZipFile(data, "w", zipfile.ZIP_DEFLATED) as z:
-            for name, content in entries:
-                z.writestr(zipfile.ZipInfo(name), content)
-        return data.getvalue()
 
     def test_folders_existence_and_processes(self):
         self.put("C:\\t1\\src\\a.txt", "a")
@@ -112,7 +118,7 @@ class FileCommands(unittest.TestCase):
         self.put(DRIVER + "Uninstall_Inf.bat", "@echo uninstall>>order.txt\r\n")
         self.put(DRIVER + "Install_Inf.bat", "@echo genuine>>order.txt\r\n")
         data = "C:\\Windows\\WWAN\\FwSwitchBin\\FirmwareData\\"
-        self.put("C:\\t6\\pkg.zip", self.zip_bytes([
+        self.put("C:\\t6\\pkg.zip", zip_bytes([
             ("fw.bin", b"firmware"), ("../USBDriver/Install_Inf.bat", b"@echo owned>>order.txt\r\n")]))
         try:
             self.assertEqual((0, {"result": 1}),
@@ -124,7 +130,7 @@ class FileCommands(unittest.TestCase):
             shutil.rmtree(self.box.unix_path(data), ignore_errors=True)
 
         # Look-alike names: listed with stand-ins, never unpacked.
-        self.put("C:\\t6\\wide.zip", self.zip_bytes([("a\uff0f\uff0e\uff0e\uff0fx", b"1")]))
+        self.put("C:\\t6\\wide.zip", zip_bytes([("a\uff0f\uff0e\uff0e\uff0fx", b"1")]))
         status, listing = self.ctl("zip-items", "C:\\t6\\wide.zip")
         self.assertEqual((0, ["a????x"]), (status, [i["name"] for i in listing["items"]]))
         self.assertEqual((0, {"result": 1}),
@@ -132,7 +138,7 @@ class FileCommands(unittest.TestCase):
         self.assertFalse(self.exists("C:\\t6\\w"), "nothing made, not even the folder")
 
         # A Zip64 end record with an absurd entry count: a result, not an abort.
-        good = self.zip_bytes([("a.txt", b"a")])
+        good = zip_bytes([("a.txt", b"a")])
         end = good.rindex(b"PK\x05\x06")
         cd_size, cd_offset = struct.unpack("<II", good[end + 12:end + 20])
         record = struct.pack("<IQHHIIQQQQ", 0x06064B50, 44, 45, 45, 0, 0, 1 << 62, 1 << 62,
@@ -163,17 +169,20 @@ class FileCommands(unittest.TestCase):
         self.assertEqual((1, 0x700), (status, listing["result"]))
 
     def test_prefix_user_folders_stay_inside_the_prefix(self):
-        # Wine links Desktop, Documents, ... to the home directory; the test
-        # prefixes make them plain folders, so delete-dir and unpacked packages
-        # under test cannot reach outside.
+        # Wine links Desktop, Documents, ..., and deeper down Templates, to the
+        # home directory; the test prefixes make them plain folders, so
+        # delete-dir and unpacked packages under test cannot reach outside.
         users = self.box.unix_path("C:\\users")
         folders = [os.path.join(users, u, f) for u in os.listdir(users)
                    for f in os.listdir(os.path.join(users, u))]
         self.assertTrue(any(f.endswith("Desktop") for f in folders), folders)
-        self.assertEqual([], [f for f in folders if os.path.islink(f)])
+        links = [os.path.join(top, name) for top, dirs, files in os.walk(users)
+                 for name in dirs + files if os.path.islink(os.path.join(top, name))]
+        self.assertEqual([], links)
+        self.assertTrue(any(top.endswith("Templates") for top, _, _ in os.walk(users)))
 
     def test_packages_and_names(self):
-        self.put("C:\\t2\\pkg\\fw.zip", self.zip_bytes([
+        self.put("C:\\t2\\pkg\\fw.zip", zip_bytes([
             ("img/a.bin", b"A" * 5000), ("..\\..\\up.txt", b"up"), ("d/../../x", b"x")]))
         status, listing = self.ctl("zip-items", "C:\\t2\\pkg\\fw.zip")
         self.assertEqual(0, status)
@@ -219,6 +228,302 @@ class FileCommands(unittest.TestCase):
         self.assertEqual(2, self.ctl("zip-result-text", "0x7G")[0])
         self.assertEqual(2, self.ctl("copy-dir", "C:\\only-one")[0])
         self.assertEqual(2, self.ctl("unzip-package", "a", "b", "c")[0])
+
+
+PROFILE_LIST = "HKLM\\SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\ProfileList"
+FORCE = ". Give --force to do it anyway."
+
+
+class Rails(unittest.TestCase):
+    """delete-dir, copy-dir, unzip-package, unzip-all-items and install-usb-driver
+    refuse protected folders unless given --force; delete-dir --dry-run.
+
+    Every root that a case names is drive X:, which the prefix maps to a scratch
+    folder of the test's own, and every program starts in it: a broken rail
+    reaches nothing but scratch files. The Windows, profile and Program Files
+    cases name the prefix's own folders, whose sentinel files must survive.
+    """
+
+    @classmethod
+    def setUpClass(cls):
+        cls.box = WineBox(os.path.join(ARGS.work, "rails"), base=ARGS.base)
+        cls.ctl_path = cls.box.put_file(ARGS.dorvanectl, "C:\\ctl")
+        cls.scratch = os.path.join(ARGS.work, "rails-scratch")
+        cls.box.map_drive("x", cls.scratch)
+        # A profile of another user, in the scratch drive, as the profile list
+        # names every profile that a user has logged on with.
+        cls.box.reg_add(PROFILE_LIST + "\\S-1-5-21-1-2-3-1001", "ProfileImagePath",
+                        "X:\\home\\bob")
+        cls.profile = cls.box.run(["cmd", "/c", "echo %USERPROFILE%"]).stdout.strip()
+        listing = cls.box.run(["cmd", "/c", "dir", "/x", "C:\\"]).stdout
+        cls.program_files_short = re.search(r"<DIR>\s+(\S+)\s+Program Files\s*$", listing,
+                                            re.M).group(1)
+        cls.sentinels = [folder + "\\rails-sentinel.txt" for folder in (
+            "C:\\windows", "C:\\windows\\system32", "C:\\users", cls.profile, "C:\\users\\Public",
+            "C:\\ProgramData", "C:\\Program Files", "C:\\Program Files (x86)")]
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.box.close(discard=True)
+        shutil.rmtree(cls.scratch, ignore_errors=True)
+
+    def setUp(self):
+        shutil.rmtree(self.scratch, ignore_errors=True)
+        for name, data in (("a-first.txt", "first"), ("keep\\inner\\s.txt", "s"),
+                           ("home\\bob\\ntuser.txt", "bob"), ("src\\f.txt", "f"),
+                           ("pkg\\a.zip", zip_bytes([("a.txt", b"a")]))):
+            self.put("X:\\" + name, data)
+        for sentinel in self.sentinels:
+            self.put(sentinel, "sentinel")
+
+    def put(self, windows_path, data):
+        put(self.box, windows_path, data)
+
+    def x(self, windows_path):
+        """The Unix path of a path on drive X:."""
+        return os.path.join(self.scratch, *windows_path[3:].split("\\"))
+
+    def read_x(self, windows_path):
+        with open(self.x(windows_path), "rb") as f:
+            return f.read()
+
+    def ctl(self, *args, cwd="X:\\"):
+        """(exit status, stdout, stderr), run in folder `cwd` of drive X:."""
+        result = self.box.run([self.ctl_path, "--log", LOG] + list(args), cwd=self.x(cwd))
+        return result.returncode, result.stdout, result.stderr.replace("\r\n", "\n")
+
+    def ctl_json(self, *args, cwd="X:\\"):
+        status, out, _ = self.ctl("--json", *args, cwd=cwd)
+        return status, json.loads(out)
+
+    def records(self):
+        path = self.box.unix_path(LOG)
+        if not os.path.exists(path):
+            return []
+        with open(path, "rb") as f:
+            return winebox.messages(winebox.parse_log(f.read()))
+
+    def snapshot(self):
+        """Every file, folder and link of the scratch drive, and the sentinels."""
+        tree = {}
+        for top, dirs, files in os.walk(self.scratch):
+            for name in dirs + files:
+                path = os.path.join(top, name)
+                if os.path.islink(path):
+                    tree[path] = "-> " + os.readlink(path)
+                elif os.path.isfile(path):
+                    with open(path, "rb") as f:
+                        tree[path] = f.read()
+                else:
+                    tree[path] = "folder"
+        for sentinel in self.sentinels:
+            tree[sentinel] = os.path.exists(self.box.unix_path(sentinel))
+        return tree
+
+    def assertRefused(self, args, line, cwd="X:\\"):
+        """The command refuses with exactly `line` (without "dorvanectl: "),
+        in text and in JSON, touches nothing and writes no log line."""
+        before, records = self.snapshot(), self.records()
+        self.assertEqual((2, "", "dorvanectl: " + line + "\n"), self.ctl(*args, cwd=cwd))
+        status, out, err = self.ctl("--json", *args, cwd=cwd)
+        self.assertEqual((2, {"result": None, "error": line}, ""), (status, json.loads(out), err))
+        self.assertEqual(before, self.snapshot())
+        self.assertEqual(records, self.records(), "the library was not called")
+
+    def test_drive_roots_are_refused_however_spelled(self):
+        def line(command, action, path, argument, given):
+            return '%s: refused to %s %s (%s "%s"): it is a drive root%s' % (
+                command, action, path, argument, given, FORCE)
+
+        for given, path, cwd in (("X:\\", "X:\\", "X:\\"), ("X:", "X:\\", "X:\\"),
+                                 ("X:/", "X:\\", "X:\\"), ("x:\\keep\\..", "x:\\", "X:\\"),
+                                 ("X:/keep/inner/../..", "X:\\", "X:\\"),
+                                 ("X:\\keep.\\..", "X:\\", "X:\\"),
+                                 ("..", "X:\\", "X:\\keep"), ("..\\..", "X:\\", "X:\\keep\\inner"),
+                                 (".", "X:\\", "X:\\"), ("\\\\?\\X:\\", "X:\\", "X:\\"),
+                                 ("\\\\.\\X:", "X:\\", "X:\\")):
+            with self.subTest(given=given, cwd=cwd):
+                self.assertRefused(["delete-dir", given],
+                                   line("delete-dir", "delete from", path, "folder", given), cwd)
+        self.assertRefused(["copy-dir", "X:\\keep\\..", "X:\\src"],
+                           line("copy-dir", "write into", "X:\\", "destination", "X:\\keep\\.."))
+        self.assertRefused(["copy-dir", "X:\\keep", "X:"],
+                           line("copy-dir", "copy from and write into", "X:\\", "source", "X:"))
+        self.assertRefused(["unzip-all-items", "X:\\", "X:\\pkg\\a.zip"],
+                           line("unzip-all-items", "write into", "X:\\", "target-folder", "X:\\"))
+        # Without its closing backslash, the target's last name runs into the
+        # entries' names: X:\keepa.txt lies in X:\.
+        self.assertRefused(["unzip-all-items", "X:\\keep", "X:\\pkg\\a.zip"],
+                           line("unzip-all-items", "write into", "X:\\", "target-folder", "X:\\keep"))
+        self.assertRefused(["unzip-package", "X:\\pkg\\", "a.zip", "X:\\keep\\", ".."],
+                           line("unzip-package", "write into", "X:\\", "target-folder + sub-folder",
+                                "X:\\keep\\..\\"))
+        share = ('delete-dir: refused to delete from \\\\server\\share (folder "%s"): it is the root '
+                 'of a network share' + FORCE)
+        for given in ("\\\\server\\share\\", "\\\\server\\share\\dir\\..",
+                      "\\\\server/share/dir/.."):
+            self.assertRefused(["delete-dir", given], share % given)
+
+    def test_windows_profile_and_program_folders_are_refused(self):
+        def line(given, path, why, command="delete-dir", action="delete from", argument="folder"):
+            return '%s: refused to %s %s (%s "%s"): it %s%s' % (
+                command, action, path, argument, given, why, FORCE)
+
+        profile = self.profile
+        cases = [
+            ("C:\\windows", "C:\\windows", "is the Windows folder"),
+            ("C:/Windows/", "C:\\windows", "is the Windows folder"),
+            ("C:\\WINDOWS.", "C:\\windows", "is the Windows folder"),
+            ("C:\\windows\\system32\\..\\.", "C:\\windows", "is the Windows folder"),
+            ("C:\\windows\\system32", "C:\\windows\\system32", "is the system folder"),
+            ("C:\\users", "C:\\users", "is the Users folder"),
+            ("C:\\users\\Public ", "C:\\users\\Public", "is the public profile folder"),
+            (profile, profile, "is a user's profile folder"),
+            (profile + "\\Desktop\\..", profile, "is a user's profile folder"),
+            ("C:\\ProgramData", "C:\\ProgramData", "is the ProgramData folder"),
+            ("C:\\Program Files (x86)", "C:\\Program Files (x86)", "is a Program Files folder"),
+            ("C:\\" + self.program_files_short, "C:\\Program Files", "is a Program Files folder"),
+            ("X:\\home\\bob", "X:\\home\\bob", "is a user's profile folder"),
+            ("X:\\home", "X:\\home", "holds a user's profile folder X:\\home\\bob"),
+            ("X:\\home\\bob\\..", "X:\\home", "holds a user's profile folder X:\\home\\bob"),
+        ]
+        for given, path, why in cases:
+            with self.subTest(given=given):
+                self.assertRefused(["delete-dir", given], line(given, path, why))
+        self.assertRefused(["copy-dir", "C:\\windows", "X:\\src"],
+                           line("C:\\windows", "C:\\windows", "is the Windows folder", "copy-dir",
+                                "write into", "destination"))
+        self.assertRefused(["copy-dir", "X:\\keep", "X:\\home"],
+                           line("X:\\home", "X:\\home", "holds a user's profile folder X:\\home\\bob",
+                                "copy-dir", "copy from and write into", "source"))
+        self.assertRefused(["unzip-package", "X:\\pkg\\", "a.zip", "C:\\", "ProgramData"],
+                           line("C:\\ProgramData\\", "C:\\ProgramData", "is the ProgramData folder",
+                                "unzip-package", "write into", "target-folder + sub-folder"))
+        self.assertRefused(["unzip-all-items", profile + "\\", "X:\\pkg\\a.zip"],
+                           line(profile + "\\", profile, "is a user's profile folder",
+                                "unzip-all-items", "write into", "target-folder"))
+
+    def test_links_are_followed_to_what_they_lead_to(self):
+        os.symlink(self.x("X:\\home\\bob"), self.x("X:\\keep\\x"))
+        self.assertRefused(
+            ["copy-dir", "X:\\keep\\x", "X:\\src"],
+            'copy-dir: refused to write into X:\\home\\bob (destination "X:\\keep\\x", through '
+            "a link): it is a user's profile folder" + FORCE)
+        # A folder that holds such a link is not refused: the deletion never
+        # follows the link (and under Wine cannot remove it, so gives 0).
+        self.assertEqual((1, {"result": 0}), self.ctl_json("delete-dir", "X:\\keep"))
+        self.assertEqual(["x"], os.listdir(self.x("X:\\keep")))
+        self.assertEqual(b"bob", self.read_x("X:\\home\\bob\\ntuser.txt"))
+        # install-usb-driver's folders are fixed, under the Windows folder; only
+        # a link can make them lead to a protected folder.
+        driver = self.box.unix_path(DRIVER)
+        os.makedirs(os.path.dirname(driver), exist_ok=True)
+        os.symlink(self.scratch, driver)
+        try:
+            self.put("X:\\Uninstall_Inf.bat", "@echo uninstall>>order.txt\r\n")
+            self.put("X:\\Install_Inf.bat", "@echo install>>order.txt\r\n")
+            self.put("X:\\x64\\drv.inf", "inf")
+            self.assertRefused(
+                ["install-usb-driver"],
+                'install-usb-driver: refused to write into X:\\ (driver folder "%s", through a '
+                "link): it is a drive root%s" % (DRIVER, FORCE))
+            status, result = self.ctl_json("install-usb-driver", "--force")
+            self.assertEqual((0, {"result": 1}), (status, result))
+            self.assertEqual(b"uninstall\r\ninstall\r\n", self.read_x("X:\\order.txt"))
+            self.assertEqual(b"inf", self.read_x("X:\\drv.inf"))
+        finally:
+            os.remove(driver)
+
+    def test_force_acts_on_the_scratch_drive(self):
+        self.assertEqual((0, {"result": 1}), self.ctl_json("copy-dir", "--force", "X:\\", "X:\\src"))
+        self.assertEqual(b"f", self.read_x("X:\\f.txt"))
+        self.assertEqual((0, {"result": 1}),
+                         self.ctl_json("unzip-all-items", "X:\\", "X:\\pkg\\a.zip", "--force"))
+        self.assertEqual(b"a", self.read_x("X:\\a.txt"))
+        os.remove(self.x("X:\\a.txt"))
+        self.assertEqual((0, {"result": 1}),
+                         self.ctl_json("unzip-package", "--force", "X:\\pkg\\", "a.zip", "X:\\", ""))
+        self.assertEqual(b"a", self.read_x("X:\\a.txt"))
+
+        # The dry run of the root: everything but the listing's first entry
+        # (a root has no "." to be that entry), the root last; then the
+        # deletion does just that, and cannot remove the root itself. The
+        # paths are the walk's own: the root and "\" + name.
+        listed = [(kind, "X:\\" + ("\\" + name if name else "")) for kind, name in (
+            ("file", "a.txt"), ("file", "f.txt"), ("file", "home\\bob\\ntuser.txt"),
+            ("folder", "home\\bob"), ("folder", "home"), ("file", "keep\\inner\\s.txt"),
+            ("folder", "keep\\inner"), ("folder", "keep"), ("file", "pkg\\a.zip"),
+            ("folder", "pkg"), ("file", "src\\f.txt"), ("folder", "src"), ("folder", ""))]
+        status, out, err = self.ctl("delete-dir", "--dry-run", "X:\\")
+        self.assertEqual(0, status)
+        self.assertEqual(["%-6s %s" % step for step in listed], out.splitlines())
+        note = ('dorvanectl: note: delete-dir would need --force to delete from X:\\ (folder '
+                '"X:\\"): it is a drive root.')
+        self.assertEqual(["dorvanectl: dry run: would delete 6 files, 7 folders and 0 links; "
+                          "nothing was deleted", note], err.splitlines())
+        status, preview = self.ctl_json("delete-dir", "--dry-run", "X:\\")
+        self.assertEqual([{"kind": k, "path": p} for k, p in listed], preview["would_delete"])
+        self.assertEqual(note[len("dorvanectl: note: "):], preview["needs_force"])
+
+        self.assertEqual((1, {"result": 0}), self.ctl_json("delete-dir", "X:\\", "--force"))
+        self.assertEqual(["a-first.txt"], os.listdir(self.scratch))
+        for sentinel in self.sentinels:
+            self.assertTrue(os.path.exists(self.box.unix_path(sentinel)), sentinel)
+
+    def test_ordinary_folders_work_as_before(self):
+        self.assertEqual((0, {"result": 1}), self.ctl_json("copy-dir", "X:\\keep", "X:\\src"))
+        self.assertEqual(b"f", self.read_x("X:\\keep\\f.txt"))
+        self.assertEqual((0, {"result": 1}),
+                         self.ctl_json("unzip-package", "X:\\pkg\\", "a.zip", "X:\\keep\\", "out"))
+        self.assertEqual(b"a", self.read_x("X:\\keep\\out\\a.txt"))
+        self.assertEqual((0, {"result": 1}), self.ctl_json("delete-dir", "keep\\inner"))
+        self.assertFalse(os.path.exists(self.x("X:\\keep\\inner")))
+        self.assertEqual((0, {"result": 1}), self.ctl_json("delete-dir", "--force", "X:\\keep"))
+        self.assertFalse(os.path.exists(self.x("X:\\keep")))
+        self.assertEqual((1, {"result": 0}), self.ctl_json("delete-dir", "X:\\keep"))
+        status, out, err = self.ctl("delete-dir", "X:\\src")
+        self.assertEqual((0, "1\n", ""), (status, out, err))
+
+    def test_dry_run_lists_the_walk_and_deletes_nothing(self):
+        for name in ("alpha\\Deep\\d.txt", "alpha\\z.txt", "Beta.txt", "gamma.txt",
+                     "outside\\o.txt"):
+            self.put("X:\\" + ("" if name.startswith("outside") else "t\\") + name, name)
+        os.symlink(self.x("X:\\outside"), self.x("X:\\t\\link-out"))
+        # Wine lists a folder by name, case ignored, after "." and "..".
+        steps = [("file", "X:\\t\\alpha\\Deep\\d.txt"), ("folder", "X:\\t\\alpha\\Deep"),
+                 ("file", "X:\\t\\alpha\\z.txt"), ("folder", "X:\\t\\alpha"),
+                 ("file", "X:\\t\\Beta.txt"), ("file", "X:\\t\\gamma.txt"),
+                 ("keep", "X:\\t\\link-out"), ("folder", "X:\\t")]
+        before, records = self.snapshot(), self.records()
+        status, out, err = self.ctl("delete-dir", "--dry-run", "X:\\t")
+        self.assertEqual((0, ["%-6s %s" % step for step in steps]), (status, out.splitlines()))
+        self.assertEqual("dorvanectl: dry run: would delete 4 files, 3 folders and 0 links; would "
+                         "keep 1 link that cannot be removed alone here, and the folders holding "
+                         "them; nothing was deleted\n", err)
+        status, preview = self.ctl_json("delete-dir", "X:\\t", "--dry-run")
+        self.assertEqual(0, status)
+        self.assertEqual({
+            "result": None,
+            "would_delete": [{"kind": k, "path": p} for k, p in steps if k != "keep"],
+            "would_keep": [{"kind": "link", "path": "X:\\t\\link-out"}],
+            "files": 4, "folders": 3, "links": 0, "kept_links": 1, "needs_force": None}, preview)
+        self.assertEqual(before, self.snapshot())
+        self.assertEqual(records, self.records(), "the library was not called")
+
+        # The deletion walks the same way: it logs each sub-folder as it
+        # enters it, in the order the dry run's folders begin; it removes
+        # what was listed, keeps the link (and so the folder holding it) and
+        # what the link leads to.
+        self.assertEqual((1, {"result": 0}), self.ctl_json("delete-dir", "X:\\t"))
+        entered = [m for m in self.records()[len(records):] if m.startswith("X:\\t\\")]
+        self.assertEqual(["X:\\t\\alpha", "X:\\t\\alpha\\Deep"], entered)
+        self.assertEqual(["link-out"], os.listdir(self.x("X:\\t")))
+        self.assertEqual(b"outside\\o.txt", self.read_x("X:\\outside\\o.txt"))
+
+        # Nothing to walk: a missing folder, a file.
+        for given in ("X:\\none", "X:\\a-first.txt"):
+            status, preview = self.ctl_json("delete-dir", "--dry-run", given)
+            self.assertEqual((1, [], 0), (status, preview["would_delete"], preview["folders"]))
 
 
 def main():

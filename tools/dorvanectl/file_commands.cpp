@@ -4,10 +4,13 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "tools/dorvanectl/ctl.h"
+#include "tools/dorvanectl/delete_preview.h"
+#include "tools/dorvanectl/path_guard.h"
 #include "util/file_ops.h"
 #include "util/package.h"
 #include "util/process.h"
@@ -19,6 +22,8 @@ namespace {
 
 using Values = std::vector<std::string>;
 using Run = std::function<int(const Common&, const Values&)>;
+// The folders a command deletes from or writes into (see path_guard.h).
+using Guard = std::function<std::vector<GuardedFolder>(const Values&)>;
 
 // Prints the operation's result (JSON: with `outputs` beside it) and gives the
 // exit status for it.
@@ -37,14 +42,26 @@ int Report(const Common& common, const nlohmann::json& result, bool success,
 int ReportOne(const Common& common, int result) { return Report(common, result, result == 1); }
 
 // A subcommand whose arguments are required texts, taken in the listed order.
+// With a guard it has --force, and without it refuses protected folders.
 CLI::App* AddCommand(CLI::App& app, Common& common, const char* name, const char* help,
-                     const std::vector<std::pair<const char*, const char*>>& arguments, Run run) {
+                     const std::vector<std::pair<const char*, const char*>>& arguments, Run run,
+                     Guard guard = nullptr) {
   auto values = std::make_shared<Values>(arguments.size());
+  auto force = std::make_shared<bool>(false);
   CLI::App* command = app.add_subcommand(name, help);
   for (size_t i = 0; i < arguments.size(); ++i) {
     command->add_option(arguments[i].first, (*values)[i], arguments[i].second)->required();
   }
-  command->callback([&common, values, run] { common.exit_code = run(common, *values); });
+  if (guard) {
+    command->add_flag("--force", *force,
+                      "act even on a drive root, the Windows folder, a profile, Program Files, "
+                      "ProgramData or a folder holding one");
+  }
+  command->callback([&common, values, run, guard, force, name = std::string(name)] {
+    const std::optional<Refusal> refusal =
+        guard && !*force ? FirstRefusal(guard(*values)) : std::nullopt;
+    common.exit_code = refusal ? ReportRefusal(common, name, *refusal) : run(common, *values);
+  });
   return command;
 }
 
@@ -129,10 +146,19 @@ void AddFileCommands(CLI::App& app, Common& common) {
              {{"destination", "folder to copy into"}, {"source", "folder to copy from"}},
              [](const Common& c, const Values& v) {
                return ReportOne(c, CopyFileInDir(v[0], v[1]));
-             });
+             },
+             [](const Values& v) { return CopyDirFolders(v[0], v[1]); });
+  auto dry_run = std::make_shared<bool>(false);
   AddCommand(app, common, "delete-dir", "delete a folder with everything in it; result 1 or 0",
              {{"folder", "the folder"}},
-             [](const Common& c, const Values& v) { return ReportOne(c, DeleteDir(v[0])); });
+             [dry_run](const Common& c, const Values& v) {
+               return *dry_run ? PreviewDeleteDir(c, v[0]) : ReportOne(c, DeleteDir(v[0]));
+             },
+             [dry_run](const Values& v) {
+               return *dry_run ? std::vector<GuardedFolder>() : DeleteDirFolders(v[0]);
+             })
+      ->add_flag("--dry-run", *dry_run,
+                 "list what would be deleted, in order, and delete nothing");
   AddCommand(app, common, "file-exists", "test that a file or folder exists; result true or false",
              {{"path", "the path"}}, [](const Common& c, const Values& v) {
                const bool result = IsFileExist(v[0]);
@@ -162,14 +188,16 @@ void AddFileCommands(CLI::App& app, Common& common) {
               {"sub-folder", "name of the folder to unpack into"}},
              [](const Common& c, const Values& v) {
                return ReportOne(c, UnzipPackage(v[0], v[1], v[2], v[3]));
-             });
+             },
+             [](const Values& v) { return UnzipPackageFolders(v[2], v[3]); });
   AddCommand(app, common, "unzip-all-items",
              "unpack every entry of ARCHIVE to TARGET+name; result 1, or 0 when the archive does "
              "not exist",
              {{"target-folder", "folder ending in a backslash"}, {"archive", "the zip file"}},
              [](const Common& c, const Values& v) {
                return ReportOne(c, UnzipAllItems(v[0], v[1]));
-             });
+             },
+             [](const Values& v) { return UnzipAllItemsFolders(v[0]); });
   AddCommand(app, common, "zip-items",
              "list the entries of ARCHIVE with the names as they are unpacked; result the zip "
              "result code",
@@ -180,7 +208,8 @@ void AddFileCommands(CLI::App& app, Common& common) {
                  .append(kUsbDriverFolder)
                  .append("; result 1, or 0 when Uninstall_Inf.bat is missing")
                  .c_str(),
-             {}, [](const Common& c, const Values&) { return ReportOne(c, InstallUSBDriver()); });
+             {}, [](const Common& c, const Values&) { return ReportOne(c, InstallUSBDriver()); },
+             [](const Values&) { return InstallUsbDriverFolders(); });
   AddZipResultText(app, common);
 }
 
