@@ -109,8 +109,12 @@ void RemoveLink(const PathBuffer& path, DWORD attributes) {
   }
 }
 
-// Deletes what `folder` holds; DeleteDir for each sub-folder.
-void DeleteContents(const std::string& folder) {
+// DeleteDir and its preview share this walk. Without `preview` each step is
+// carried out and logged as DeleteDir does; with it each step is only reported.
+int Walk(const std::string& folder, const DeleteStepFn* preview);
+
+// Deletes what `folder` holds; the walk again for each sub-folder.
+void WalkContents(const std::string& folder, const DeleteStepFn* preview) {
   PathBuffer pattern(folder);
   pattern.Append("\\*.*");
   WIN32_FIND_DATAA found;
@@ -120,25 +124,38 @@ void DeleteContents(const std::string& folder) {
     if (IsDotOrDotDot(found.cFileName)) continue;
     const PathBuffer item = ItemPath(folder, found.cFileName);
     if (IsLink(found.dwFileAttributes)) {
-      RemoveLink(item, found.dwFileAttributes);
+      if (preview != nullptr) {
+        (*preview)(OpensAsLink(item.c_str()) ? DeleteStep::kLink : DeleteStep::kKeptLink, item.str());
+      } else {
+        RemoveLink(item, found.dwFileAttributes);
+      }
     } else if (ListsAsFolder(item)) {
-      LogText(kLogDetail, item.str());
-      DeleteDir(item.str());
+      if (preview == nullptr) LogText(kLogDetail, item.str());
+      Walk(item.str(), preview);
+    } else if (preview != nullptr) {
+      (*preview)(DeleteStep::kFile, item.str());
     } else {
       ::DeleteFileA(item.c_str());
     }
   }
 }
 
-}  // namespace
-
-int DeleteDir(const std::string& folder) {
+int Walk(const std::string& folder, const DeleteStepFn* preview) {
   bool removed;
   if (IsLink(::GetFileAttributesA(folder.c_str()))) {
     // A folder that is itself a link is not emptied: only the link goes.
-    removed = OpensAsLink(folder.c_str()) && ::RemoveDirectoryA(folder.c_str());
+    const bool link = OpensAsLink(folder.c_str());
+    if (preview != nullptr) {
+      (*preview)(link ? DeleteStep::kLink : DeleteStep::kKeptLink, folder);
+      return 1;
+    }
+    removed = link && ::RemoveDirectoryA(folder.c_str());
   } else {
-    DeleteContents(folder);
+    WalkContents(folder, preview);
+    if (preview != nullptr) {
+      (*preview)(DeleteStep::kFolder, folder);
+      return 1;
+    }
     removed = ::RemoveDirectoryA(folder.c_str());
   }
   if (!removed) {
@@ -148,6 +165,12 @@ int DeleteDir(const std::string& folder) {
   }
   return 1;
 }
+
+}  // namespace
+
+int DeleteDir(const std::string& folder) { return Walk(folder, nullptr); }
+
+void WalkDeleteDir(const std::string& folder, const DeleteStepFn& step) { Walk(folder, &step); }
 
 bool IsFileExist(const std::string& path) {
   if (::GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES) return true;

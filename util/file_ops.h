@@ -10,6 +10,7 @@
 //   CopyFileInDir(driver_folder, driver_folder + "x64\\");
 #pragma once
 
+#include <functional>
 #include <string>
 
 namespace dorvane {
@@ -37,6 +38,17 @@ int CopyFileInDir(const std::string& destination, const std::string& source);
 // symbolic links) is left in place, and so the folders holding it are too.
 // Returns 1 when the folder itself was removed, 0 otherwise (logged).
 int DeleteDir(const std::string& folder);
+
+// One step of DeleteDir's walk: a file deleted, a folder removed after what it
+// holds, a link removed as a link, or a link that cannot be opened as itself
+// and so stays (with the folders holding it).
+enum class DeleteStep { kFile, kFolder, kLink, kKeptLink };
+using DeleteStepFn = std::function<void(DeleteStep step, const std::string& path)>;
+
+// Takes the walk DeleteDir(folder) would take and calls `step` for each step in
+// its order, children before their folder and `folder` last; removes nothing
+// and logs nothing. For a preview of a deletion that cannot drift from it.
+void WalkDeleteDir(const std::string& folder, const DeleteStepFn& step);
 
 // True when `path` (file or folder) exists; otherwise logs the path with the
 // platform's error number and returns false.

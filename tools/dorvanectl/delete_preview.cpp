@@ -3,49 +3,17 @@
 #include <windows.h>
 
 #include <cstdio>
-#include <cstring>
 #include <optional>
 #include <vector>
 
 #include "tools/dorvanectl/path_guard.h"
-#include "util/path_buffer.h"
-#include "util/scoped_handle.h"
+#include "util/file_ops.h"
 
 namespace dorvane::ctl {
 
 namespace {
 
-// The tests below are DeleteDir's, so that the walk decides as it does. They
-// only look: listings, attributes, and a link opened for its attributes.
-
-bool IsDotOrDotDot(const char* name) {
-  return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
-}
-
-bool IsLink(DWORD attributes) {
-  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
-}
-
-bool OpensAsLink(const char* path) {
-  const DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-  const DWORD flags = FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT;
-  UniqueHandle link(
-      ::CreateFileA(path, FILE_READ_ATTRIBUTES, share, nullptr, OPEN_EXISTING, flags, nullptr));
-  FILE_ATTRIBUTE_TAG_INFO info = {};
-  return link &&
-         ::GetFileInformationByHandleEx(link.get(), FileAttributeTagInfo, &info, sizeof info) &&
-         IsLink(info.FileAttributes);
-}
-
-bool ListsAsFolder(const PathBuffer& path) {
-  FixedText<500> pattern(path.c_str());
-  pattern.Append("//*");
-  WIN32_FIND_DATAA found;
-  UniqueFindHandle listing(::FindFirstFileA(pattern.c_str(), &found));
-  return listing.valid();
-}
-
-enum class Kind { kFile, kFolder, kLink, kKeptLink };
+using Kind = DeleteStep;
 
 struct Step {
   std::string path;
@@ -61,47 +29,6 @@ const char* KindName(Kind kind) {
   }
   return "";
 }
-
-class Walk {
- public:
-  const std::vector<Step>& steps() const { return steps_; }
-
-  // DeleteDir(folder).
-  void Folder(const std::string& folder) {
-    if (IsLink(::GetFileAttributesA(folder.c_str()))) {
-      Link(folder);
-      return;
-    }
-    Contents(folder);
-    steps_.push_back({folder, Kind::kFolder});
-  }
-
- private:
-  void Link(const std::string& path) {
-    steps_.push_back({path, OpensAsLink(path.c_str()) ? Kind::kLink : Kind::kKeptLink});
-  }
-
-  void Contents(const std::string& folder) {
-    PathBuffer pattern(folder);
-    pattern.Append("\\*.*");
-    WIN32_FIND_DATAA found;
-    UniqueFindHandle listing(::FindFirstFileA(pattern.c_str(), &found));
-    while (listing && ::FindNextFileA(listing.get(), &found)) {
-      if (IsDotOrDotDot(found.cFileName)) continue;
-      PathBuffer item(folder);
-      item.Append("\\").Append(found.cFileName);
-      if (IsLink(found.dwFileAttributes)) {
-        Link(item.str());
-      } else if (ListsAsFolder(item)) {
-        Folder(item.str());
-      } else {
-        steps_.push_back({item.str(), Kind::kFile});
-      }
-    }
-  }
-
-  std::vector<Step> steps_;
-};
 
 std::string Count(size_t n, const char* one, const char* many) {
   return std::to_string(n) + " " + (n == 1 ? one : many);
@@ -169,10 +96,15 @@ void PrintTextPreview(const std::vector<Step>& steps, const std::string& summary
 int PreviewDeleteDir(const Common& common, const std::string& folder) {
   // DeleteDir removes nothing from a missing folder or a file.
   const DWORD attributes = ::GetFileAttributesA(folder.c_str());
-  const bool walkable = attributes != INVALID_FILE_ATTRIBUTES &&
-                        (IsLink(attributes) || (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0);
-  Walk walk;
-  if (walkable) walk.Folder(folder);
+  const bool walkable =
+      attributes != INVALID_FILE_ATTRIBUTES &&
+      (attributes & (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) != 0;
+  std::vector<Step> steps;
+  if (walkable) {
+    WalkDeleteDir(folder, [&steps](DeleteStep kind, const std::string& path) {
+      steps.push_back({path, kind});
+    });
+  }
   // A dry run touches nothing, so it runs on a protected folder too, and says
   // what the deletion would need.
   const std::optional<Refusal> refusal = FirstRefusal(DeleteDirFolders(folder));
@@ -180,9 +112,9 @@ int PreviewDeleteDir(const Common& common, const std::string& folder) {
       refusal ? "delete-dir would need --force to delete from " + refusal->Reason() + "."
               : std::string();
   if (common.json) {
-    PrintJsonPreview(walk.steps(), note);
+    PrintJsonPreview(steps, note);
   } else {
-    PrintTextPreview(walk.steps(),
+    PrintTextPreview(steps,
                      walkable ? "dry run: would delete "
                               : "dry run: " + folder + " is no folder; would delete ",
                      note);
