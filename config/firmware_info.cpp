@@ -128,7 +128,7 @@ bool GetOemFirmwareByModel(std::string model_id, std::string path, CarrierFirmwa
 }
 
 bool GetFwPackageInfo(std::string path, FwPackageInfo& package) {
-  if (path.empty()) path = "FwPackageInfo.xml";
+  if (path.empty()) path = kFwPackageInfoName;
   FwPackageInfo fresh;
   table::Document doc;
   if (!doc.Load(path)) return false;

@@ -44,6 +44,10 @@ struct PackageFirmwareInfo {
   std::array<std::string, kFieldCount> fields;
 };
 
+// The package description GetFwPackageInfo reads, in the current folder, when
+// given an empty path.
+inline constexpr char kFwPackageInfoName[] = "FwPackageInfo.xml";
+
 // One package as "FwPackageInfo.xml" describes it.
 class FwPackageInfo {
  public:

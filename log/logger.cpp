@@ -11,6 +11,8 @@ namespace dorvane {
 namespace {
 
 const char kBanner[] = "---------------log start------------------\n";
+// Tag, month, day, hour, minute, second, millisecond.
+#define DORVANE_LINE_PREFIX "%s %02d-%02d %02d:%02d:%02d:%03d: "
 
 const char* TagFor(unsigned level) {
   switch (level) {
@@ -128,13 +130,42 @@ int Logger::WriteV(unsigned level, const char* format, va_list args) {
   }
   SYSTEMTIME t;
   ::GetLocalTime(&t);
-  std::fprintf(f, "%s %02d-%02d %02d:%02d:%02d:%03d: ", TagFor(level), t.wMonth, t.wDay,
-               t.wHour, t.wMinute, t.wSecond, t.wMilliseconds);
+  std::fprintf(f, DORVANE_LINE_PREFIX, TagFor(level), t.wMonth, t.wDay, t.wHour, t.wMinute,
+               t.wSecond, t.wMilliseconds);
+  const Mirror mirror = mirror_.load();
+  va_list again;
+  if (mirror != nullptr) va_copy(again, args);
   int n = std::vfprintf(f, format, args);
   std::fputs("\n", f);
   std::fflush(f);
+  if (mirror != nullptr) {
+    char prefix[64];
+    std::snprintf(prefix, sizeof prefix, DORVANE_LINE_PREFIX, TagFor(level), t.wMonth, t.wDay,
+                  t.wHour, t.wMinute, t.wSecond, t.wMilliseconds);
+    MirrorLine(mirror, prefix, format, again);
+    va_end(again);
+  }
   ::SetEvent(lock_);
   return n;
+}
+
+void Logger::MirrorLine(Mirror mirror, const char* prefix, const char* format, va_list args) {
+  // The file's line is already complete: a mirror that cannot be fed (no
+  // memory) is skipped, and nothing may leave here with the lock taken.
+  try {
+    va_list measure;
+    va_copy(measure, args);
+    const int length = std::vsnprintf(nullptr, 0, format, measure);
+    va_end(measure);
+    if (length < 0) return;
+    std::string line(prefix);
+    const size_t at = line.size();
+    line.resize(at + static_cast<size_t>(length) + 1);
+    std::vsnprintf(&line[at], static_cast<size_t>(length) + 1, format, args);
+    line[at + static_cast<size_t>(length)] = '\n';
+    mirror(line.data(), line.size());
+  } catch (...) {
+  }
 }
 
 void Logger::Close() {

@@ -69,10 +69,22 @@ class Logger {
   // Closes the file; the next Write reopens it and writes a new banner.
   void Close();
 
+  // Receives each line that Write puts into the file, exactly as written there
+  // (tag, time, message, "\n"), while that line's lock is held: lines come one
+  // at a time and in the file's order, each once, on the writing thread. The
+  // banner and lines that find no open file are not passed on. A mirror must
+  // not call the logger.
+  using Mirror = void (*)(const char* line, size_t length);
+  // Sets the mirror (null: none), before the first Write. The service never
+  // sets one; dorvanectl -v shows the library's lines on its standard error.
+  void SetMirror(Mirror mirror) { mirror_.store(mirror); }
+
   std::string path() const;
 
  private:
   int WriteV(unsigned level, const char* format, va_list args);
+  // Formats the line once more for the mirror; called under lock_.
+  static void MirrorLine(Mirror mirror, const char* prefix, const char* format, va_list args);
   void OpenStep();
 
   // Guards path_ alone: a writer reopening the log reads it while the periodic
@@ -90,6 +102,8 @@ class Logger {
   char buffer_[1024] = {};
   bool enabled_ = false;
   bool opened_ = false;
+  // Set once before the first line, read under lock_ by every writer.
+  std::atomic<Mirror> mirror_{nullptr};
 };
 
 }  // namespace dorvane

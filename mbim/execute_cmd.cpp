@@ -1,6 +1,7 @@
 // The worker's side of the AT command channel: open, send one command, free.
 #include <algorithm>
 #include <new>
+#include <utility>
 
 #include "log/logger.h"
 #include "mbim/mbim_channel.h"
@@ -30,23 +31,32 @@ DWORD CStateWork::FreeMBIM() {
 }
 
 bool CStateWork::ExecuteCmd(std::string command, std::string& result) {
-  std::string answer_text;
+  CmdAnswer answer = SendCmd(std::move(command));
+  if (answer.good) result = std::move(answer.text);
+  return answer.good;
+}
+
+CStateWork::CmdAnswer CStateWork::SendCmd(std::string command) {
+  CmdAnswer answer;
   std::string answer_hex;
   command += "\r\n";
   ::Sleep(100);
-  if (channel_ == nullptr || channel_->ExchangeCommand(command, answer_text, answer_hex) != 0) {
+  if (channel_ == nullptr) {
+    answer.exchange = static_cast<DWORD>(E_POINTER);
+  } else {
+    answer.exchange = channel_->ExchangeCommand(command, answer.text, answer_hex);
+  }
+  if (answer.exchange != 0) {
+    answer.text.clear();
     log()->Write(kLogError, "ExecuteCmd");
-    return false;
+    return answer;
   }
-  answer_text.erase(std::remove(answer_text.begin(), answer_text.end(), ' '), answer_text.end());
-  std::string lower = answer_text;
+  answer.text.erase(std::remove(answer.text.begin(), answer.text.end(), ' '), answer.text.end());
+  std::string lower = answer.text;
   if (!lower.empty()) ::CharLowerBuffA(&lower[0], static_cast<DWORD>(lower.size()));
-  if (lower.empty() || lower.find("error") != std::string::npos) {
-    log()->Write(kLogError, "Send Error result:");
-    return false;
-  }
-  result = answer_text;
-  return true;
+  answer.good = !lower.empty() && lower.find("error") == std::string::npos;
+  if (!answer.good) log()->Write(kLogError, "Send Error result:");
+  return answer;
 }
 
 }  // namespace dorvane

@@ -92,6 +92,23 @@ class CStateWork {
   // non-empty and holds no "error" in any case; then `result` gets the answer
   // with its blanks removed. Otherwise `result` is left as it was.
   bool ExecuteCmd(std::string command, std::string& result);
+
+  // Everything one AT command brought back.
+  struct CmdAnswer {
+    // ExchangeCommand's result: 0 when the exchange went through, 1 when no
+    // completion came in time, otherwise the failing step's HRESULT (E_POINTER
+    // without a channel).
+    DWORD exchange = 0;
+    // The answer with its blanks removed; empty when the exchange failed.
+    std::string text;
+    // What ExecuteCmd accepts: the exchange went through and the text is
+    // non-empty and holds no "error" in any case.
+    bool good = false;
+  };
+  // ExecuteCmd's work, with the same pause and the same log lines in the same
+  // order, that also hands back what ExecuteCmd keeps to itself: an answer
+  // judged bad and the exchange's result.
+  CmdAnswer SendCmd(std::string command);
   CMbimChannel* channel() const { return channel_; }
 
   HANDLE event(int index) const { return events_[index]; }

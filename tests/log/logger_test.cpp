@@ -147,6 +147,56 @@ TEST(LoggerConcurrency, LinesFromManyThreadsNeverInterleaveOrGetLost) {
   for (int t = 0; t < kThreads; ++t) EXPECT_EQ(kLines, next[t]);
 }
 
+// What a mirror was given, line by line; the mirror is a plain function, so
+// it collects into one place that each test empties first.
+std::vector<std::string>& Mirrored() {
+  static std::vector<std::string> lines;
+  return lines;
+}
+void Collect(const char* line, size_t length) { Mirrored().emplace_back(line, length); }
+
+// dorvanectl -v: every line the file gets, byte for byte (the file's text mode
+// adds its CR), once, in the file's order, also while eight threads write; the
+// banner is not a line and a mirror set to null gets nothing more.
+TEST(LoggerMirror, GetsEveryWrittenLineOnceInTheFilesOrder) {
+  const std::string path = MakeTempDir("mirror") + "\\x.log";
+  Mirrored().clear();
+  auto log = std::make_unique<Logger>();
+  log->SetMirror(Collect);
+  log->SetLogPath(path);
+  log->Enable(true);
+  log->Write(1, "error %d%%", 7);
+  log->Write(4, std::string("100% ready.\r\n"));
+  std::vector<std::thread> writers;
+  for (int t = 0; t < 8; ++t) {
+    writers.emplace_back([&log, t] {
+      for (int i = 0; i < 200; ++i) log->Write(t == 0 ? 2 : 4, "writer %d line %d %s", t, i, "x");
+    });
+  }
+  for (auto& w : writers) w.join();
+  log->SetMirror(nullptr);
+  log->Write(4, "not mirrored");
+
+  std::string file = ReadFileBytes(path);
+  ASSERT_EQ(0u, file.find(kBannerLine));
+  file.erase(0, sizeof kBannerLine - 1);
+  std::string mirrored;
+  for (const std::string& line : Mirrored()) {
+    ASSERT_FALSE(line.empty());
+    EXPECT_EQ('\n', line.back()) << "one whole line per call";
+    for (char c : line) mirrored += c == '\n' ? std::string("\r\n") : std::string(1, c);
+  }
+  const std::string last = "not mirrored\r\n";
+  ASSERT_GT(file.size(), last.size());
+  EXPECT_EQ(last, file.substr(file.size() - last.size()));
+  file.erase(file.rfind("[DETAIL]"));
+  EXPECT_EQ(file, mirrored);
+  ASSERT_EQ(2u + 8 * 200, Mirrored().size());
+  EXPECT_EQ(0u, Mirrored()[0].find("[ERROR]  ")) << Mirrored()[0];
+  EXPECT_NE(std::string::npos, Mirrored()[0].find(": error 7%\n"));
+  EXPECT_NE(std::string::npos, Mirrored()[1].find(": 100% ready.\r\n\n"));
+}
+
 // Eight writers while the worker's three-hourly check (close, set the path
 // again) runs without pause, over a log just short of the rotation size: every
 // line ends up whole in the log or its backup. While writers keep the log open

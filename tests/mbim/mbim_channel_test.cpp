@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <regex>
 #include <thread>
@@ -214,6 +216,94 @@ TEST_F(ChannelTest, FaultsGiveTheExchangesOwnResultsWithinTheirWaits) {
     for (const std::string& text : c.not_logged) EXPECT_LT(IndexOf(msgs, text), 0) << text;
     ExpectNothingLeft();
   }
+}
+
+// SendCmd, behind dorvanectl at: ExecuteCmd's verdict and log lines, with the
+// answer (also a rejected one) and the exchange's result handed back.
+class AtExchange : public ChannelTest {
+ protected:
+  // Runs `send` on a fresh channel; the log lines it wrote, numbers (request
+  // ids, cookies) blanked so that two runs can be compared.
+  std::vector<std::string> LinesOf(const std::function<void(CStateWork&)>& send) {
+    auto worker = Worker();
+    EXPECT_TRUE(worker->CheckMBIM());
+    ClearLog();
+    send(*worker);
+    WaitIdle();
+    worker->FreeMBIM();
+    std::vector<std::string> lines = tagged();
+    for (std::string& line : lines) line = std::regex_replace(line, std::regex("[0-9]+"), "#");
+    return lines;
+  }
+  static std::vector<std::string> Sorted(std::vector<std::string> lines) {
+    std::sort(lines.begin(), lines.end());
+    return lines;
+  }
+  // The lines without those of the device-service sink.
+  static std::vector<std::string> WorkerLines(std::vector<std::string> lines) {
+    lines.erase(std::remove_if(lines.begin(), lines.end(),
+                               [](const std::string& line) {
+                                 return line.rfind("[DETAIL]On", 0) == 0 || line == "[DETAIL]Set event";
+                               }),
+                lines.end());
+    return lines;
+  }
+};
+
+TEST_F(AtExchange, HandsBackWhatCameWithExecuteCmdsVerdictAndLogLines) {
+  struct Case {
+    const char* reply;   // the module's answer to AT+X, or null for the built-in
+    const char* inject;  // a fault of SetCommand.Complete, or null
+    DWORD exchange;
+    std::string text;
+    bool good;
+  };
+  const Case cases[] = {
+      {"\r\n+CSQ: 23, 99\r\n\r\nOK\r\n", nullptr, 0, "\r\n+CSQ:23,99\r\n\r\nOK\r\n", true},
+      {"\r\n+CME Error: 10\r\n", nullptr, 0, "\r\n+CMEError:10\r\n", false},
+      {nullptr, nullptr, 0, "\r\nERROR\r\n", false},
+      {nullptr, "empty", 0, "", false},
+      {nullptr, "none", 1, "", false},
+      {nullptr, "0x80004005", 1, "", false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.reply ? c.reply : "") + (c.inject ? c.inject : ""));
+    const auto arrange = [this, &c] {
+      UseInterfaces(1);
+      if (c.reply != nullptr) mbnsim::SetReply("AT+X", c.reply);
+      if (c.inject != nullptr) mbnsim::Inject("SetCommand.Complete", c.inject);
+    };
+    arrange();
+    CStateWork::CmdAnswer answer;
+    const auto sent = LinesOf([&answer](CStateWork& w) { answer = w.SendCmd("AT+X"); });
+    EXPECT_EQ(c.exchange, answer.exchange);
+    EXPECT_EQ(c.text, answer.text);
+    EXPECT_EQ(c.good, answer.good);
+
+    arrange();
+    std::string result = "kept";
+    bool ok = !c.good;
+    const auto executed = LinesOf([&](CStateWork& w) { ok = w.ExecuteCmd("AT+X", result); });
+    EXPECT_EQ(c.good, ok);
+    EXPECT_EQ(c.good ? c.text : std::string("kept"), result);
+    // The completions' lines come from COM's threads, in either order with
+    // the worker's own around them: the same lines, and the worker's in the
+    // same order.
+    EXPECT_EQ(Sorted(executed), Sorted(sent));
+    EXPECT_EQ(WorkerLines(executed), WorkerLines(sent));
+  }
+  UseInterfaces(1);
+  const auto none = LinesOf([](CStateWork& w) {
+    w.FreeMBIM();
+    const CStateWork::CmdAnswer answer = w.SendCmd("AT");
+    EXPECT_EQ(static_cast<DWORD>(E_POINTER), answer.exchange) << "no channel";
+    EXPECT_FALSE(answer.good);
+  });
+  EXPECT_EQ(std::vector<std::string>({"[DETAIL]FreeMBIM enter.", "[DETAIL]Unadvise:Event done, cookie = #",
+                                      "[DETAIL]Close event", "[DETAIL]CoUninitialize",
+                                      "[ERROR] ExecuteCmd"}),
+            none);
+  ExpectNothingLeft();
 }
 
 TEST_F(ChannelTest, ServiceWaitIsFiveSecondsWhenTheModuleNeverAnswers) {

@@ -1,7 +1,8 @@
-"""dorvanectl under Wine: the table, registry and device-configuration commands
-on small tables and Wine's real registry, in JSON, with their exit statuses.
+"""dorvanectl under Wine: the table, registry, device-configuration and AT
+commands on small tables, Wine's real registry and the simulated module, as
+text and JSON, with their exit statuses, and the command line itself.
 
-    test_dorvanectl.py --dorvanectl dorvanectl.exe --work DIR --base PREFIX
+    test_dorvanectl.py --dorvanectl dorvanectl.exe --mbnsim-dir DIR --work DIR --base PREFIX
 """
 import json
 import os
@@ -52,6 +53,17 @@ SCATTER = """<root><general/><storage_type>
 </storage_type></root>"""
 
 
+def text_lines(result, wine_noise=False):
+    """The run with its standard error's line ends read as its output's are.
+    `wine_noise`: also without Wine's own complaint of a thread that a
+    simulator-using process left talking to the wine server as it exited."""
+    err = result.stderr.replace("\r\n", "\n")
+    if wine_noise:
+        err = "".join(l for l in err.splitlines(True) if not re.match(r"wine client error:\w+: ", l))
+    result.stderr = err
+    return result
+
+
 def blank(n, first=None, values=None):
     """n empty fields, with `values` placed from index `first`."""
     fields = [""] * n
@@ -82,7 +94,7 @@ class TableCommands(unittest.TestCase):
         cls.box.close(discard=True)
 
     def run_ctl(self, *args):
-        return self.box.run([self.ctl] + list(args), timeout=60)
+        return text_lines(self.box.run([self.ctl] + list(args), timeout=60))
 
     def json_of(self, *args, status=0):
         result = self.run_ctl("--json", *args)
@@ -94,7 +106,6 @@ class TableCommands(unittest.TestCase):
         cases = [
             (["carrier-id-by-mccmnc", "310260", t + "rules.xml"], 0, {"result": True, "output": "TMO"}),
             (["carrier-id-by-mccmnc", "999", t + "rules.xml"], 0, {"result": True, "output": ""}),
-            (["carrier-id-by-mccmnc", "310260", t + "broken.xml"], 1, {"result": False, "output": ""}),
             (["carrier-id-by-mcc", "310", t + "rules.xml"], 0, {"result": True, "output": " US "}),
             (["carrier-id-by-mcc", "311", t + "rules.xml"], 1, {"result": False, "output": ""}),
             (["carrier-id-by-iccid", "89012601234567890123", t + "rules.xml"], 0,
@@ -122,7 +133,11 @@ class TableCommands(unittest.TestCase):
         ]
         for args, status, expected in cases:
             with self.subTest(args=args):
-                self.assertEqual(expected, self.json_of(*args, status=status))
+                answer = self.json_of(*args, status=status)
+                # The same texts by name: see test_json_records_are_keyed_as_the_text_shows_them.
+                answer.pop("record", None)
+                answer.pop("records", None)
+                self.assertEqual(expected, answer)
 
     def test_preset_shows_what_a_failed_lookup_leaves(self):
         t = r"C:\tables" + "\\"
@@ -131,8 +146,7 @@ class TableCommands(unittest.TestCase):
         answer = self.json_of("--preset", "P", "carrier-firmware", "TMO", t + "carriers.xml")
         self.assertEqual(["TMO"] + ["P"] * 6, answer["fields"][:7], "fields the reader does not write")
         self.assertEqual({"result": 0, "output": "P"},
-                         self.json_of("--preset", "P", "regulatory-by-mcc", t + "missing.xml", "460",
-                                      status=1))
+                         self.json_of("--preset", "P", "regulatory-by-mcc", t + "region.xml", "", status=1))
 
     def test_scatter_is_rewritten_in_place(self):
         with open(self.scatter, "w") as f:
@@ -199,6 +213,187 @@ class TableCommands(unittest.TestCase):
         text = self.run_ctl("carrier-id-by-mccmnc", "310260", t + "rules.xml")
         self.assertEqual("result: true\noutput: TMO\n", text.stdout)
 
+
+    def one_object(self, result):
+        """The one JSON object a --json run printed, whatever its exit."""
+        lines = result.stdout.splitlines()
+        self.assertEqual(1, len(lines), result.stdout + result.stderr)
+        return json.loads(lines[0])
+
+    def test_tables_that_cannot_be_read_are_refused_before_the_lookup(self):
+        t = r"C:\tables" + "\\"
+        os.makedirs(self.box.unix_path(t + "folder.xml"), exist_ok=True)
+        for name, text in [("empty.xml", ""), ("rootless.xml", "<?xml version=\"1.0\"?>\n<!-- none -->\n"),
+                           ("mismatch.xml", "<R>\n<SwitchingRule>\n<SelectionRule>\n</MCCTable>\n</R>\n")]:
+            with open(self.box.unix_path(t + name), "w") as f:
+                f.write(text)
+        problems = [
+            ("missing.xml", "no such file"),
+            ("folder.xml", "is a folder, not a file"),
+            ("empty.xml", "is empty"),
+            ("broken.xml", "not well-formed XML: XML_ERROR_MISMATCHED_ELEMENT at line 1"),
+            ("mismatch.xml", "not well-formed XML: XML_ERROR_MISMATCHED_ELEMENT at line 3"),
+            ("rootless.xml", "not well-formed XML: no root element"),
+        ]
+        commands = [lambda p: ["carrier-id-by-mccmnc", "310260", p], lambda p: ["carrier-firmware", "TMO", p],
+                    lambda p: ["param-firmware-by-sku", "A", "EU", p], lambda p: ["fw-package-info", p],
+                    lambda p: ["esim-disable-type", p, "--sku", "X13"], lambda p: ["regulatory-by-mcc", p, "460"],
+                    lambda p: ["package-info-firmware", "310", p], lambda p: ["selection-rule-by-mcc", "310", p]]
+        log = t + "refused.log"
+        for i, (name, problem) in enumerate(problems):
+            args = commands[i % len(commands)](t + name)
+            with self.subTest(args=args):
+                result = self.run_ctl("--log", log, *args)
+                self.assertEqual((2, "", "dorvanectl: %s%s: %s\n" % (t, name, problem)),
+                                 (result.returncode, result.stdout, result.stderr))
+                result = self.run_ctl("--log", log, *args, "--json")
+                self.assertEqual(2, result.returncode)
+                self.assertEqual({"result": None, "error": "%s%s: %s" % (t, name, problem)}, self.one_object(result))
+        with open(self.box.unix_path(log), "rb") as f:
+            self.assertEqual([], winebox.messages(winebox.parse_log(f.read())), "no lookup ran")
+
+        # The fixed files: what the lookup would read is what is named.
+        scatter = r"C:\Windows\WWAN\FwSwitchBin\FlashData\scatter.xml"
+        if os.path.exists(self.scatter):
+            os.remove(self.scatter)
+        for args, expected in [
+                (["update-scatter", ";true;"],
+                 "%s: no such file (the file update-scatter always rewrites)" % scatter),
+                (["fw-package-info", ""],
+                 "FwPackageInfo.xml: no such file (an empty path reads FwPackageInfo.xml in the current folder)"),
+                (["carrier-id-by-mcc", "310", ""], "the table's path is empty")]:
+            with self.subTest(args=args):
+                result = self.run_ctl(*args)
+                self.assertEqual((2, "dorvanectl: %s\n" % expected), (result.returncode, result.stderr))
+        # Still as the library answers once the table loads: the key is not there.
+        self.assertEqual({"result": False, "output": ""},
+                         self.json_of("carrier-id-by-mcc", "999", t + "rules.xml", status=1))
+
+    def test_json_gives_one_object_on_every_exit_path(self):
+        t = r"C:\tables" + "\\"
+        unwritable = t + "rules.xml\\x.log"
+        cases = [
+            (0, False, ["--json", "carrier-id-by-mcc", "310", t + "rules.xml"]),
+            (0, False, ["carrier-id-by-mcc", "--json", "310", t + "rules.xml"]),
+            (0, False, ["carrier-id-by-mcc", "310", t + "rules.xml", "--timeout", "0x10", "--json"]),
+            (1, False, ["carrier-id-by-mcc", "311", t + "rules.xml", "--json"]),
+            (2, True, ["carrier-id-by-mcc", "310", "--json"]),
+            (2, True, ["carrier-id-by-mcc", "310", t + "rules.xml", "--timeout", "010x", "--json"]),
+            (2, True, ["carrier-id-by-mcc", "310", t + "rules.xml", "surplus", "--json"]),
+            (2, True, ["--json", "carrier-id-by-mc"]),
+            (2, True, ["--json"]),
+            (2, True, ["--json", "--log", unwritable, "carrier-id-by-mcc", "310", t + "rules.xml"]),
+            (2, True, ["--json", "carrier-id-by-mcc", "310", t + "missing.xml"]),
+            (4, True, ["--json", "param-firmware-by-sku", "B", "EU", t + "skus.xml", "--timeout", "1"]),
+            (0, False, ["--json", "--version"]),
+            (0, False, ["--json", "--help"]),
+            (0, False, ["help", "--json"]),
+        ]
+        for status, error, args in cases:
+            with self.subTest(args=args):
+                result = self.run_ctl(*args)
+                self.assertEqual(status, result.returncode, result.stderr)
+                answer = self.one_object(result)
+                self.assertIn("result", answer)
+                if error:
+                    self.assertEqual("dorvanectl: %s\n" % answer["error"], result.stderr)
+                else:
+                    self.assertNotIn("error", answer)
+        self.assertEqual({"result": None,
+                          "error": "unknown command 'carrier-id-by-mc'; did you mean 'carrier-id-by-mcc'?"},
+                         self.one_object(self.run_ctl("--json", "carrier-id-by-mc")))
+        self.assertTrue(self.one_object(self.run_ctl("--json", "--version"))["version"].startswith("dorvanectl "))
+
+    def test_json_records_are_keyed_as_the_text_shows_them(self):
+        t = r"C:\tables" + "\\"
+        for args in (["carrier-firmware", "TMO", t + "carriers.xml"],
+                     ["package-info-firmware", "310", t + "package_info.xml"]):
+            with self.subTest(args=args):
+                text = self.run_ctl(*args).stdout.splitlines()
+                shown = {}
+                for line in text[2:]:
+                    match = re.match(r"^  +\d+ (.{18}) (.*)$", line)
+                    self.assertIsNotNone(match, line)
+                    shown[match.group(1).rstrip()] = match.group(2)
+                answer = self.json_of(*args)
+                self.assertEqual(shown, answer["record"])
+                self.assertEqual(list(shown.values()), answer["fields"])
+        record = self.json_of("carrier-firmware", "TMO", t + "carriers.xml")["record"]
+        self.assertEqual(("TMO", "md", "OP"), (record["carrier id"], record["MD file"], record["OP type"]))
+        answer = self.json_of("fw-package-info", t + "FwPackageInfo.xml")
+        self.assertEqual(1, len(answer["records"]))
+        self.assertEqual(("TMO", "fw.bin", ""), (answer["records"][0]["carrier id"],
+                                                 answer["records"][0]["image file"],
+                                                 answer["records"][0]["switch table file"]))
+
+    def test_command_line_is_strict_and_helpful(self):
+        t = r"C:\tables" + "\\"
+        for args, message in [
+                (["frobnicate"], "unknown command 'frobnicate'; 'dorvanectl help' lists the commands"),
+                (["carrier-firmwre", "TMO"], "unknown command 'carrier-firmwre'; did you mean 'carrier-firmware'?"),
+                (["regulatroy-by-mcc"], "unknown command 'regulatroy-by-mcc'; did you mean 'regulatory-by-mcc'?"),
+                (["reg"], "unknown command 'reg'; did you mean one of 'regulatory-by-mcc', 'reg-get', 'reg-set', "
+                           "'reg-set-dword'?"),
+                ([], "a command is required: dorvanectl [OPTIONS] COMMAND ARGS... ('dorvanectl help' lists the "
+                     "commands)"),
+                (["help", "lnit"], "help: unknown command 'lnit'; did you mean 'lint'?"),
+                (["carrier-id-by-mcc", "310", t + "rules.xml", "--timeout", "-1"],
+                 "carrier-id-by-mcc: --timeout: not a number (decimal digits, or 0x and hexadecimal digits): -1 "
+                 "(see 'dorvanectl help carrier-id-by-mcc')"),
+                (["carrier-id-by-mcc", "310", t + "rules.xml", "--timeout", "99999999999"],
+                 "carrier-id-by-mcc: --timeout: 99999999999 is out of range (1 to 2147483647) "
+                 "(see 'dorvanectl help carrier-id-by-mcc')")]:
+            with self.subTest(args=args):
+                result = self.run_ctl(*args)
+                self.assertEqual((2, "", "dorvanectl: %s\n" % message),
+                                 (result.returncode, result.stdout, result.stderr))
+        # Decimal, even with a leading zero, or hex after 0x.
+        for value in ("010", "0x1"):
+            self.assertEqual(0, self.run_ctl("carrier-id-by-mcc", "310", t + "rules.xml", "--timeout", value).returncode)
+
+        listing = self.run_ctl("help")
+        self.assertEqual((0, ""), (listing.returncode, listing.stderr))
+        self.assertTrue(listing.stdout.startswith("dorvanectl: the command line"), listing.stdout)
+        self.assertIn("Usage: dorvanectl [OPTIONS] SUBCOMMAND\n", listing.stdout)
+        self.assertEqual(listing.stdout, self.run_ctl("--help").stdout)
+        commands = re.findall(r"^  ([a-z][a-z-]+) {2,}", listing.stdout.split("Subcommands:")[1], re.M)
+        self.assertEqual(31, len(commands), commands)
+        for command in commands:
+            with self.subTest(command=command):
+                result = self.run_ctl("help", command)
+                self.assertEqual((0, ""), (result.returncode, result.stderr))
+                self.assertEqual(result.stdout, self.run_ctl(command, "--help").stdout)
+                self.assertIn("\nUsage: dorvanectl %s " % command, result.stdout)
+                self.assertRegex(result.stdout, r"\nExample:\n  dorvanectl .*%s" % re.escape(command))
+                positionals = result.stdout.split("Positionals:\n")[1].split("\n\n")[0] \
+                    if "Positionals:" in result.stdout else ""
+                # A long name pushes its description to the next line.
+                for entry in re.split(r"\n(?=  \S)", positionals) if positionals else []:
+                    self.assertRegex(entry, r"^  \S+ [A-Z]+( \.\.\.)?( REQUIRED)?\s+\S", "a described positional")
+
+    def test_verbose_shows_the_librarys_log_lines_as_they_are_written(self):
+        t = r"C:\tables" + "\\"
+        log = t + "verbose.log"
+        for args in (["-v", "carrier-id-by-mccmnc", "310260", t + "rules.xml"],
+                     ["regulatory-by-mcc", t + "region.xml", "460", "--verbose"],
+                     ["--verbose", "carrier-id-by-mccmnc", "310260", t + "broken.xml"]):
+            with self.subTest(args=args):
+                path = self.box.unix_path(log)
+                if os.path.exists(path):
+                    os.remove(path)
+                result = self.run_ctl("--log", log, *args)
+                with open(path, "rb") as f:
+                    written = f.read().decode("latin-1").replace("\r\n", "\n")
+                self.assertTrue(written.startswith(winebox.BANNER + "\n"), written)
+                lines = written[len(winebox.BANNER) + 1:]
+                mirrored = result.stderr
+                if result.returncode == 2:
+                    self.assertEqual("", lines, "a refused table runs no lookup")
+                else:
+                    self.assertNotEqual("", lines)
+                    self.assertEqual(lines, mirrored)
+        result = self.run_ctl("--log", log, "carrier-id-by-mccmnc", "310260", t + "rules.xml")
+        self.assertEqual("", result.stderr, "without -v nothing but messages")
 
     # dorvanectl lint: the same tables, read as the lookups read them.
 
@@ -352,17 +547,152 @@ class RegistryCommands(unittest.TestCase):
         self.assertNotEqual(0, query.returncode, "nothing was created")
         self.assertEqual(2, self.box.run([self.ctl, "reg-set-dword", "K", "N", "many"]).returncode)
 
+    def test_numbers_types_and_dword_values(self):
+        key = r"SOFTWARE\DorvaneCtl"
+        for text, stored in (("010", "0A 00 00 00 "), ("0x10", "10 00 00 00 "), ("4294967295", "FF FF FF FF "),
+                             ("0XfF", "FF 00 00 00 ")):
+            with self.subTest(value=text):
+                self.assertEqual({"result": 0}, self.json_of("reg-set-dword", key, "Num", text))
+                self.assertEqual(stored, self.json_of("reg-get", "--raw", key, "Num")["bytes"])
+        for text in ("-1", "+1", "4294967296", "0x100000000", "1e3", "0x", "", " 5", "0b1", "0o7", "8 "):
+            with self.subTest(value=text):
+                result = text_lines(self.box.run([self.ctl, "reg-set-dword", key, "Num", text]))
+                self.assertEqual(2, result.returncode, result.stdout + result.stderr)
+                self.assertTrue(result.stderr.startswith("dorvanectl: reg-set-dword: value: "), result.stderr)
+        self.assertEqual("FF 00 00 00 ", self.json_of("reg-get", "--raw", key, "Num")["bytes"], "nothing stored")
+
+        for given, kind in (("REG_BINARY", 3), ("reg_dword_big_endian", 5), ("4", 4), ("0x3", 3), ("REG_SZ", 1)):
+            with self.subTest(type=given):
+                self.assertEqual({"result": 0}, self.json_of("reg-set-dword", key, "Typed", "7", "--type", given))
+                self.assertEqual(kind, self.json_of("reg-get", "--raw", key, "Typed")["type"])
+        for given in ("12", "REG_FOO", "DWORD", "-4"):
+            with self.subTest(type=given):
+                result = text_lines(self.box.run([self.ctl, "reg-set-dword", key, "Typed", "7", "--type", given]))
+                self.assertEqual(2, result.returncode)
+                self.assertTrue(result.stderr.startswith(
+                    "dorvanectl: reg-set-dword: --type: not a registry value type: %s (REG_NONE, " % given),
+                    result.stderr)
+
+        # A REG_DWORD shows its number; a string stays its text.
+        self.assertEqual({"result": 0}, self.json_of("reg-set-dword", key, "Flag", "0x12345678"))
+        self.assertEqual({"result": 0, "type": 4, "output": "305419896", "number": 305419896},
+                         self.json_of("reg-get", key, "Flag"))
+        text = self.box.run([self.ctl, "reg-get", key, "Flag"])
+        self.assertEqual((0, "result: 0\ntype: 4 (REG_DWORD)\noutput: 305419896 (0x12345678)\n"),
+                         (text.returncode, text.stdout))
+        text = self.box.run([self.ctl, "reg-get", key, "Family"])
+        self.assertEqual("result: 0\ntype: 1 (REG_SZ)\noutput: ThinkPad\n", text.stdout)
+
     def test_device_configuration(self):
         self.assertEqual({"result": True, "output": "CFG-13"}, self.json_of("device-config-id", r"C:\device.xml"))
+        answer = self.json_of("--preset", "P", "cfg-pk-info", "CFG-13", "310")
         self.assertEqual({"result": True, "fields": ["P", "P", "", "us.bin", "3", "USA", "310"], "count": 12},
-                         self.json_of("--preset", "P", "cfg-pk-info", "CFG-13", "310"))
-        self.assertEqual({"result": False, "fields": ["P"] * 7, "count": 0},
-                         self.json_of("--preset", "P", "cfg-pk-info", "cfg-13", "310", status=1))
+                         {k: answer[k] for k in ("result", "fields", "count")})
+        answer = self.json_of("--preset", "P", "cfg-pk-info", "cfg-13", "310", status=1)
+        self.assertEqual({"result": False, "fields": ["P"] * 7, "count": 0}, {k: answer[k] for k in
+                                                                            ("result", "fields", "count")})
+        answer = self.json_of("cfg-pk-info", "CFG-13", "310")
+        self.assertEqual({"text 0": "", "text 1": "", "text 2": "", "file": "us.bin", "version": "3", "type": "USA",
+                          "mcc": "310", "count": 12}, answer["record"])
+        result = text_lines(self.box.run([self.ctl, "device-config-id", r"C:\none.xml"]))
+        self.assertEqual((2, "dorvanectl: C:\\none.xml: no such file\n"), (result.returncode, result.stderr))
+
+
+class AtCommand(unittest.TestCase):
+    """dorvanectl at against the simulated module: what the module answers,
+    good or bad, and what comes when it does not answer."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.box = WineBox(os.path.join(ARGS.work, "at"), base=ARGS.base)
+        cls.ctl = cls.box.put_file(ARGS.dorvanectl, r"C:\Program Files\Dorvane")
+        cls.box.install_simulator(ARGS.mbnsim_dir)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.box.close(discard=True)
+
+    def setUp(self):
+        self.box.simctl("reset", 1)
+
+    def at(self, *args):
+        return text_lines(self.box.run([self.ctl] + list(args)), wine_noise=True)
+
+    def test_good_and_error_answers_are_printed_as_they_came(self):
+        result = self.at("at", "AT+CGMI")
+        self.assertEqual((0, "\nDorvaneLabs\n\nOK\n", ""), (result.returncode, result.stdout, result.stderr))
+        self.box.simctl("reply", "AT+CME", "\\r\\n+CME ERROR: 10\\r\\n")
+        result = self.at("at", "AT+CME", "--hex")
+        self.assertEqual((1, "\n+CMEERROR:10\n0D 0A 2B 43 4D 45 45 52 52 4F 52 3A 31 30 0D 0A \n",
+                          "dorvanectl: no good answer: the module answered with an error\n"),
+                         (result.returncode, result.stdout, result.stderr))
+        result = self.at("--json", "at", "AT+CME")
+        self.assertEqual(1, result.returncode)
+        self.assertEqual({"result": False, "exchange": 0, "output": "\r\n+CMEERROR:10\r\n",
+                          "error": "no good answer: the module answered with an error"}, json.loads(result.stdout))
+        self.assertEqual("dorvanectl: no good answer: the module answered with an error\n", result.stderr)
+        result = self.at("at", "AT+CGMM", "--json")
+        self.assertEqual((0, {"result": True, "exchange": 0, "output": "\r\nDVS-5G20\r\n\r\nOK\r\n"}),
+                         (result.returncode, json.loads(result.stdout)))
+        self.box.simctl("inject", "SetCommand.Complete", "empty")
+        result = self.at("at", "AT")
+        self.assertEqual((1, "", "dorvanectl: no good answer: the module's answer is empty\n"),
+                         (result.returncode, result.stdout, result.stderr))
+        self.assertNothingLeft()
+
+    def test_no_answer_within_the_waits_is_exit_4(self):
+        self.box.simctl("inject", "SetCommand.Complete", "none")
+        result = self.at("at", "AT")
+        message = "no answer came from the module within 5 s (exchange result 1)"
+        self.assertEqual((4, "", "dorvanectl: %s\n" % message), (result.returncode, result.stdout, result.stderr))
+        result = self.at("--json", "--preset", "P", "at", "AT", "--hex")
+        self.assertEqual((4, {"result": False, "exchange": 1, "output": "P", "hex": "", "error": message}),
+                         (result.returncode, json.loads(result.stdout)))
+
+    def test_an_empty_command_is_refused_and_nothing_is_sent(self):
+        for command in ("", "   "):
+            with self.subTest(command=command):
+                result = self.at("at", command)
+                self.assertEqual((2, "", "dorvanectl: at: the AT command is empty (nothing was sent)\n"),
+                                 (result.returncode, result.stdout, result.stderr))
+        result = self.at("--json", "at", "")
+        self.assertEqual({"result": None, "error": "at: the AT command is empty (nothing was sent)"},
+                         json.loads(result.stdout))
+        last = self.box.run(self.box.simctl_args("last"))
+        self.assertEqual((1, "mbnsimctl: no command was sent"), (last.returncode, (last.stdout + last.stderr).strip()))
+        self.assertEqual({}, self.box.sim_counters(), "the simulator was not even asked")
+
+    def test_without_a_modem_one_object_and_exit_3(self):
+        self.box.simctl("reset", 0)
+        result = self.at("at", "AT", "--json")
+        message = "no WWAN modem found (no Mobile Broadband interface, or no Mobile Broadband stack)"
+        self.assertEqual((3, {"result": False, "error": message}), (result.returncode, json.loads(result.stdout)))
+        self.assertEqual("dorvanectl: %s\n" % message, result.stderr)
+
+    def test_verbose_shows_the_channels_lines_in_order(self):
+        log = r"C:\at.log"
+        result = self.at("--log", log, "at", "AT", "-v")
+        self.assertEqual(0, result.returncode)
+        with open(self.box.unix_path(log), "rb") as f:
+            records = winebox.parse_log(f.read())
+        mirrored = winebox.parse_log(result.stderr.encode("latin-1"))
+        self.assertEqual([(r.tag, r.stamp, r.message) for r in records if r.tag != "banner"],
+                         [(r.tag, r.stamp, r.message) for r in mirrored])
+        self.assertEqual(["Check MBIM enter", "CoUninitialize"], [mirrored[0].message, mirrored[-1].message])
+
+    def assertNothingLeft(self):
+        counters = self.box.sim_counters()
+        self.assertTrue(counters)
+        for pid, c in counters.items():
+            self.assertEqual({"LiveObjects": 0, "AdvisedSinks": 0, "BadReleases": 0, "BadUnadvises": 0,
+                              "PendingCompletions": 0},
+                             {k: c[k] for k in ("LiveObjects", "AdvisedSinks", "BadReleases", "BadUnadvises",
+                                                "PendingCompletions")}, "process %d" % pid)
 
 
 def main():
     global ARGS
-    ARGS, run = winebox.test_main("dorvanectl", "work", "base")
+    ARGS, run = winebox.test_main("dorvanectl", "mbnsim-dir", "work", "base")
     run()
 
 

@@ -65,6 +65,10 @@ class FileCommands(unittest.TestCase):
     def log_text(self):
         return self.read(LOG).decode("latin-1") if self.exists(LOG) else ""
 
+    def log_messages(self):
+        text = self.log_text()
+        return winebox.messages(winebox.parse_log(text.encode("latin-1"))) if text else []
+
     def test_folders_existence_and_processes(self):
         self.put("C:\\t1\\src\\a.txt", "a")
         self.box.run(["cmd", "/c", "mkdir", "C:\\t1\\dst"])
@@ -75,8 +79,16 @@ class FileCommands(unittest.TestCase):
 
         self.assertEqual((0, {"result": True}), self.ctl("file-exists", "C:\\t1\\dst\\a.txt"))
         self.assertEqual((1, {"result": False}), self.ctl("file-exists", "C:\\t1\\dst\\b.txt"))
-        self.assertEqual((0, {"result": None}), self.ctl("make-folders", "C:\\t1\\m/n\\o/"))
+        chain = ["C:", "C:\\t1", "C:\\t1\\m", "C:\\t1\\m\\n", "C:\\t1\\m\\n\\o"]
+        self.assertEqual((0, {"result": True, "folders": chain, "made": chain[2:]}),
+                         self.ctl("make-folders", "C:\\t1\\m/n\\o/"))
         self.assertTrue(self.exists("C:\\t1\\m\\n\\o"))
+        self.assertEqual((0, {"result": True, "folders": chain[:3], "made": []}),
+                         self.ctl("make-folders", "C:\\t1\\m\\not-made"))
+        self.assertEqual((1, {"result": False, "folders": chain[:2] + ["C:\\t1\\dst", "C:\\t1\\dst\\a.txt",
+                                                                    "C:\\t1\\dst\\a.txt\\x"],
+                              "made": [], "error": "make-folders: C:\\t1\\dst\\a.txt is not a folder afterwards"}),
+                         self.ctl("make-folders", "C:\\t1\\dst\\a.txt\\x\\"))
         self.assertEqual((0, {"result": 1}), self.ctl("delete-dir", "C:\\t1"))
         self.assertFalse(self.exists("C:\\t1"))
         self.assertEqual((1, {"result": 0}), self.ctl("delete-dir", "C:\\t1"))
@@ -195,8 +207,10 @@ class FileCommands(unittest.TestCase):
         self.assertEqual(b"A" * 5000, self.read("C:\\t2\\out\\fw\\img\\a.bin"))
         self.assertEqual(b"up", self.read("C:\\t2\\out\\fw\\up.txt"))
         self.assertFalse(self.exists("C:\\t2\\out\\x"), "listed as ../x, never unpacked there")
-        self.assertEqual((1, {"result": 0}),
+        missing = "C:\\t2\\pkg\\no.zip: no such file (unzip-package gives 0 for a package that does not exist)"
+        self.assertEqual((1, {"result": 0, "error": missing}),
                          self.ctl("unzip-package", "C:\\t2\\pkg\\", "no.zip", "C:\\t2\\out\\", "fw"))
+        self.assertIn("Unzip Package not exist.", self.log_text(), "the library ran and gave its 0")
 
         self.assertEqual((0, {"result": 1}),
                          self.ctl("unzip-all-items", "C:\\t2\\all\\", "C:\\t2\\pkg\\fw.zip"))
@@ -207,6 +221,32 @@ class FileCommands(unittest.TestCase):
         status, listing = self.ctl("zip-items", "C:\\t2\\bad.zip")
         self.assertEqual((1, 0x700, "Zipfile is corrupt or not a zipfile"),
                          (status, listing["result"], listing["text"]))
+
+    def test_archives_that_cannot_be_read(self):
+        self.put("C:\\t7\\empty.zip", b"")
+        os.makedirs(self.box.unix_path("C:\\t7\\folder.zip"))
+        before = self.log_messages()
+        for args, problem in [
+                (["zip-items", "C:\\t7\\none.zip"], "C:\\t7\\none.zip: no such file"),
+                (["zip-items", "C:\\t7\\folder.zip"], "C:\\t7\\folder.zip: is a folder, not a file"),
+                (["zip-items", "C:\\t7\\empty.zip"], "C:\\t7\\empty.zip: is empty"),
+                (["unzip-all-items", "C:\\t7\\out\\", "C:\\t7\\folder.zip"],
+                 "C:\\t7\\folder.zip: is a folder, not a file"),
+                (["unzip-package", "C:\\t7\\", "empty.zip", "C:\\t7\\", "out"], "C:\\t7\\empty.zip: is empty")]:
+            with self.subTest(args=args):
+                result = self.box.run([self.ctl_path, "--log", LOG] + args)
+                self.assertEqual((2, "", "dorvanectl: %s" % problem),
+                                 (result.returncode, result.stdout, result.stderr.strip()))
+                self.assertEqual((2, {"result": None, "error": problem}), self.ctl(*args))
+        self.assertFalse(self.exists("C:\\t7\\out"), "nothing unpacked, no folder made")
+        self.assertEqual(before, self.log_messages(),
+                         "the library was not asked")
+        # A package that is not there: the library's documented 0, with the reason.
+        result = self.box.run([self.ctl_path, "--log", LOG, "unzip-all-items", "C:\\t7\\out\\", "C:\\t7\\none.zip"])
+        self.assertEqual((1, "0\n", "dorvanectl: C:\\t7\\none.zip: no such file (unzip-all-items gives 0 for a "
+                                     "package that does not exist)"),
+                         (result.returncode, result.stdout, result.stderr.strip()))
+        self.assertIn("unZip file not exist.", self.log_text())
 
     def test_usb_driver_installation(self):
         self.assertEqual((1, {"result": 0}), self.ctl("install-usb-driver"))
@@ -225,7 +265,11 @@ class FileCommands(unittest.TestCase):
         self.assertEqual((0, {"result": 24, "text": "Culdn't duplicate handle"}),
                          self.ctl("zip-result-text", "256"))
         self.assertEqual((0, {"result": 7, "text": "Success"}), self.ctl("zip-result-text", "1"))
-        self.assertEqual(2, self.ctl("zip-result-text", "0x7G")[0])
+        self.assertEqual((2, {"result": None, "error": "not a result code: 0x7G"}), self.ctl("zip-result-text", "0x7G"))
+        self.assertEqual((0, {"result": 35, "text": "Zipfile is corrupt or not a zipfile"}),
+                         self.ctl("zip-result-text", "01792"), "decimal, also after a zero")
+        self.assertEqual(2, self.ctl("zip-result-text", "-1")[0])
+        self.assertEqual(2, self.ctl("zip-result-text", "1", "--size", "010x")[0])
         self.assertEqual(2, self.ctl("copy-dir", "C:\\only-one")[0])
         self.assertEqual(2, self.ctl("unzip-package", "a", "b", "c")[0])
 

@@ -1,9 +1,9 @@
 // dorvanectl: the command line of the WWAN Dorvane library.
 //
-//   dorvanectl [--json] [--preset TEXT] [--log FILE] COMMAND ARGS...
+//   dorvanectl [--json] [-v] [--preset TEXT] [--log FILE] COMMAND ARGS...
 //
 // The library's log lines go to FILE (default: dorvanectl.log in the temporary
-// folder). Exit status: see ExitCode.
+// folder), and with -v to standard error as well. Exit status: see ExitCode.
 #include <windows.h>
 #include <winver.h>
 #include <fcntl.h>
@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <string>
 
 #include "log/logger.h"
@@ -101,6 +102,17 @@ int ReportResult(const Common& common, const nlohmann::json& result, bool succes
   return success ? kOk : kFailed;
 }
 
+int Fail(const Common& common, int status, const std::string& message, nlohmann::json object) {
+  std::fflush(stdout);
+  std::fprintf(stderr, "dorvanectl: %s\n", message.c_str());
+  std::fflush(stderr);
+  if (common.json) {
+    object["error"] = Text(message);
+    PrintJson(object);
+  }
+  return status;
+}
+
 void PrintJson(const nlohmann::json& object) { PrintRaw(object.dump() + "\n"); }
 
 void PrintRaw(const std::string& text) {
@@ -156,16 +168,47 @@ void CheckLogIsWritable(const std::string& path) {
   std::fclose(file);
 }
 
+// -v: each line the library logs, as the logger writes it to the file. Called
+// under the logger's lock, so lines from every thread come one at a time and in
+// the file's order; stderr is flushed after each, so none is lost at exit.
+void MirrorToStandardError(const char* line, size_t length) {
+  std::fwrite(line, 1, length, stderr);
+  std::fflush(stderr);
+}
+
+// Whether --json is on the command line (before a "--"). A failed parse may
+// stop before the flag is stored, and its message is due as JSON all the same.
+bool JsonOnCommandLine(int argc, char** argv) {
+  bool json = false;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--") break;
+    if (arg == "--json") json = true;
+    if (arg.rfind("--json=", 0) == 0) {
+      try {
+        json = CLI::detail::to_flag_value(arg.substr(7)) > 0;
+      } catch (const std::exception&) {
+        json = false;  // CLI11 refuses the value, and says so
+      }
+    }
+  }
+  return json;
+}
+
 int Run(int argc, char** argv) {
   CLI::App app("dorvanectl: the command line of the WWAN Dorvane library.\n"
                "Exit status: 0 success, 1 failure or not found, 2 usage or unreadable\n"
-               "argument, 3 no modem, 4 the operation did not return in time.");
+               "argument, 3 no modem, 4 the operation did not return in time.",
+               "dorvanectl");
   app.set_version_flag("--version", "dorvanectl " + OwnVersion(), "print the version and exit");
   app.require_subcommand(1);
   app.fallthrough();
   Common common;
   common.log = DefaultLog();
-  app.add_flag("--json", common.json, "print one JSON object instead of text");
+  app.add_flag("--json", common.json,
+               "print one JSON object instead of text, also on failure (with \"error\")");
+  app.add_flag("-v,--verbose", common.verbose,
+               "also show the library's log lines on standard error as they are written");
   app.add_option("--preset", common.preset,
                  "every output starts as this text instead of empty, to show what a failed "
                  "lookup leaves untouched");
@@ -175,29 +218,41 @@ int Run(int argc, char** argv) {
   AddRegistryCommands(app, common);
   AddFileCommands(app, common);
   AddLintCommand(app, common);
+  AddHelp(app, common);
 
   // The logger needs a usable file before the first line: a write that finds
-  // none leaves it locked for good.
-  app.parse_complete_callback([&common] {
+  // none leaves it locked for good. `help` logs nothing and needs none.
+  app.parse_complete_callback([&app, &common] {
+    if (app.got_subcommand("help")) return;
     CheckLogIsWritable(common.log);
     Logger* log = Logger::GetInstance();
+    if (common.verbose) log->SetMirror(MirrorToStandardError);
     log->SetLogPath(common.log);
     log->Enable(true);
   });
+  const bool json_on_command_line = JsonOnCommandLine(argc, argv);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
-    return app.exit(e);
+    if (!json_on_command_line) return app.exit(e);
+    PrintJson({{"result", nullptr}, {"help", Text(app.help())}});
+    return kOk;
   } catch (const CLI::CallForVersion& e) {
-    return app.exit(e);
+    if (!json_on_command_line) return app.exit(e);
+    PrintJson({{"result", nullptr}, {"version", Text(e.what())}});
+    return kOk;
   } catch (const CLI::ParseError& e) {
-    app.exit(e);
-    return kUsageError;
+    common.json = json_on_command_line;
+    return Fail(common, kUsageError, ParseErrorMessage(app, e));
   } catch (const UnwritableLog& e) {
-    std::fprintf(stderr, "dorvanectl: cannot write the log file %s (--log): %s\n", e.path.c_str(),
-                 e.why.c_str());
-    return kUsageError;
+    return Fail(common, kUsageError, "cannot write the log file " + e.path + " (--log): " + e.why);
+  } catch (const std::exception& e) {
+    // Nothing the library does throws; this is the command line's own
+    // trouble (out of memory), reported rather than ended in an abort.
+    return Fail(common, kFailed, std::string("cannot go on: ") + e.what());
   }
+  std::fflush(stdout);
+  std::fflush(stderr);
   return common.exit_code;
 }
 

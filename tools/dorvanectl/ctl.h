@@ -6,8 +6,10 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace dorvane::ctl {
 
@@ -21,6 +23,7 @@ enum ExitCode {
 
 struct Common {
   bool json = false;
+  bool verbose = false;               // the library's log lines also on standard error
   std::optional<std::string> preset;  // what every output starts as, instead of ""
   std::string log;                    // where the library's log lines go
   int exit_code = kOk;
@@ -43,10 +46,48 @@ nlohmann::json TableTexts(const std::vector<std::string>& list);
 // gives the exit status for `success`.
 int ReportResult(const Common& common, const nlohmann::json& result, bool success);
 
+// Ends a command with an error: "dorvanectl: MESSAGE" on standard error and,
+// with --json, `object` with "error": MESSAGE added as the one object printed
+// (by default {"result": null}: the operation gave no result). Returns `status`.
+int Fail(const Common& common, int status, const std::string& message,
+         nlohmann::json object = {{"result", nullptr}});
+
 // Prints one JSON object and a line end.
 void PrintJson(const nlohmann::json& object);
 // Prints text as it is (no conversion of line ends).
 void PrintRaw(const std::string& text);
+
+// Numbers on dorvanectl's command line are decimal digits, or "0x" (or "0X")
+// and hexadecimal digits: no sign, no blanks, and a leading zero is still
+// decimal ("010" is ten, never octal). False for anything else or for a value
+// outside [min, max].
+bool ParseNumber(const std::string& text, uint64_t min, uint64_t max, uint64_t* value);
+// ParseNumber as a CLI11 transform for options bound to numbers: refuses what
+// it refuses and hands the option the value's decimal form.
+CLI::Validator Number(uint64_t min, uint64_t max);
+
+// Why a file that a command reads cannot serve ("PATH: no such file", "...: is
+// a folder, not a file", "...: is empty", ...), or the empty text. Checked
+// before the library runs, so that a file that cannot be read is not taken for
+// a key that is not there. `what` names the file's role for the empty path;
+// `missing`, when given, tells a path with nothing there (or an empty path).
+std::string FileProblem(const std::string& path, const char* what, bool* missing = nullptr);
+// FileProblem, then the table as the lookups load it (tinyxml2's error name
+// and line when it is not well-formed) and its root element.
+std::string TableProblem(const std::string& path);
+// Checks the table a lookup will read; on a problem reports it (`note` added
+// in brackets when not empty) as a usage error and returns false.
+bool TableReadable(const Common& common, const std::string& path, const std::string& note = "");
+
+// Suggestions for a mistyped command: the closest of `known` by edit distance
+// (case ignored, a swap of two neighbours counts once) when it is close enough,
+// else every command that begins with `word`; the empty list when none fits.
+std::vector<std::string> ClosestNames(const std::string& word, const std::vector<std::string>& known);
+// Adds the `help` command, and an example to every command's help.
+void AddHelp(CLI::App& app, Common& common);
+// The message for a failed parse: names an unknown command (with suggestions)
+// and the command a message belongs to.
+std::string ParseErrorMessage(const CLI::App& app, const CLI::ParseError& error);
 
 void AddAtCommands(CLI::App& app, Common& common);
 void AddTableCommands(CLI::App& app, Common& common);

@@ -1,7 +1,8 @@
 // dorvanectl's file, package and process commands: the firmware-switching
 // library's operations, one subcommand each, arguments in the operation's order.
+#include <windows.h>
+
 #include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -12,6 +13,7 @@
 #include "tools/dorvanectl/delete_preview.h"
 #include "tools/dorvanectl/path_guard.h"
 #include "util/file_ops.h"
+#include "util/path_buffer.h"
 #include "util/package.h"
 #include "util/process.h"
 #include "util/zip_reader.h"
@@ -74,6 +76,8 @@ std::string ZipText(ZipResult code) {
 // The entries as the reader hands them out; the result is the first failing
 // step's code, or 0.
 int ListZip(const Common& common, const std::string& archive) {
+  const std::string problem = FileProblem(archive, "archive");
+  if (!problem.empty()) return Fail(common, kUsageError, problem);
   nlohmann::json items = nlohmann::json::array();
   ZipHandle zip = OpenZip(archive.c_str());
   ZipEntry all;
@@ -98,16 +102,62 @@ int ListZip(const Common& common, const std::string& archive) {
   return result == kZipOk ? kOk : kFailed;
 }
 
-// "0x..." in hex, anything else in decimal; false when it is no number.
-bool ParseCode(const std::string& text, ZipResult* code) {
-  const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-  const std::string digits = hex ? text.substr(2) : text;
-  if (digits.empty() || digits.size() > (hex ? 8u : 10u)) return false;
-  char* end = nullptr;
-  const unsigned long long value = std::strtoull(digits.c_str(), &end, hex ? 16 : 10);
-  if (*end != '\0' || digits[0] == '-' || digits[0] == '+' || value > 0xFFFFFFFFull) return false;
-  *code = static_cast<ZipResult>(value);
-  return true;
+// Unpacking a package that is not there gives the library's 0, which scripts
+// test for, so the operation runs and only the reason is added. A folder or an
+// empty file would be "unpacked" into nothing with the result 1: refused first.
+int Unzip(const Common& common, const char* command, const std::string& package,
+          const std::function<int()>& unzip) {
+  bool missing = false;
+  const std::string problem = FileProblem(package, "package", &missing);
+  if (!problem.empty() && !missing) return Fail(common, kUsageError, problem);
+  const int result = unzip();
+  if (problem.empty() || result != 0) return ReportOne(common, result);
+  if (!common.json) PrintRaw(std::to_string(result) + "\n");
+  return Fail(common, kFailed,
+              problem + " (" + command + " gives 0 for a package that does not exist)",
+              {{"result", result}});
+}
+
+// The folders MakeFolders makes for `path`: the text before each backslash,
+// slashes counted as backslashes, the path cut as the library cuts it. Empty
+// prefixes and a bare \\server are no folders and are left out.
+std::vector<std::string> FolderChain(const std::string& path) {
+  std::string text = PathBuffer(path).str();
+  for (char& c : text) c = c == '/' ? '\\' : c;
+  std::vector<std::string> chain;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '\\') continue;
+    const std::string folder = text.substr(0, i);
+    const bool server = folder.rfind("\\\\", 0) == 0 && folder.find('\\', 2) == std::string::npos;
+    if (!folder.empty() && !server) chain.push_back(folder);
+  }
+  return chain;
+}
+
+bool IsFolder(const std::string& path) {
+  const DWORD attributes = ::GetFileAttributesA(path.c_str());
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+// make-folders: the library gives nothing back, so the result says whether
+// every folder of the chain is there afterwards, and which ones it made.
+int MakeFolderChain(const Common& common, const std::string& path) {
+  const std::vector<std::string> chain = FolderChain(path);
+  std::vector<bool> before;
+  for (const std::string& folder : chain) before.push_back(IsFolder(folder));
+  MakeFolders(path);
+  nlohmann::json made = nlohmann::json::array();
+  std::string absent;
+  for (size_t i = 0; i < chain.size(); ++i) {
+    const bool now = IsFolder(chain[i]);
+    if (now && !before[i]) made.push_back(Text(chain[i]));
+    if (!now && absent.empty()) absent = chain[i];
+  }
+  nlohmann::json outputs = {{"folders", Texts(chain)}, {"made", made}};
+  if (absent.empty()) return Report(common, true, true, outputs);
+  outputs["result"] = false;
+  if (!common.json) PrintRaw("false\n");
+  return Fail(common, kFailed, "make-folders: " + absent + " is not a folder afterwards", outputs);
 }
 
 void AddZipResultText(CLI::App& app, Common& common) {
@@ -116,16 +166,16 @@ void AddZipResultText(CLI::App& app, Common& common) {
   CLI::App* command = app.add_subcommand(
       "zip-result-text", "the text of a zip result code (1: of the most recent result)");
   command->add_option("code", *code, "the code, decimal or 0x-hex, for example 0x700")->required();
-  command->add_option("--size", *size, "buffer size the text is cut to (less one)")
+  command->add_option("--size", *size, "buffer size the text is cut to (less one), 1 to 4096")
       ->capture_default_str()
-      ->check(CLI::Range(1u, 4096u));
+      ->transform(Number(1, 4096));
   command->callback([&common, code, size] {
-    ZipResult value = 0;
-    if (!ParseCode(*code, &value)) {
-      std::fprintf(stderr, "dorvanectl: not a result code: %s\n", code->c_str());
-      common.exit_code = kUsageError;
+    uint64_t number = 0;
+    if (!ParseNumber(*code, 0, 0xFFFFFFFFu, &number)) {
+      common.exit_code = Fail(common, kUsageError, "not a result code: " + *code);
       return;
     }
+    const ZipResult value = static_cast<ZipResult>(number);
     std::vector<char> text(*size);
     const unsigned length = FormatZipMessage(value, text.data(), *size);
     if (common.json) {
@@ -176,8 +226,7 @@ void AddFileCommands(CLI::App& app, Common& common) {
   AddCommand(app, common, "make-folders",
              "make the folder before every backslash or slash of PATH (end it with one)",
              {{"path", "the folder chain"}}, [](const Common& c, const Values& v) {
-               MakeFolders(v[0]);
-               return Report(c, nullptr, true);
+               return MakeFolderChain(c, v[0]);
              });
   AddCommand(app, common, "unzip-package",
              "unpack FOLDER+FILE into TARGET+SUB-FOLDER+\\, making that folder chain; result 1, "
@@ -187,7 +236,9 @@ void AddFileCommands(CLI::App& app, Common& common) {
               {"target-folder", "folder to unpack under (joined to SUB-FOLDER as it is)"},
               {"sub-folder", "name of the folder to unpack into"}},
              [](const Common& c, const Values& v) {
-               return ReportOne(c, UnzipPackage(v[0], v[1], v[2], v[3]));
+               const std::string package = PathBuffer(v[0]).Append(v[1]).str();
+               return Unzip(c, "unzip-package", package,
+                            [&v] { return UnzipPackage(v[0], v[1], v[2], v[3]); });
              },
              [](const Values& v) { return UnzipPackageFolders(v[2], v[3]); });
   AddCommand(app, common, "unzip-all-items",
@@ -195,7 +246,7 @@ void AddFileCommands(CLI::App& app, Common& common) {
              "not exist",
              {{"target-folder", "folder ending in a backslash"}, {"archive", "the zip file"}},
              [](const Common& c, const Values& v) {
-               return ReportOne(c, UnzipAllItems(v[0], v[1]));
+               return Unzip(c, "unzip-all-items", v[1], [&v] { return UnzipAllItems(v[0], v[1]); });
              },
              [](const Values& v) { return UnzipAllItemsFolders(v[0]); });
   AddCommand(app, common, "zip-items",

@@ -1,0 +1,131 @@
+// How dorvanectl reads its arguments before the library sees them: numbers,
+// and the files that a command reads.
+#include <windows.h>
+
+#include <cstdio>
+#include <limits>
+#include <string>
+
+#include "config/table_reader.h"
+#include "tools/dorvanectl/ctl.h"
+#include "util/scoped_handle.h"
+
+namespace dorvane::ctl {
+
+namespace {
+
+int DigitValue(char c, bool hex) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (!hex) return -1;
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// The system's text for an error number, without its line end.
+std::string SystemText(DWORD error) {
+  char text[256] = {};
+  const DWORD n = ::FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
+                                   nullptr, error, 0, text, sizeof text, nullptr);
+  std::string out(text, n);
+  while (!out.empty() && (out.back() == '\n' || out.back() == '\r' || out.back() == ' ' ||
+                          out.back() == '.')) {
+    out.pop_back();
+  }
+  char number[32];
+  std::snprintf(number, sizeof number, "error %lu", static_cast<unsigned long>(error));
+  return out.empty() ? std::string(number) : out + " (" + number + ")";
+}
+
+}  // namespace
+
+bool ParseNumber(const std::string& text, uint64_t min, uint64_t max, uint64_t* value) {
+  const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+  const size_t first = hex ? 2 : 0;
+  if (text.size() == first) return false;
+  const uint64_t base = hex ? 16 : 10;
+  uint64_t number = 0;
+  for (size_t i = first; i < text.size(); ++i) {
+    const int digit = DigitValue(text[i], hex);
+    if (digit < 0) return false;
+    if (number > (std::numeric_limits<uint64_t>::max() - static_cast<uint64_t>(digit)) / base) {
+      return false;
+    }
+    number = number * base + static_cast<uint64_t>(digit);
+  }
+  if (number < min || number > max) return false;
+  *value = number;
+  return true;
+}
+
+CLI::Validator Number(uint64_t min, uint64_t max) {
+  return CLI::Validator(
+      [min, max](std::string& text) -> std::string {
+        uint64_t value = 0;
+        if (!ParseNumber(text, 0, std::numeric_limits<uint64_t>::max(), &value)) {
+          return "not a number (decimal digits, or 0x and hexadecimal digits): " + text;
+        }
+        if (value < min || value > max) {
+          return text + " is out of range (" + std::to_string(min) + " to " + std::to_string(max) + ")";
+        }
+        text = std::to_string(value);
+        return std::string();
+      },
+      "");
+}
+
+std::string FileProblem(const std::string& path, const char* what, bool* missing) {
+  bool nothing_there = false;
+  if (missing == nullptr) missing = &nothing_there;
+  *missing = true;
+  if (path.empty()) return std::string("the ") + what + "'s path is empty";
+  // Folders open only with backup semantics; asking for read access also
+  // finds a file that another program holds without sharing.
+  UniqueHandle file(::CreateFileA(path.c_str(), GENERIC_READ,
+                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                  OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+  if (!file) {
+    const DWORD error = ::GetLastError();
+    if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) return path + ": no such file";
+    *missing = false;
+    return path + ": cannot be opened: " + SystemText(error);
+  }
+  *missing = false;
+  if (::GetFileType(file.get()) != FILE_TYPE_DISK) return path + ": is a device, not a file";
+  BY_HANDLE_FILE_INFORMATION info = {};
+  if (!::GetFileInformationByHandle(file.get(), &info)) {
+    return path + ": cannot be read: " + SystemText(::GetLastError());
+  }
+  if (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) return path + ": is a folder, not a file";
+  if (info.nFileSizeHigh == 0 && info.nFileSizeLow == 0) return path + ": is empty";
+  return std::string();
+}
+
+std::string TableProblem(const std::string& path) {
+  std::string problem = FileProblem(path, "table");
+  if (!problem.empty()) return problem;
+  table::Document doc;
+  if (!doc.Load(path)) {
+    const tinyxml2::XMLError error = doc.doc().ErrorID();
+    const std::string name = tinyxml2::XMLDocument::ErrorIDToName(error);
+    if (error == tinyxml2::XML_ERROR_FILE_NOT_FOUND ||
+        error == tinyxml2::XML_ERROR_FILE_COULD_NOT_BE_OPENED ||
+        error == tinyxml2::XML_ERROR_FILE_READ_ERROR) {
+      return path + ": cannot be read (" + name + ")";
+    }
+    problem = path + ": not well-formed XML: " + name;
+    if (doc.doc().ErrorLineNum() > 0) problem += " at line " + std::to_string(doc.doc().ErrorLineNum());
+    return problem;
+  }
+  if (doc.Root() == nullptr) return path + ": not well-formed XML: no root element";
+  return std::string();
+}
+
+bool TableReadable(const Common& common, const std::string& path, const std::string& note) {
+  const std::string problem = TableProblem(path);
+  if (problem.empty()) return true;
+  Fail(common, kUsageError, note.empty() ? problem : problem + " (" + note + ")");
+  return false;
+}
+
+}  // namespace dorvane::ctl
