@@ -209,6 +209,9 @@ int Run(int argc, char** argv) {
                "print one JSON object instead of text, also on failure (with \"error\")");
   app.add_flag("-v,--verbose", common.verbose,
                "also show the library's log lines on standard error as they are written");
+  app.add_flag("!--no-table-check", common.check_tables,
+               "run a lookup even when its table cannot be read, to see what the library "
+               "then answers and logs");
   app.add_option("--preset", common.preset,
                  "every output starts as this text instead of empty, to show what a failed "
                  "lookup leaves untouched");

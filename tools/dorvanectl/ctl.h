@@ -24,6 +24,7 @@ enum ExitCode {
 struct Common {
   bool json = false;
   bool verbose = false;               // the library's log lines also on standard error
+  bool check_tables = true;           // refuse a table that cannot be read before a lookup
   std::optional<std::string> preset;  // what every output starts as, instead of ""
   std::string log;                    // where the library's log lines go
   int exit_code = kOk;
@@ -76,7 +77,8 @@ std::string FileProblem(const std::string& path, const char* what, bool* missing
 // and line when it is not well-formed) and its root element.
 std::string TableProblem(const std::string& path);
 // Checks the table a lookup will read; on a problem reports it (`note` added
-// in brackets when not empty) as a usage error and returns false.
+// in brackets when not empty) as a usage error and returns false. With
+// --no-table-check it checks nothing and returns true.
 bool TableReadable(const Common& common, const std::string& path, const std::string& note = "");
 
 // Suggestions for a mistyped command: the closest of `known` by edit distance
