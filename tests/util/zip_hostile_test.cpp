@@ -189,7 +189,9 @@ std::string SharedBlockArchive(const std::string& data, int copies) {
   return bytes + end;
 }
 
-TEST_F(ZipHostileTest, EntriesThatShareOrOverlapDataMakeTheArchiveCorrupt) {
+// Entries that share or overlap their data in other ways: ZipCore.SharedAndOverlappingDataIsRefused
+// (native, under the sanitizers).
+TEST_F(ZipHostileTest, EntriesThatShareDataMakeTheArchiveCorrupt) {
   // Ten names for one stored block of 1 MiB: 10 MiB from a 1 MiB archive.
   const std::string block(1 << 20, 'z');
   testing::WriteFileBytes(dir_ + "\\shared.zip", SharedBlockArchive(block, 10));
@@ -199,33 +201,6 @@ TEST_F(ZipHostileTest, EntriesThatShareOrOverlapDataMakeTheArchiveCorrupt) {
   ZipEntry all;
   EXPECT_EQ(kZipCorrupt, GetZipItem(shared, -1, &all));
   CloseZip(shared);
-
-  ZipLayout at;
-  const std::string good = BuildZip({{"a", std::string(5000, 'a')}, {"b", "bbbb"}}, false, &at);
-  auto with_offset = [&](size_t entry, size_t offset) {
-    std::string bytes = good;
-    PutLe32(bytes, at.central[entry] + 42, static_cast<uint32_t>(offset));
-    return bytes;
-  };
-  struct Case {
-    const char* label;
-    std::string bytes;
-    ZipResult listing;
-  };
-  const Case cases[] = {
-      {"one name for another's data", with_offset(1, at.local[0]), kZipCorrupt},
-      {"a local header inside another's data", with_offset(1, at.data[0] + 100), kZipCorrupt},
-      {"data in the central directory", with_offset(1, at.central[0]), kZipCorrupt},
-      {"a header that would run into the directory", with_offset(1, at.central[0] - 10),
-       kZipCorrupt},
-      {"undamaged", good, kZipOk},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.label);
-    ASSERT_NE(nullptr, Open(c.bytes));
-    int count = 0;
-    EXPECT_EQ(c.listing, Count(&count));
-  }
 }
 
 // Entries need not be in the directory in the order of their data, nor

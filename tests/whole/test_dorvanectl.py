@@ -430,13 +430,9 @@ class TableCommands(unittest.TestCase):
                       "only one param-firmware-by-sku reads: it never returns for SKU \"B\", area \"EU\"", lines)
         self.assertIn(t + "carriers.xml:4: warning: CustModel after the first Carrier (line 1) is walked as an "
                       "entry by carrier-firmware, which finds it under id=\"X13\"", lines)
-        # What the findings say is what the lookups do.
-        self.assertEqual({"result": True, "output": "TMO"},
-                         self.json_of("carrier-id-by-mccmnc", "310260", t + "rules.xml"))
-        self.assertEqual({"result": True, "output": " US "}, self.json_of("carrier-id-by-mcc", "310", t + "rules.xml"))
-        timed_out = self.run_ctl("param-firmware-by-sku", "B", "EU", t + "skus.xml", "--timeout", "1")
-        self.assertEqual(4, timed_out.returncode)
-        self.assertIn("later SKU_GUID (line 2)", timed_out.stderr)
+        # What the findings say is what the lookups do: the first two and the
+        # SKU are answered in test_lookups_answer_as_the_library_does and
+        # test_time_limits_name_what_did_not_return_and_why.
         answer = self.json_of("carrier-firmware", "X13", t + "carriers.xml")
         self.assertEqual(["X13"] + [""] * 23, answer["fields"], "the customer model, taken as a carrier")
 

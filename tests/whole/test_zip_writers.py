@@ -1,7 +1,6 @@
 """Packages from every zip writer at hand, unpacked by dorvanectl under Wine and
 by Info-ZIP's unzip natively: the same names (as characters) and bytes for
-every name the Western code page can hold, the others never unpacked; and
-archives with a stub or padding in front.
+every name the Western code page can hold, the others never unpacked.
 
     test_zip_writers.py --dorvanectl dorvanectl.exe --work DIR --base PREFIX
 """
@@ -151,11 +150,6 @@ class Writers(unittest.TestCase):
         self.compare("oem", oem_archive(OEM), OEM)
         # unzip reads the Unicode Path field too, so both give the real names.
         self.compare("unicode-path", oem_archive(NAMES, unicode_path=True))
-
-    def test_data_in_front(self):
-        inner = self.write_with("python")
-        self.compare("stub", b"MZ" + os.urandom(4094) + inner)
-        self.compare("padding", bytes(512) + inner)
 
 
 def main():
