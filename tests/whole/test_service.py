@@ -146,7 +146,10 @@ class LegacyService(ServiceCase):
         self.box.sc("start", "Lumarix")
         self.box.wait_state(RUNNING, name="Lumarix")
         self.start_service()
-        records = self.wait_for(CHECK_DONE)
+        # The SIM query's line follows the check thread's last one, under load
+        # well after it: wait for both.
+        self.wait_for(CHECK_DONE)
+        records = self.wait_for(SIM_FAIL)
         msgs = winebox.messages(records)
         self.assertInOrder(msgs, [CHECK_ENTER, "Service dwCurrentState == SERVICE_STOPPED",
                                   "Service removed successfully", CHECK_DONE, SIM_FAIL])

@@ -45,7 +45,7 @@ T Bounded(const Common& common, const Args& args, std::function<T()> lookup,
           std::function<std::string()> cause = nullptr) {
   std::packaged_task<T()> task(std::move(lookup));
   std::future<T> done = task.get_future();
-  std::thread(std::move(task)).detach();
+  std::thread worker(std::move(task));
   if (done.wait_for(std::chrono::seconds(args.timeout)) != std::future_status::ready) {
     const std::string why = cause ? cause() : std::string();
     Fail(common, kGaveUp, args.command + " did not return within " + std::to_string(args.timeout) +
@@ -54,6 +54,9 @@ T Bounded(const Common& common, const Args& args, std::function<T()> lookup,
     std::fflush(stderr);
     ::ExitProcess(kGaveUp);  // the walk goes on in its thread; only the process can end it
   }
+  // Joined, not left running: the thread still unwinds after handing over its
+  // result, and the process must not end (or tear down its statics) under it.
+  worker.join();
   return done.get();
 }
 
