@@ -14,6 +14,14 @@ const char kBanner[] = "---------------log start------------------\n";
 // Tag, month, day, hour, minute, second, millisecond.
 #define DORVANE_LINE_PREFIX "%s %02d-%02d %02d:%02d:%02d:%03d: "
 
+// Makes every folder of the chain before the file; "C:" and folders that
+// exist just fail.
+void MakeFolders(const std::string& file) {
+  for (size_t pos = file.find('\\'); pos != std::string::npos; pos = file.find('\\', pos + 1)) {
+    _mkdir(file.substr(0, pos).c_str());
+  }
+}
+
 const char* TagFor(unsigned level) {
   switch (level) {
     case kLogError:
@@ -87,13 +95,15 @@ void Logger::Enable(bool on) {
   }
 }
 
+FILE* Logger::OpenFile(const std::string& path) {
+  MakeFolders(path);
+  return _fsopen(path.c_str(), "a+", _SH_DENYNO);
+}
+
 void Logger::OpenStep() {
   if (opened_) return;
   const std::string where = path();
-  // Make every folder of the chain; "C:" and folders that exist just fail.
-  for (size_t pos = where.find('\\'); pos != std::string::npos; pos = where.find('\\', pos + 1)) {
-    _mkdir(where.substr(0, pos).c_str());
-  }
+  MakeFolders(where);
   if (enabled_) file_ = _fsopen(where.c_str(), "a+", _SH_DENYNO);
   FILE* f = file_.load();
   if (f == nullptr) return;

@@ -69,6 +69,11 @@ class Logger {
   // Closes the file; the next Write reopens it and writes a new banner.
   void Close();
 
+  // Opens `path` for appending as the logger opens its file, after making
+  // every folder of its chain; null when it cannot. For a caller that must
+  // know beforehand that the log can be written.
+  static FILE* OpenFile(const std::string& path);
+
   // Receives each line that Write puts into the file, exactly as written there
   // (tag, time, message, "\n"), while that line's lock is held: lines come one
   // at a time and in the file's order, each once, on the writing thread. The

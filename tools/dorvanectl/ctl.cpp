@@ -9,9 +9,6 @@
 #include <fcntl.h>
 #include <io.h>
 
-#include <direct.h>
-#include <share.h>
-
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -160,10 +157,7 @@ struct UnwritableLog {
 };
 
 void CheckLogIsWritable(const std::string& path) {
-  for (size_t pos = path.find('\\'); pos != std::string::npos; pos = path.find('\\', pos + 1)) {
-    _mkdir(path.substr(0, pos).c_str());
-  }
-  FILE* file = _fsopen(path.c_str(), "a+", _SH_DENYNO);
+  FILE* file = Logger::OpenFile(path);
   if (file == nullptr) throw UnwritableLog{path, std::strerror(errno)};
   std::fclose(file);
 }
