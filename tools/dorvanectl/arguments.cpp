@@ -7,20 +7,13 @@
 #include <string>
 
 #include "config/table_reader.h"
+#include "tools/cli_input.h"
 #include "tools/dorvanectl/ctl.h"
 #include "util/scoped_handle.h"
 
 namespace dorvane::ctl {
 
 namespace {
-
-int DigitValue(char c, bool hex) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (!hex) return -1;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
 
 // The system's text for an error number, without its line end.
 std::string SystemText(DWORD error) {
@@ -40,22 +33,7 @@ std::string SystemText(DWORD error) {
 }  // namespace
 
 bool ParseNumber(const std::string& text, uint64_t min, uint64_t max, uint64_t* value) {
-  const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-  const size_t first = hex ? 2 : 0;
-  if (text.size() == first) return false;
-  const uint64_t base = hex ? 16 : 10;
-  uint64_t number = 0;
-  for (size_t i = first; i < text.size(); ++i) {
-    const int digit = DigitValue(text[i], hex);
-    if (digit < 0) return false;
-    if (number > (std::numeric_limits<uint64_t>::max() - static_cast<uint64_t>(digit)) / base) {
-      return false;
-    }
-    number = number * base + static_cast<uint64_t>(digit);
-  }
-  if (number < min || number > max) return false;
-  *value = number;
-  return true;
+  return cli::ParseUnsigned(text, true, min, max, value);
 }
 
 CLI::Validator Number(uint64_t min, uint64_t max) {

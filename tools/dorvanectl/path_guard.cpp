@@ -8,6 +8,7 @@
 #include <memory>
 #include <utility>
 
+#include "util/com_ptr.h"
 #include "util/package.h"
 #include "util/path_buffer.h"
 #include "util/scoped_handle.h"
@@ -15,27 +16,6 @@
 namespace dorvane::ctl {
 
 namespace {
-
-std::wstring Wide(const std::string& text) {
-  if (text.empty()) return {};
-  const int size = static_cast<int>(text.size());
-  const int length = ::MultiByteToWideChar(CP_ACP, 0, text.data(), size, nullptr, 0);
-  std::wstring wide(static_cast<size_t>(length), L'\0');
-  if (length > 0) ::MultiByteToWideChar(CP_ACP, 0, text.data(), size, &wide[0], length);
-  return wide;
-}
-
-std::string Narrow(const std::wstring& text) {
-  if (text.empty()) return {};
-  const int size = static_cast<int>(text.size());
-  const int length =
-      ::WideCharToMultiByte(CP_ACP, 0, text.data(), size, nullptr, 0, nullptr, nullptr);
-  std::string narrow(static_cast<size_t>(length), '\0');
-  if (length > 0) {
-    ::WideCharToMultiByte(CP_ACP, 0, text.data(), size, &narrow[0], length, nullptr, nullptr);
-  }
-  return narrow;
-}
 
 bool IsSeparator(wchar_t c) { return c == L'\\' || c == L'/'; }
 
@@ -348,7 +328,7 @@ std::optional<std::string> ProtectedFolders::Why(const FullPath& path) const {
   for (const Protected& p : list_) {
     if (p.key.size() > key.size() && p.key.compare(0, key.size(), key) == 0 &&
         p.key[key.size()] == L'\\') {
-      return std::string("holds ") + p.what + " " + Narrow(p.path);
+      return std::string("holds ") + p.what + " " + WideToAnsi(p.path.c_str());
     }
   }
   return std::nullopt;
@@ -371,13 +351,13 @@ std::optional<Refusal> Check(const GuardedFolder& folder, const std::optional<Fu
   const Spellings spellings = Spell(*full);
   const ProtectedFolders& protect = TheProtectedFolders();
   if (std::optional<std::string> why = protect.Why(spellings.path)) {
-    refusal.path = Narrow(spellings.path.Text());
+    refusal.path = WideToAnsi(spellings.path.Text().c_str());
     refusal.why = *why;
     return refusal;
   }
   if (spellings.linked) {
     if (std::optional<std::string> why = protect.Why(*spellings.linked)) {
-      refusal.path = Narrow(spellings.linked->Text());
+      refusal.path = WideToAnsi(spellings.linked->Text().c_str());
       refusal.through_link = true;
       refusal.why = *why;
       return refusal;
@@ -424,9 +404,9 @@ std::optional<Refusal> FirstRefusal(const std::vector<GuardedFolder>& folders) {
     // removed, and the formed paths themselves, in case a cut path names a
     // folder of its own.
     std::vector<std::optional<FullPath>> reached;
-    for (const std::string& path : folder.inside) reached.push_back(ParentOf(Full(Wide(path))));
-    if (folder.removed) reached.push_back(Full(Wide(folder.given)));
-    for (const std::string& path : folder.inside) reached.push_back(Full(Wide(path)));
+    for (const std::string& path : folder.inside) reached.push_back(ParentOf(Full(AnsiToWide(path))));
+    if (folder.removed) reached.push_back(Full(AnsiToWide(folder.given)));
+    for (const std::string& path : folder.inside) reached.push_back(Full(AnsiToWide(path)));
     for (const std::optional<FullPath>& path : reached) {
       if (std::optional<Refusal> refusal = Check(folder, path)) return refusal;
     }

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 
+#include "tools/cli_input.h"
 #include "tools/dorvanectl/ctl.h"
 
 namespace dorvane::ctl {
@@ -57,23 +58,6 @@ std::string Lower(std::string text) {
   return text;
 }
 
-// Edits (insert, delete, replace, swap of two neighbours) from a to b.
-size_t Distance(const std::string& a, const std::string& b) {
-  std::vector<std::vector<size_t>> d(a.size() + 1, std::vector<size_t>(b.size() + 1));
-  for (size_t i = 0; i <= a.size(); ++i) d[i][0] = i;
-  for (size_t j = 0; j <= b.size(); ++j) d[0][j] = j;
-  for (size_t i = 1; i <= a.size(); ++i) {
-    for (size_t j = 1; j <= b.size(); ++j) {
-      const size_t cost = a[i - 1] == b[j - 1] ? 0 : 1;
-      d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1, d[i - 1][j - 1] + cost});
-      if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1]) {
-        d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
-      }
-    }
-  }
-  return d[a.size()][b.size()];
-}
-
 std::vector<std::string> CommandNames(const CLI::App& app) {
   std::vector<std::string> names;
   for (const CLI::App* sub : app.get_subcommands([](const CLI::App*) { return true; })) {
@@ -109,7 +93,7 @@ std::vector<std::string> ClosestNames(const std::string& word, const std::vector
   size_t best = std::string::npos;
   std::vector<std::string> closest;
   for (const std::string& name : known) {
-    const size_t d = Distance(key, Lower(name));
+    const size_t d = cli::EditDistance(key, name);
     if (d < best) {
       closest.clear();
       best = d;

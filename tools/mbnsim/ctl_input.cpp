@@ -1,64 +1,29 @@
 #include "tools/mbnsim/ctl_input.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstdint>
+
+#include "tools/cli_input.h"
 
 namespace mbnsim::ctl {
 
 namespace {
 
-int HexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-char Lower(char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); }
-
-size_t Distance(const std::string& a, const std::string& b) {
-  std::vector<size_t> row(b.size() + 1);
-  for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
-  for (size_t i = 1; i <= a.size(); ++i) {
-    size_t diagonal = row[0];
-    row[0] = i;
-    for (size_t j = 1; j <= b.size(); ++j) {
-      const size_t above = row[j];
-      const size_t change = diagonal + (Lower(a[i - 1]) == Lower(b[j - 1]) ? 0 : 1);
-      row[j] = std::min({above + 1, row[j - 1] + 1, change});
-      diagonal = above;
-    }
-  }
-  return row[b.size()];
-}
+int HexDigit(char c) { return dorvane::cli::DigitValue(c, true); }
 
 }  // namespace
 
 bool ParseDecimal(const std::string& text, uint64_t min, uint64_t max, uint64_t* out) {
-  if (text.empty() || text.size() > 20) return false;
-  uint64_t value = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-    const uint64_t digit = static_cast<uint64_t>(c - '0');
-    if (value > (UINT64_MAX - digit) / 10) return false;
-    value = value * 10 + digit;
-  }
-  if (value < min || value > max) return false;
-  *out = value;
-  return true;
+  return text.size() <= 20 && dorvane::cli::ParseUnsigned(text, false, min, max, out);
 }
 
 bool ParseHresult(const std::string& text, HRESULT* out) {
   if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
-    if (text.size() > 10) return false;
-    uint32_t value = 0;
-    for (size_t i = 2; i < text.size(); ++i) {
-      const int digit = HexDigit(text[i]);
-      if (digit < 0) return false;
-      value = value * 16 + static_cast<uint32_t>(digit);
+    uint64_t value = 0;
+    if (text.size() > 10 || !dorvane::cli::ParseUnsigned(text, true, 0, 0xFFFFFFFFu, &value)) {
+      return false;
     }
-    *out = static_cast<HRESULT>(value);
+    *out = static_cast<HRESULT>(static_cast<uint32_t>(value));
     return true;
   }
   const bool negative = !text.empty() && text[0] == '-';
@@ -107,7 +72,7 @@ std::string Closest(const std::string& text, const std::vector<std::string>& can
     // A slip: two letters wrong, left out or added, or one in three of the
     // longer name.
     const size_t allowed = std::max<size_t>(2, std::max(text.size(), candidate.size()) / 3);
-    const size_t d = Distance(text, candidate);
+    const size_t d = dorvane::cli::EditDistance(text, candidate);
     if (d <= allowed && d < best_distance) {
       best = candidate;
       best_distance = d;
