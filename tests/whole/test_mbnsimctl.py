@@ -300,7 +300,7 @@ class Mbnsimctl(unittest.TestCase):
             result = self.ctl(*args)
             self.assertEqual((1, "mbnsimctl: no such interface\n"), (result.returncode,
                                                                     result.stderr.replace("\r\n", "\n")),
-                             args)
+                             (args, result.stdout))
 
 
 def main():
