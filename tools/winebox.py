@@ -134,17 +134,23 @@ class WineBox:
         """Starts a Windows program without waiting; returns a handle for finish()."""
         return self._start_run(args)
 
-    @staticmethod
-    def finish(handle, timeout=300):
-        """Waits for a spawned program; returns (exit code, stdout and stderr text)."""
+    def finish(self, handle, timeout=300):
+        """Waits for a spawned program; returns (exit code, stdout and stderr text).
+
+        A program the launcher did not start (see _not_started) is run again,
+        now in the foreground: it did nothing the first time."""
         proc, out, err = handle
-        proc.wait(timeout=timeout)
-        out.seek(0)
-        err.seek(0)
-        text = (out.read() + err.read()).decode("utf-8", "replace").replace("\r\n", "\n")
-        out.close()
-        err.close()
-        return proc.returncode, text
+        with out, err:
+            proc.wait(timeout=timeout)
+            out.seek(0)
+            err.seek(0)
+            stdout, stderr = (f.read().decode("utf-8", "replace").replace("\r\n", "\n")
+                              for f in (out, err))
+        if self._not_started(subprocess.CompletedProcess(proc.args, proc.returncode, stdout,
+                                                         stderr)):
+            again = self.run(proc.args[1:], timeout)
+            return again.returncode, again.stdout + again.stderr.replace("\r\n", "\n")
+        return proc.returncode, stdout + stderr
 
     def keep_alive(self):
         """Wine ends service processes when the prefix's last ordinary process exits:
