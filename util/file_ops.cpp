@@ -6,6 +6,7 @@
 
 #include "log/logger.h"
 #include "util/path_buffer.h"
+#include "util/placed_file.h"
 #include "util/scoped_handle.h"
 
 namespace dorvane {
@@ -29,6 +30,23 @@ void LogText(unsigned level, const std::string& text) {
 
 }  // namespace
 
+namespace {
+
+// The copy neither enters nor writes into a link (a junction, a folder or file
+// symbolic link) on either side: the service copies as LocalSystem, and a link
+// left in an installation folder would otherwise carry the copy anywhere on the
+// machine, or bring anything from there into the installation. It is skipped
+// and named in the log.
+void LogSkippedLink(const PathBuffer& path) {
+  Logger::GetInstance()->Write(kLogWarning, "CopyFileInDir skipped link %s", path.c_str());
+}
+
+bool StandsAsLink(const PathBuffer& path) {
+  return IsLinkAttributes(::GetFileAttributesA(path.c_str()));
+}
+
+}  // namespace
+
 int CopyFileInDir(const std::string& destination, const std::string& source) {
   Logger* log = Logger::GetInstance();
   log->Write(kLogDetail, "CopyFileInDir enter.");
@@ -46,16 +64,27 @@ int CopyFileInDir(const std::string& destination, const std::string& source) {
   do {
     const PathBuffer source_item = ItemPath(source, found.cFileName);
     const PathBuffer destination_item = ItemPath(destination, found.cFileName);
-    if (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
+    const bool folder = (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    if (folder && IsDotOrDotDot(found.cFileName)) continue;
+    if (IsLinkAttributes(found.dwFileAttributes)) {
+      LogSkippedLink(source_item);
+      continue;
+    }
+    if (folder) {
       // The nested call runs with the arguments swapped: deployed installers
-      // lay out their folders for this direction, so it is kept.
-      if (!IsDotOrDotDot(found.cFileName)) {
+      // lay out their folders for this direction, so it is kept. It lists
+      // the destination's folder of this name.
+      if (StandsAsLink(destination_item)) {
+        LogSkippedLink(destination_item);
+      } else {
         CopyFileInDir(source_item.str(), destination_item.str());
       }
       continue;
     }
     LogText(kLogDetail, source_item.str());
-    if (!::CopyFileA(source_item.c_str(), destination_item.c_str(), FALSE)) {
+    if (StandsAsLink(destination_item)) {
+      LogSkippedLink(destination_item);
+    } else if (!CopyFileReplacing(source_item.str(), destination_item.str())) {
       log->Write(kLogError, "CopyFile faild");
     }
   } while (::FindNextFileA(listing.get(), &found));
@@ -79,9 +108,7 @@ bool ListsAsFolder(const PathBuffer& path) {
 // lists it: a package folder or a user may leave a link in the installation
 // folder, and the service runs as LocalSystem, so following it would delete
 // whatever it points to, anywhere on the machine.
-bool IsLink(DWORD attributes) {
-  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
-}
+bool IsLink(DWORD attributes) { return IsLinkAttributes(attributes); }
 
 // True when `path`, opened without following it, is the link itself. Windows
 // opens every link so, and then RemoveDirectoryA and DeleteFileA remove the link

@@ -24,9 +24,14 @@ inline constexpr int kCopySourceUnlisted = -3;  // 0xFFFFFFFD
 // the same name; the destination folder is not created. A sub-folder S of the
 // source is handed to a nested call with the two arguments swapped, that is,
 // the files of destination\S are copied into source\S (installers depend on
-// this direction). Returns kCopyWalked when the walk ran (single failed copies
-// are logged and skipped), kCopyEmptyArgument when either argument is empty,
-// kCopySourceUnlisted when the source cannot be listed.
+// this direction). A link on either side (a junction, a folder or file
+// symbolic link, anything with the reparse-point attribute) is neither entered
+// nor written into: it is skipped with a warning that names it. A file is
+// copied beside its destination and moved over it, so a file link there that
+// does not show as one (Wine's) is replaced, not written through. Returns
+// kCopyWalked when the walk ran (single failed copies are logged and skipped),
+// kCopyEmptyArgument when either argument is empty, kCopySourceUnlisted when
+// the source cannot be listed.
 int CopyFileInDir(const std::string& destination, const std::string& source);
 
 // Deletes `folder` with everything in it. The first entry the listing hands out

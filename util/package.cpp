@@ -33,16 +33,17 @@ PathBuffer Joined(const std::string& first, const std::string& second) {
 int UnzipPackage(const std::string& package_folder, const std::string& package_file,
                  const std::string& target_folder, const std::string& sub_folder) {
   const PathBuffer package = Joined(package_folder, package_file);
-  PathBuffer target = Joined(target_folder, sub_folder);
-  target.Append("\\");
+  // Not cut: a target too long for a path buffer is refused by UnzipEntries
+  // for every entry, where the cut one would lie outside the folder named.
+  const std::string target = target_folder + sub_folder + "\\";
   if (!IsFileExist(package.str())) {
     Logger* log = Logger::GetInstance();
     log->Write(kLogError, "Unzip Package not exist.");
     log->Write(kLogError, package.str());
     return 0;
   }
-  MakeFolders(target.str());
-  return UnzipAllItems(target.str(), package.str());
+  if (target.size() < kPathChars - 1) MakeFolders(target);
+  return UnzipAllItems(target, package.str());
 }
 
 int UnzipAllItems(const std::string& target_folder, const std::string& archive) {

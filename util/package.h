@@ -19,8 +19,9 @@ inline constexpr char kUsbDriverFolder[] = "C:\\Windows\\WWAN\\FwSwitchBin\\Firm
 // after making that folder chain. The parts are joined as they are, so a
 // target folder without a trailing backslash runs into the sub-folder's name
 // ("C:\fw" and "pkg" give "C:\fwpkg\"); callers end folders with a backslash.
-// Returns 0 (logged) when the package does not exist, otherwise what
-// UnzipAllItems returns.
+// A target of 259 characters or more is not made, and every entry is refused
+// (see UnzipEntries). Returns 0 (logged) when the package does not exist,
+// otherwise what UnzipAllItems returns.
 int UnzipPackage(const std::string& package_folder, const std::string& package_file,
                  const std::string& target_folder, const std::string& sub_folder);
 

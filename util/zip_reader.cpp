@@ -13,6 +13,7 @@
 
 #include "log/logger.h"
 #include "util/file_ops.h"
+#include "util/placed_file.h"
 #include "util/scoped_handle.h"
 
 namespace dorvane {
@@ -100,11 +101,6 @@ bool ExactOem(const std::string& oem, std::u16string* wide) {
   return true;
 }
 
-HANDLE CreateOutput(const char* path) {
-  return ::CreateFileA(path, GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                       FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
-}
-
 // An entry's MS-DOS local date and time as a file time (UTC).
 FILETIME DosTimeToUtc(uint16_t dos_date, uint16_t dos_time) {
   FILETIME local = {};
@@ -140,20 +136,25 @@ class ZipArchive {
     std::lock_guard<std::mutex> lock(entry_lock_);
     return directory_.Entry(static_cast<size_t>(index), entry);
   }
-  ZipResult Extract(int index, const char* path) { return Extract(index, path, unpacker_); }
+  // `caller_length`: how much of `path` the caller's folder takes (see
+  // CallerFolderLength); the rest comes from the entry's name.
+  ZipResult Extract(int index, const char* path, size_t caller_length) {
+    return Extract(index, path, caller_length, unpacker_);
+  }
   // With an unpacker of the calling thread's own: the archive's reads take
   // their offsets with them, so threads can share the file. Nothing thrown
   // gets out (a worker thread would end the process).
-  ZipResult Extract(int index, const char* path, zip::Unpacker& unpacker) {
+  ZipResult Extract(int index, const char* path, size_t caller_length, zip::Unpacker& unpacker) {
     try {
-      return ExtractEntry(index, path, unpacker);
+      return ExtractEntry(index, path, caller_length, unpacker);
     } catch (const std::bad_alloc&) {
       return kZipNoMemory;
     }
   }
 
  private:
-  ZipResult ExtractEntry(int index, const char* path, zip::Unpacker& unpacker);
+  ZipResult ExtractEntry(int index, const char* path, size_t caller_length,
+                         zip::Unpacker& unpacker);
 
   FileSource source_;
   std::string path_;
@@ -164,7 +165,8 @@ class ZipArchive {
   zip::Unpacker unpacker_;
 };
 
-ZipResult ZipArchive::ExtractEntry(int index, const char* path, zip::Unpacker& unpacker) {
+ZipResult ZipArchive::ExtractEntry(int index, const char* path, size_t caller_length,
+                                  zip::Unpacker& unpacker) {
   zip::EntryInfo entry;
   ZipResult result = Entry(index, &entry);
   if (result != kZipOk) return result;
@@ -175,21 +177,22 @@ ZipResult ZipArchive::ExtractEntry(int index, const char* path, zip::Unpacker& u
   // named, on a device or in an alternate stream, and a name that only looks
   // like what other tools show is not unpacked under another one.
   if (!entry.usable || CheckOutputPath(path) != kZipOk) return kZipNoFile;
+  // Nor through a link that already stands in that folder: the folders the
+  // entry's name adds are entered only when they are real folders, and the
+  // file is written beside its name and moved into place.
   if (entry.folder) {
-    MakeFolders(std::string(path) + "\\");
-    return kZipOk;
+    const std::string folder = std::string(path) + "\\";
+    // A folder that cannot be made was never an entry's failure.
+    return MakeFoldersInside(folder, caller_length) == Placing::kLink ? kZipNoFile : kZipOk;
   }
-  UniqueHandle file(CreateOutput(path));
-  if (!file && ::GetLastError() == ERROR_PATH_NOT_FOUND) {
-    MakeFolders(path);
-    file.reset(CreateOutput(path));
-  }
-  if (!file) return kZipNoFile;
-  FileSink sink(file.get());
+  if (MakeFoldersInside(path, caller_length) != Placing::kReady) return kZipNoFile;
+  ReplacingFile file;
+  if (file.Create(path) != Placing::kReady) return kZipNoFile;
+  FileSink sink(file.handle());
   if ((result = unpacker.Stream(source_, entry, at, sink)) != kZipOk) return result;
   const FILETIME modified = DosTimeToUtc(entry.dos_date, entry.dos_time);
-  ::SetFileTime(file.get(), nullptr, nullptr, &modified);
-  return kZipOk;
+  ::SetFileTime(file.handle(), nullptr, nullptr, &modified);
+  return file.Commit() ? kZipOk : kZipNoFile;
 }
 
 namespace {
@@ -223,6 +226,29 @@ ZipResult CheckHandle(ZipHandle zip) {
 
 ZipResult CheckIndex(ZipHandle zip, int index) {
   return index >= 0 && static_cast<size_t>(index) < zip->count() ? kZipOk : kZipBadArguments;
+}
+
+// UnzipItem, with the length of the caller's folder in `path` known.
+ZipResult UnzipItemWithin(ZipHandle zip, int index, const char* path, size_t caller_length) {
+  ZipResult result = CheckHandle(zip);
+  if (result == kZipOk && path == nullptr) result = kZipBadArguments;
+  if (result == kZipOk) result = CheckIndex(zip, index);
+  if (result == kZipOk) result = zip->Extract(index, path, caller_length);
+  return Keep(result);
+}
+
+// How much of `path` the caller's folder takes: what comes before the entry's
+// name when the caller joined the name to a folder, else everything but the
+// file's own name.
+size_t CallerLength(ZipHandle zip, int index, const char* path) {
+  const size_t length = std::strlen(path);
+  zip::EntryInfo entry;
+  if (zip->Entry(index, &entry) != kZipOk) return length;
+  const std::string& name = entry.name;
+  if (name.empty() || name.size() > length || name.compare(0, name.size(), path + length - name.size()) != 0) {
+    return length;
+  }
+  return length - name.size();
 }
 
 }  // namespace
@@ -274,11 +300,10 @@ ZipResult GetZipItem(ZipHandle zip, int index, ZipEntry* entry) {
 }
 
 ZipResult UnzipItem(ZipHandle zip, int index, const char* path) {
-  ZipResult result = CheckHandle(zip);
-  if (result == kZipOk && path == nullptr) result = kZipBadArguments;
-  if (result == kZipOk) result = CheckIndex(zip, index);
-  if (result == kZipOk) result = zip->Extract(index, path);
-  return Keep(result);
+  if (CheckHandle(zip) != kZipOk || path == nullptr || CheckIndex(zip, index) != kZipOk) {
+    return UnzipItemWithin(zip, index, path, 0);  // gives the failure
+  }
+  return UnzipItemWithin(zip, index, path, CallerLength(zip, index, path));
 }
 
 unsigned DefaultUnzipThreads() {
@@ -370,13 +395,17 @@ ZipResult UnzipEntries(ZipHandle zip, const std::string& target_folder, unsigned
   ZipResult result = GetZipItem(zip, -1, &all);
   if (result != kZipOk) return result;
   const int count = all.index;
+  // A target that leaves no room for a name would be cut inside its own name
+  // and every entry would land outside it, several in one file.
+  if (target_folder.size() >= kPathChars - 1) return Keep(count > 0 ? kZipNoFile : result);
+  const size_t caller_length = target_folder.size();
   const bool parallel = threads > 1 && count > 1 && count <= kMaxParallelEntries &&
                         ZipEntriesAreIndependent(zip, target_folder);
   if (!parallel) {
     for (int i = 0; i < count; ++i) {
       ZipEntry item;
       GetZipItem(zip, i, &item);
-      result = UnzipItem(zip, i, OutputPath(target_folder, item.name).c_str());
+      result = UnzipItemWithin(zip, i, OutputPath(target_folder, item.name).c_str(), caller_length);
     }
     return result;
   }
@@ -407,7 +436,8 @@ ZipResult UnzipEntries(ZipHandle zip, const std::string& target_folder, unsigned
       zip::EntryInfo entry;
       ZipResult r = zip->Entry(i, &entry);
       if (r == kZipOk) {
-        r = zip->Extract(i, OutputPath(target_folder, entry.name.c_str()).c_str(), unpacker);
+        r = zip->Extract(i, OutputPath(target_folder, entry.name.c_str()).c_str(), caller_length,
+                         unpacker);
       }
       if (i == count - 1) last = r;
     }

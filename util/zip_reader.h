@@ -10,7 +10,8 @@
 // Entry names are cleaned before they are handed out (see CleanEntryName),
 // and callers join them to a target folder as they are; UnzipItem refuses any
 // output path that could leave the folder or reach a device (CheckOutputPath),
-// and any name that has no exact form in the ANSI code page.
+// any name that has no exact form in the ANSI code page, and any way into or
+// through a link that already stands inside the folder.
 //
 // Results: every operation returns a result code and also keeps it as the
 // process's most recent result, whose text FormatZipMessage(kZipRecent, ...)
@@ -67,8 +68,15 @@ ZipResult GetZipItem(ZipHandle zip, int index, ZipEntry* entry);
 // for an encrypted entry, kZipNoFile when the file cannot be created or when
 // `path` or the entry's name is refused (nothing is created then),
 // kZipWriteError, kZipReadError, and kZipCorrupt for an entry that is damaged
-// or that this reader cannot unpack; what was written then stays. Handle and
-// index errors as for GetZipItem.
+// or that this reader cannot unpack. Handle and index errors as for GetZipItem.
+//
+// The file is written under a temporary name beside `path` and moved over it
+// when complete, so a failed entry leaves no part of itself under its name and
+// a link of that name is replaced, never written through. When `path` ends
+// with the entry's name, the folders that name adds to the caller's are made
+// or entered only as real folders: one that stands as a link (a junction, a
+// folder symbolic link), or a file at `path` that shows as a link, gives
+// kZipNoFile and nothing is written (see placed_file.h).
 ZipResult UnzipItem(ZipHandle zip, int index, const char* path);
 
 // The threads UnzipEntries may use at most, and the entry count above which it
@@ -89,7 +97,9 @@ bool ZipEntriesAreIndependent(ZipHandle zip, const std::string& target_folder);
 // Unpacks every entry to `target_folder` + its name (joined as a path buffer
 // joins them, cut at 259 characters), with the results of
 //   for each i: GetZipItem(zip, i, &item); UnzipItem(zip, i, target + item.name);
-// on up to `threads` threads. Entries run in parallel only when no two of them
+// on up to `threads` threads. A target of 259 characters or more, which the
+// cut would shorten or leave no room for a name after, is refused for every
+// entry (kZipNoFile) and nothing is written. Entries run in parallel only when no two of them
 // can touch the same file or folder; otherwise, or for more than
 // kMaxParallelEntries entries, one by one in entry order. Gives and keeps the
 // last entry's result (or the listing's, when the archive cannot be listed).

@@ -10,8 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "support/links.h"
 #include "support/zip_builder.h"
 #include "support/zip_fixture.h"
+#include "util/file_ops.h"
 #include "util/package.h"
 #include "util/zip_reader.h"
 
@@ -93,6 +95,87 @@ TEST_F(ZipHostileTest, APackageCannotReplaceAFileBesideItsTargetFolder) {
                    "FirmwareData/USBDriver/Install_Inf.bat", "FirmwareData/image/",
                    "FirmwareData/image/image/", "FirmwareData/image/image/fw.bin", "pkg.zip"}),
             TreeOf(dir_, {"Dorvane.log"}));
+}
+
+// Links that already stand inside the target folder (made as Wine makes links:
+// Unix symbolic links, to a folder with the reparse-point attribute, to a file
+// without): the entries' folders are never entered through one, and a file is
+// never written through one. The caller's own target may be a link.
+TEST_F(ZipHostileTest, LinksStandingInTheTargetAreNeitherEnteredNorWrittenThrough) {
+  if (!testing::UnderWine()) GTEST_SKIP() << "the links are Unix symbolic links";
+  const std::vector<ZipItem> items = {{"ok.txt", "fine"},         {"lnk/pwn.txt", "pwn"},
+                                      {"lnk/sub/pwn2.txt", "pwn2"}, {"lnk/", ""},
+                                      {"to-file", "new"},          {"sub/ok2.txt", "fine too"}};
+  const ZipResult expected[] = {kZipOk, kZipNoFile, kZipNoFile, kZipNoFile, kZipOk, kZipOk};
+  testing::WriteFileBytes(dir_ + "\\links.zip", BuildZip(items));
+  struct Run {
+    const char* how;
+    unsigned threads;  // 0: one entry at a time through UnzipItem
+  };
+  for (const Run& run : {Run{"UnzipItem", 0}, Run{"one thread", 1}, Run{"two threads", 2}}) {
+    SCOPED_TRACE(run.how);
+    const std::string base = dir_ + "\\" + std::to_string(run.threads);
+    const std::string target = base + "\\out\\";
+    MakeFolders(target);
+    ::CreateDirectoryA((base + "\\outside").c_str(), nullptr);
+    testing::WriteFileBytes(base + "\\outside\\f.txt", "target");
+    ASSERT_TRUE(testing::MakeUnixLink(target + "lnk", base + "\\outside"));
+    ASSERT_TRUE(testing::MakeUnixLink(target + "to-file", base + "\\outside\\f.txt"));
+    ZipHandle zip = OpenZip((dir_ + "\\links.zip").c_str());
+    ASSERT_NE(nullptr, zip);
+    if (run.threads == 0) {
+      for (int i = 0; i < static_cast<int>(items.size()); ++i) {
+        ZipEntry entry;
+        ASSERT_EQ(kZipOk, GetZipItem(zip, i, &entry));
+        EXPECT_EQ(expected[i], UnzipItem(zip, i, (target + entry.name).c_str())) << entry.name;
+      }
+    } else {
+      EXPECT_EQ(kZipOk, UnzipEntries(zip, target, run.threads)) << "the last entry's result";
+    }
+    CloseZip(zip);
+    EXPECT_EQ(Lines{"f.txt"}, TreeOf(base + "\\outside")) << "nothing written through the link";
+    EXPECT_EQ("target", testing::ReadFileBytes(base + "\\outside\\f.txt"));
+    // The file link is replaced by the entry; no temporary file stays.
+    EXPECT_EQ((Lines{"lnk/", "lnk/f.txt", "ok.txt", "sub/", "sub/ok2.txt", "to-file"}),
+              TreeOf(target));
+    EXPECT_EQ("new", testing::ReadFileBytes(target + "to-file"));
+    EXPECT_EQ("fine too", testing::ReadFileBytes(target + "sub\\ok2.txt"));
+  }
+
+  // The target itself is the caller's to choose, a link included.
+  ::CreateDirectoryA((dir_ + "\\real").c_str(), nullptr);
+  ASSERT_TRUE(testing::MakeUnixLink(dir_ + "\\via-link", dir_ + "\\real"));
+  EXPECT_EQ(1, UnzipAllItems(dir_ + "\\via-link\\", dir_ + "\\links.zip"));
+  EXPECT_EQ((Lines{"lnk/", "lnk/pwn.txt", "lnk/sub/", "lnk/sub/pwn2.txt", "ok.txt", "sub/",
+                   "sub/ok2.txt", "to-file"}),
+            TreeOf(dir_ + "\\real"));
+}
+
+// Paths are cut at 259 characters. A target the cut would shorten, or leave
+// no room for a name after, would put every entry outside it: each is refused
+// and nothing is made. Below that an entry's name is cut as it always was.
+TEST_F(ZipHostileTest, ATargetTheCutWouldShortenIsRefusedForEveryEntry) {
+  testing::WriteFileBytes(dir_ + "\\pkg.zip",
+                          BuildZip({{"ok.txt", "fine"}, {"a-name-that-the-cut-shortens.txt", "cut"},
+                                    {"sub/x.txt", "x"}}));
+  std::string deep = dir_;
+  while (deep.size() < 300) deep += "\\folder-" + std::to_string(deep.size());
+  for (const std::string& target : {deep + "\\", deep.substr(0, 258) + "\\"}) {
+    SCOPED_TRACE(target.size());
+    ZipHandle zip = OpenZip((dir_ + "\\pkg.zip").c_str());
+    EXPECT_EQ(kZipNoFile, UnzipEntries(zip, target, 1));
+    CloseZip(zip);
+    EXPECT_EQ(1, UnzipAllItems(target, dir_ + "\\pkg.zip"));
+  }
+  const std::string parent = deep.substr(0, deep.rfind('\\'));
+  EXPECT_EQ(1, UnzipPackage(dir_ + "\\", "pkg.zip", parent + "\\", "sub"));
+  EXPECT_EQ(Lines{"pkg.zip"}, TreeOf(dir_, {"Dorvane.log"})) << "nothing made anywhere";
+
+  // A folder of 248 characters, the longest Windows makes: 10 left for names.
+  const std::string target = deep.substr(0, 248) + "\\";
+  EXPECT_EQ(1, UnzipAllItems(target, dir_ + "\\pkg.zip"));
+  EXPECT_EQ((Lines{"a-name-tha", "ok.txt", "sub/", "sub/x.txt"}), TreeOf(target));
+  EXPECT_EQ("cut", testing::ReadFileBytes(target + "a-name-tha"));
 }
 
 // UTF-8 names are turned into the ANSI code page exactly. Fullwidth "．．／"
