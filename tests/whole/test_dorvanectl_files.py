@@ -182,6 +182,16 @@ class FileCommands(unittest.TestCase):
         self.assertEqual((1, 0x700, "Zipfile is corrupt or not a zipfile"),
                          (status, listing["result"], listing["text"]))
 
+        # Control characters in names: one entry a line in the text listing,
+        # nothing for the terminal to act on; the JSON form has them exactly.
+        odd = ["readme.txt\r\nsetup.exe", "\x1b[2J\x1b[31mred\x7f", "tab\there\x01"]
+        self.put("C:\\t2\\odd.zip", zip_bytes([(name, b"x") for name in odd]))
+        text = self.box.run([self.ctl_path, "--log", LOG, "zip-items", "C:\\t2\\odd.zip"])
+        self.assertEqual((0, ["readme.txt\\r\\nsetup.exe", "\\x1B[2J\\x1B[31mred\\x7F",
+                              "tab\\there\\x01"]),
+                         (text.returncode, text.stdout.split("\n")[:-1]))
+        self.assertEqual(odd, [i["name"] for i in self.ctl("zip-items", "C:\\t2\\odd.zip")[1]["items"]])
+
     def test_archives_that_cannot_be_read(self):
         self.put("C:\\t7\\empty.zip", b"")
         os.makedirs(self.box.unix_path("C:\\t7\\folder.zip"))
@@ -367,6 +377,16 @@ class Rails(unittest.TestCase):
         for given in ("\\\\server\\share\\", "\\\\server\\share\\dir\\..",
                       "\\\\server/share/dir/.."):
             self.assertRefused(["delete-dir", given], share % given)
+        # Below a share's root the folders are another machine's, which the
+        # rails cannot know: refused unless --force, however spelled.
+        unc = ('%s: refused to %s \\\\server\\share\\fw (%s "%s"): it is on the network share '
+               '\\\\server\\share, whose protected folders cannot be checked from this machine' + FORCE)
+        for given in ("\\\\server\\share\\fw", "\\\\server/share/fw/", "\\\\?\\UNC\\server\\share\\fw",
+                      "\\\\server\\share\\fw\\sub\\.."):
+            self.assertRefused(["delete-dir", given], unc % ("delete-dir", "delete from", "folder", given))
+        self.assertRefused(["unzip-all-items", "\\\\server\\share\\fw\\", "X:\\pkg\\a.zip"],
+                           unc % ("unzip-all-items", "write into", "target-folder",
+                                  "\\\\server\\share\\fw\\"))
 
     def test_windows_profile_and_program_folders_are_refused(self):
         def line(given, path, why, command="delete-dir", action="delete from", argument="folder"):
@@ -418,6 +438,17 @@ class Rails(unittest.TestCase):
         self.assertEqual((1, {"result": 0}), self.ctl_json("delete-dir", "X:\\keep"))
         self.assertEqual(["x"], os.listdir(self.x("X:\\keep")))
         self.assertEqual(b"bob", self.read_x("X:\\home\\bob\\ntuser.txt"))
+        # Nor is a folder that holds one refused for a copy or an unpacking:
+        # they do not go through it either, in the source (the sub-folder is
+        # copied back into it) or the target.
+        self.put("X:\\pkg\\links.zip", zip_bytes([("x/pwn.txt", b"pwn"), ("ok.txt", b"ok")]))
+        self.put("X:\\dst\\x\\pwn.txt", "pwn")
+        self.assertEqual((0, {"result": 1}),
+                         self.ctl_json("unzip-all-items", "X:\\keep\\", "X:\\pkg\\links.zip"))
+        self.assertEqual((0, {"result": 1}), self.ctl_json("copy-dir", "X:\\dst", "X:\\keep"))
+        self.assertEqual(["ntuser.txt"], os.listdir(self.x("X:\\home\\bob")))
+        self.assertEqual(b"ok", self.read_x("X:\\keep\\ok.txt"))
+        self.assertIn("CopyFileInDir skipped link X:\\keep\\x", self.records())
         # install-usb-driver's folders are fixed, under the Windows folder; only
         # a link can make them lead to a protected folder.
         driver = self.box.unix_path(DRIVER)

@@ -90,6 +90,23 @@ nlohmann::json TableTexts(const std::vector<std::string>& list) {
   return array;
 }
 
+std::string Shown(const std::string& bytes) {
+  std::string shown;
+  for (const char c : bytes) {
+    const unsigned char byte = static_cast<unsigned char>(c);
+    if (byte >= 0x20 && byte != 0x7F) {
+      shown.push_back(c);
+    } else if (c == '\r' || c == '\n' || c == '\t') {
+      shown += c == '\r' ? "\\r" : c == '\n' ? "\\n" : "\\t";
+    } else {
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\x%02X", byte);
+      shown += escaped;
+    }
+  }
+  return shown;
+}
+
 int ReportResult(const Common& common, const nlohmann::json& result, bool success) {
   if (common.json) {
     PrintJson({{"result", result}});

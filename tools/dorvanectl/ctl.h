@@ -43,6 +43,12 @@ nlohmann::json Texts(const std::vector<std::string>& list);
 nlohmann::json TableText(const std::string& bytes);
 nlohmann::json TableTexts(const std::vector<std::string>& list);
 
+// A name or path as one line of a text listing: control characters, which no
+// Windows name can hold but an archive's entry names can, are shown as \r,
+// \n, \t or \xNN, so that one entry stays one line and nothing reaches the
+// terminal as a command. (--json gives the names exactly.)
+std::string Shown(const std::string& bytes);
+
 // Prints an operation's bare result ({"result": ...} or "result: ...") and
 // gives the exit status for `success`.
 int ReportResult(const Common& common, const nlohmann::json& result, bool success);

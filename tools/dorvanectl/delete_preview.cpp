@@ -76,7 +76,7 @@ void PrintTextPreview(const std::vector<Step>& steps, const std::string& summary
   for (const Step& step : steps) {
     char kind[8];
     std::snprintf(kind, sizeof kind, "%-6s", KindName(step.kind));
-    lines += std::string(kind) + " " + step.path + "\n";
+    lines += std::string(kind) + " " + Shown(step.path) + "\n";
   }
   PrintRaw(lines);
   const Counts counts(steps);

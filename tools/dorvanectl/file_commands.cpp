@@ -90,7 +90,7 @@ int ListZip(const Common& common, const std::string& archive) {
                      {"folder", (entry.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0},
                      {"size", entry.size},
                      {"compressed_size", entry.compressed_size}});
-    if (!common.json) PrintRaw(std::string(entry.name) + "\n");
+    if (!common.json) PrintRaw(Shown(entry.name) + "\n");
   }
   if (zip != nullptr) CloseZip(zip);
   if (common.json) {

@@ -202,6 +202,11 @@ Spellings Spell(const FullPath& given) {
   return result;
 }
 
+// \\server\share\...: the folders of another machine.
+bool IsOnShare(const FullPath& path) {
+  return !path.device && path.root.size() >= 2 && path.root[0] == L'\\' && path.root[1] == L'\\';
+}
+
 struct Protected {
   std::wstring key;
   std::wstring path;
@@ -349,16 +354,19 @@ std::optional<Refusal> Check(const GuardedFolder& folder, const std::optional<Fu
     return refusal;
   }
   const Spellings spellings = Spell(*full);
-  const ProtectedFolders& protect = TheProtectedFolders();
-  if (std::optional<std::string> why = protect.Why(spellings.path)) {
-    refusal.path = WideToAnsi(spellings.path.Text().c_str());
-    refusal.why = *why;
-    return refusal;
-  }
-  if (spellings.linked) {
-    if (std::optional<std::string> why = protect.Why(*spellings.linked)) {
-      refusal.path = WideToAnsi(spellings.linked->Text().c_str());
-      refusal.through_link = true;
+  const FullPath* forms[] = {&spellings.path, spellings.linked ? &*spellings.linked : nullptr};
+  for (const FullPath* form : forms) {
+    if (form == nullptr) continue;
+    std::optional<std::string> why = TheProtectedFolders().Why(*form);
+    // The protected folders are this machine's; those of the machine that
+    // serves a share (its Windows folder, its profiles) are not known here.
+    if (!why && IsOnShare(*form)) {
+      why = "is on the network share " + WideToAnsi(form->root.c_str()) +
+            ", whose protected folders cannot be checked from this machine";
+    }
+    if (why) {
+      refusal.path = WideToAnsi(form->Text().c_str());
+      refusal.through_link = form != forms[0];
       refusal.why = *why;
       return refusal;
     }

@@ -19,7 +19,9 @@
 // dots and blanks dropped from every part, case ignored; where a path exists
 // it is also followed through links, and both the path and where it leads are
 // checked. A path in the device namespace other than a drive or a share
-// (\\?\Volume{...}\, \\.\PhysicalDrive0) cannot be checked and is refused.
+// (\\?\Volume{...}\, \\.\PhysicalDrive0) cannot be checked and is refused;
+// so is any path on a network share (\\server\share\..., also through a link),
+// whose protected folders are those of the machine that serves it.
 //
 //   std::optional<Refusal> refusal = FirstRefusal(DeleteDirFolders(folder));
 //   if (refusal && !force) { ...print refusal->Text("delete-dir")... }
