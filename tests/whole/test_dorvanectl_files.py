@@ -175,6 +175,11 @@ class FileCommands(unittest.TestCase):
         self.assertEqual((0, {"result": 1}),
                          self.ctl("unzip-all-items", "C:\\t2\\all\\", "C:\\t2\\pkg\\fw.zip"))
         self.assertTrue(self.exists("C:\\t2\\all\\img\\a.bin"))
+        # A target that the 259-character cut would shorten: nothing anywhere.
+        long_target = "C:\\t2\\long\\" + "\\".join(["folder-%02d" % i for i in range(30)]) + "\\"
+        self.assertEqual((0, {"result": 1}), self.ctl("unzip-package", "C:\\t2\\pkg\\", "fw.zip",
+                                                      long_target[:255], "image"))
+        self.assertFalse(self.exists("C:\\t2\\long"))
         self.put("C:\\t2\\bad.zip", b"PK not really")
         self.assertEqual((0, {"result": 1}), self.ctl("unzip-all-items", "C:\\t2\\b\\", "C:\\t2\\bad.zip"))
         self.assertIn("GetZipItem failed.", self.read(LOG).decode("latin-1"))
