@@ -4,8 +4,6 @@
 
 namespace dorvane::testing {
 
-namespace {
-
 std::wstring Wide(const std::string& text) {
   std::wstring wide(text.size(), L'\0');
   const int n = ::MultiByteToWideChar(CP_ACP, 0, text.data(), static_cast<int>(text.size()),
@@ -13,6 +11,8 @@ std::wstring Wide(const std::string& text) {
   wide.resize(n > 0 ? n : 0);
   return wide;
 }
+
+namespace {
 
 using UnixFileNameFn = char*(__cdecl*)(LPCWSTR);
 UnixFileNameFn WineUnixFileName() {

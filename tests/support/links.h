@@ -14,6 +14,9 @@
 
 namespace dorvane::testing {
 
+// Narrow (ANSI) text as wide text.
+std::wstring Wide(const std::string& text);
+
 // True when running under Wine (its kernel32 exports wine_get_unix_file_name).
 bool UnderWine();
 

@@ -27,24 +27,17 @@ using testing::MakeUnixLink;
 using testing::ReadFileBytes;
 using testing::TreeOf;
 using testing::UnderWine;
+using testing::Wide;
 using testing::WriteFileBytes;
 
 using Lines = std::vector<std::string>;
-
-// Windows links for the deletion tests (see links.h for Wine's).
-
-std::wstring Wide(const std::string& text) {
-  std::wstring wide(text.size(), L'\0');
-  const int n = ::MultiByteToWideChar(CP_ACP, 0, text.data(), static_cast<int>(text.size()),
-                                      wide.data(), static_cast<int>(wide.size()));
-  wide.resize(n > 0 ? n : 0);
-  return wide;
-}
 
 bool IsFolder(const std::string& path) {
   const DWORD attributes = ::GetFileAttributesA(path.c_str());
   return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY);
 }
+
+// Windows links for the deletion tests (see links.h for Wine's).
 
 // True when a symbolic link now exists at `link`.
 bool MakeSymbolicLink(const std::string& link, const std::string& target, DWORD flags) {
