@@ -82,6 +82,28 @@ ZipResult ReadZip64End(Source& source, uint64_t locator_at, Bounds* zip64, bool*
   return kZipOk;
 }
 
+// A classic field that holds all ones defers to the Zip64 record. Where the
+// two records name different directories, the classic one stands unless it
+// defers, and a classic record that defers in some fields and contradicts
+// the Zip64 record in others leaves no whole reading: the archive is corrupt.
+// A mix of the two would name a directory that no writer wrote.
+ZipResult Reconcile(const Bounds& classic, const Bounds& zip64, Bounds* bounds) {
+  const bool count_deferred = classic.count == 0xFFFF;
+  const bool size_deferred = classic.size == 0xFFFFFFFFu;
+  const bool offset_deferred = classic.offset == 0xFFFFFFFFu;
+  const bool agree = (count_deferred || classic.count == zip64.count) &&
+                     (size_deferred || classic.size == zip64.size) &&
+                     (offset_deferred || classic.offset == zip64.offset);
+  if (agree) {
+    *bounds = zip64;
+  } else if (count_deferred || size_deferred || offset_deferred) {
+    return kZipCorrupt;
+  } else {
+    *bounds = classic;
+  }
+  return kZipOk;
+}
+
 // The end record is the last "PK\5\6" whose comment fits in the file.
 ZipResult FindEnd(Source& source, Bounds* bounds) {
   const uint64_t size = source.Size();
@@ -104,8 +126,8 @@ ZipResult FindEnd(Source& source, Bounds* bounds) {
     bool found = false;
     const ZipResult result =
         ReadZip64End(source, classic.limit - kZip64LocatorSize, &zip64, &found);
-    if (found) *bounds = zip64;
-    return result;
+    if (result != kZipOk || !found) return result;
+    return Reconcile(classic, zip64, bounds);
   }
   return kZipCorrupt;
 }

@@ -245,6 +245,54 @@ TEST(ZipCore, ADamagedZip64RecordLeavesTheEndRecordAlone) {
   }
 }
 
+// The end record's fields hold all ones where the Zip64 record holds the
+// value; any other difference between the two has one reading or none.
+TEST(ZipCore, TheEndRecordAndTheZip64RecordGiveOneWholeReadingOrNone) {
+  ZipLayout at;
+  const std::string zip64 = BuildZip({{"a.txt", "first"}, {"b.txt", "second"}}, true, &at);
+  const size_t record = at.end - 76;
+  const uint32_t size = static_cast<uint32_t>(record - at.central[0]);
+  const uint32_t first_only = static_cast<uint32_t>(at.central[1] - at.central[0]);
+  struct Fields {
+    uint16_t count;
+    uint32_t size;
+    uint32_t offset;
+  };
+  // `end` goes into the end record; `zip64_count` and `zip64_size` into the Zip64 record.
+  auto with = [&](Fields end, uint64_t zip64_count = 2, uint64_t zip64_size = 0) {
+    std::string bytes = zip64;
+    PutLe16(bytes, at.end + testing::kEndDiskCountField, end.count);
+    PutLe16(bytes, at.end + testing::kEndCountField, end.count);
+    PutLe32(bytes, at.end + testing::kEndSizeField, end.size);
+    PutLe32(bytes, at.end + testing::kEndOffsetField, end.offset);
+    for (size_t field : {24u, 32u}) PutLe32(bytes, record + field, static_cast<uint32_t>(zip64_count));
+    if (zip64_size != 0) PutLe32(bytes, record + 40, static_cast<uint32_t>(zip64_size));
+    return bytes;
+  };
+  const uint32_t offset = static_cast<uint32_t>(at.central[0]);
+  // With 65535 entries the end record's count is all ones and true at once; a
+  // Zip64 record that names one entry less still leaves no whole reading.
+  ZipLayout many;
+  std::string most = BuildZip(std::vector<ZipItem>(0xFFFF, ZipItem{"n", "1"}), true, &many);
+  const size_t most_record = many.end - 76;
+  PutLe32(most, many.end + testing::kEndSizeField, static_cast<uint32_t>(most_record - many.central[0]));
+  PutLe32(most, many.end + testing::kEndOffsetField, static_cast<uint32_t>(many.central[0]));
+  for (size_t field : {24u, 32u}) PutLe32(most, most_record + field, 0xFFFE);
+  PutLe32(most, most_record + 40, static_cast<uint32_t>(many.central[0xFFFE] - many.central[0]));
+  ExpectEnds({
+      {"all ones", zip64, kZipOk, 2},
+      {"both in full, the same", with({2, size, offset}), kZipOk, 2},
+      {"the count given, the offset all ones", with({2, size, 0xFFFFFFFF}), kZipOk, 2},
+      {"the end record names both entries, the Zip64 record one", with({2, size, offset}, 1, first_only),
+       kZipOk, 2},
+      {"the end record names one entry, the Zip64 record both", with({1, first_only, offset}), kZipOk, 1},
+      {"all ones but a count that differs", with({1, 0xFFFFFFFF, 0xFFFFFFFF}), kZipCorrupt, 0},
+      {"all ones but a size that differs", with({0xFFFF, first_only, 0xFFFFFFFF}), kZipCorrupt, 0},
+      {"the count all ones, an offset that differs", with({0xFFFF, size, offset + 1}), kZipCorrupt, 0},
+      {"65535 entries, the Zip64 record naming one less", most, kZipCorrupt, 0},
+  });
+}
+
 TEST(ZipCore, SharedAndOverlappingDataIsRefusedForTheWholeArchive) {
   ZipLayout at;
   const std::string good = BuildZip({{"a", std::string(3000, 'a')}, {"b", "b"}, {"c", "c"}},
