@@ -62,6 +62,7 @@ def main():
                           ("CON", b"4"), ("a.txt:s", b"5"), ("trail.", b"6")],
                          compression=zipfile.ZIP_STORED),
         "comment": archive([("c.txt", b"comment")], comment=b"PK\x05\x06 inside a comment"),
+        "signatures": archive([("zip64 PK\x06\x06 end.txt", b"1"), ("tail PK\x06\x07" + "x" * 16, b"2")]),
         "empty": archive([]),
     }
     names = ["a.txt", "dir/sub/file.bin", "..\\..\\x.txt", "C:\\x.txt", "d/../../x", "/abs",

@@ -186,6 +186,19 @@ class Directory {
   // when the source cannot be read, kZipNoMemory for too many entries or when
   // memory runs out. The source must outlive the directory.
   //
+  // An archive is a Zip64 archive only when a Zip64 locator sits right before
+  // the end record and points to a Zip64 end record that is really there
+  // (with data in front of the archive: right before the locator): its
+  // signature, a size that keeps it before the locator, and a directory in
+  // front of it. Anything less (entry names and comments may hold the
+  // signatures' bytes) leaves an ordinary archive, read from the end record
+  // alone. When both records name the same directory, or the end record holds
+  // all ones where a field does not fit and agrees with the Zip64 record in
+  // every other field, the Zip64 record's values are read. When they name
+  // different directories, the end record is read if none of its fields holds
+  // all ones; if some do, neither record is whole and the archive is corrupt.
+  // The reader never mixes fields of the two into a third directory.
+  //
   // An archive with data in front of it (a self-extracting stub, padding) has
   // its central directory further on than the end record says: the difference
   // is found from where the directory really ends and applied to every offset,

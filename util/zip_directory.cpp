@@ -29,7 +29,7 @@ constexpr uint16_t kUtf8NameFlag = 0x0800;
 constexpr uint16_t kUnicodePathId = 0x7075;
 constexpr uint32_t kDosFolderAttribute = 0x10;
 
-// Where the central directory lies, from the end record.
+// Where the central directory lies, from one end record.
 struct Bounds {
   uint64_t count = 0;
   uint64_t size = 0;
@@ -37,29 +37,70 @@ struct Bounds {
   uint64_t limit = 0;  // the directory must end at or before this position
 };
 
-ZipResult ReadZip64End(Source& source, uint64_t locator_at, Bounds* bounds) {
+// A Zip64 end record at `at` counts only when it is one: its signature, a
+// size field that keeps it between its own start and the locator, and a
+// directory that lies in front of it. Entry names and comments may hold these
+// signatures anywhere, and the last record's name or comment ends right where
+// a locator would be, so a signature alone proves nothing.
+bool Zip64EndFits(const unsigned char* record, uint64_t at, uint64_t locator_at) {
+  if (Le32(record) != kZip64EndSignature) return false;
+  // The size field counts what follows it: 44 bytes, or more with an
+  // extensible data sector. The caller ensures at + kZip64EndSize <= locator_at.
+  const uint64_t length = Le64(record + 4);
+  const uint64_t room = locator_at - at - 12;
+  const uint64_t size = Le64(record + 40);
+  const uint64_t offset = Le64(record + 48);
+  return length >= kZip64EndSize - 12 && length <= room && offset <= at && size <= at - offset;
+}
+
+// Reads the Zip64 end record that a locator at `locator_at` points to.
+// `found` stays false when there is no locator, or when what looks like one
+// points to no record that fits: the archive is then an ordinary one.
+ZipResult ReadZip64End(Source& source, uint64_t locator_at, Bounds* zip64, bool* found) {
+  *found = false;
   unsigned char locator[kZip64LocatorSize];
   if (!source.ReadAt(locator_at, locator, kZip64LocatorSize)) return kZipReadError;
-  if (Le32(locator) != kZip64LocatorSignature) return kZipOk;  // an ordinary archive
-  // A locator with no room for its record in front of it is damage, not a
-  // reason to read before the start of the file.
-  if (locator_at < kZip64EndSize) return kZipCorrupt;
-  const uint64_t before_locator = locator_at - kZip64EndSize;
+  if (Le32(locator) != kZip64LocatorSignature || locator_at < kZip64EndSize) return kZipOk;
+  // With data in front of the archive the locator points short of the record,
+  // which then lies right before the locator; no data explains a locator
+  // that points past itself.
+  const uint64_t right_before = locator_at - kZip64EndSize;
   uint64_t at = Le64(locator + 8);
-  if (at > before_locator) at = before_locator;
+  if (at > right_before) return kZipOk;
   unsigned char record[kZip64EndSize];
   if (!source.ReadAt(at, record, kZip64EndSize)) return kZipReadError;
-  if (Le32(record) != kZip64EndSignature && at != before_locator) {
-    // With data in front of the archive the locator points short of the
-    // record, which then lies right before the locator.
-    at = before_locator;
+  if (!Zip64EndFits(record, at, locator_at) && at != right_before) {
+    at = right_before;
     if (!source.ReadAt(at, record, kZip64EndSize)) return kZipReadError;
   }
-  if (Le32(record) != kZip64EndSignature) return kZipCorrupt;
-  bounds->count = Le64(record + 32);
-  bounds->size = Le64(record + 40);
-  bounds->offset = Le64(record + 48);
-  bounds->limit = at;
+  if (!Zip64EndFits(record, at, locator_at)) return kZipOk;
+  zip64->count = Le64(record + 32);
+  zip64->size = Le64(record + 40);
+  zip64->offset = Le64(record + 48);
+  zip64->limit = at;
+  *found = true;
+  return kZipOk;
+}
+
+// A classic field that holds all ones defers to the Zip64 record. Where the
+// two records name different directories, the classic one stands unless it
+// defers, and a classic record that defers in some fields and contradicts
+// the Zip64 record in others leaves no whole reading: the archive is corrupt.
+// A mix of the two would name a directory that no writer wrote.
+ZipResult Reconcile(const Bounds& classic, const Bounds& zip64, Bounds* bounds) {
+  const bool count_deferred = classic.count == 0xFFFF;
+  const bool size_deferred = classic.size == 0xFFFFFFFFu;
+  const bool offset_deferred = classic.offset == 0xFFFFFFFFu;
+  const bool agree = (count_deferred || classic.count == zip64.count) &&
+                     (size_deferred || classic.size == zip64.size) &&
+                     (offset_deferred || classic.offset == zip64.offset);
+  if (agree) {
+    *bounds = zip64;
+  } else if (count_deferred || size_deferred || offset_deferred) {
+    return kZipCorrupt;
+  } else {
+    *bounds = classic;
+  }
   return kZipOk;
 }
 
@@ -74,12 +115,19 @@ ZipResult FindEnd(Source& source, Bounds* bounds) {
   for (size_t pos = tail - kEndSize + 1; pos-- > 0;) {
     const unsigned char* end = buffer.get() + pos;
     if (Le32(end) != kEndSignature || pos + kEndSize + Le16(end + 20) > tail) continue;
-    bounds->count = Le16(end + 10);
-    bounds->size = Le32(end + 12);
-    bounds->offset = Le32(end + 16);
-    bounds->limit = size - tail + pos;
-    if (bounds->limit < kZip64LocatorSize) return kZipOk;
-    return ReadZip64End(source, bounds->limit - kZip64LocatorSize, bounds);
+    Bounds classic;
+    classic.count = Le16(end + 10);
+    classic.size = Le32(end + 12);
+    classic.offset = Le32(end + 16);
+    classic.limit = size - tail + pos;
+    *bounds = classic;
+    if (classic.limit < kZip64LocatorSize) return kZipOk;
+    Bounds zip64;
+    bool found = false;
+    const ZipResult result =
+        ReadZip64End(source, classic.limit - kZip64LocatorSize, &zip64, &found);
+    if (result != kZipOk || !found) return result;
+    return Reconcile(classic, zip64, bounds);
   }
   return kZipCorrupt;
 }

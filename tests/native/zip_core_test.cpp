@@ -13,6 +13,7 @@ namespace dorvane {
 namespace {
 
 using testing::BuildZip;
+using testing::PutLe16;
 using testing::PutLe32;
 using testing::ZipItem;
 using testing::ZipLayout;
@@ -124,16 +125,172 @@ TEST(ZipCore, CountsBeyondTheLimitOrTheBytesAreRefusedBeforeReadingTheDirectory)
   }
 }
 
-// A Zip64 locator too near the start of the file to have its record in front
-// of it: a corrupt archive, not a read beyond the file.
-TEST(ZipCore, AZip64LocatorWithNoRoomForItsRecordIsCorrupt) {
-  const std::string records = testing::Zip64EndRecords(0, 1, 46, 0);
-  for (size_t front : {size_t{0}, size_t{35}}) {
-    const std::string bytes = std::string(front, 'x') + records.substr(56);
-    zip::MemorySource source(bytes.data(), bytes.size());
-    zip::Directory directory;
-    EXPECT_EQ(kZipCorrupt, directory.Read(source, zip::kNativeNames)) << front;
+// Reads the archive and unpacks every entry: the first result that is not
+// kZipOk, or kZipOk with the number of entries in `count`.
+ZipResult UnpackAll(const std::string& bytes, size_t* count, uint64_t* prefix = nullptr) {
+  zip::MemorySource source(bytes.data(), bytes.size());
+  zip::Directory directory;
+  ZipResult result = directory.Read(source, zip::kNativeNames);
+  *count = directory.count();
+  if (prefix != nullptr) *prefix = directory.prefix();
+  zip::Unpacker unpacker;
+  for (size_t i = 0; result == kZipOk && i < directory.count(); ++i) {
+    zip::EntryInfo entry;
+    uint64_t data = 0;
+    StringSink sink;
+    if ((result = directory.Entry(i, &entry)) == kZipOk &&
+        (result = unpacker.Locate(source, entry, directory.DataLimit(i), &data)) == kZipOk) {
+      result = unpacker.Stream(source, entry, data, sink);
+    }
   }
+  return result;
+}
+
+std::string Le(uint64_t value, size_t bytes) {
+  std::string out;
+  for (size_t i = 0; i < bytes; ++i) out.push_back(static_cast<char>(value >> (8 * i)));
+  return out;
+}
+
+const std::string kZip64End("PK\x06\x06", 4);
+const std::string kLocator("PK\x06\x07", 4);
+
+struct EndCase {
+  const char* what;
+  std::string bytes;
+  ZipResult expected;
+  size_t entries;
+};
+
+void ExpectEnds(const std::vector<EndCase>& cases) {
+  for (const EndCase& c : cases) {
+    size_t count = 0;
+    EXPECT_EQ(c.expected, UnpackAll(c.bytes, &count)) << c.what;
+    EXPECT_EQ(c.expected == kZipOk ? c.entries : 0, count) << c.what;
+  }
+}
+
+// Names end right before the end record, where a Zip64 locator would sit, and
+// may hold any bytes: a locator counts only with its record where it points.
+TEST(ZipCore, AZip64LocatorCountsOnlyWithItsRecordInPlace) {
+  const ZipItem first{"a.txt", "first"};
+  // The last name holds a locator whose "record" is the Zip64 end signature
+  // in the name before it, followed by name bytes as its size.
+  auto pointing_into_names = [&](const std::string& total_disks) {
+    ZipLayout at;
+    const ZipItem holder{"zip64 " + kZip64End + " end.txt", "2"};
+    const std::string tail = "locator " + kLocator + Le(0, 4) + Le(0, 8) + total_disks;
+    BuildZip({first, holder, {tail, "3"}}, false, &at);
+    const size_t pointed = at.central[1] + 46 + 6;
+    return BuildZip({first, holder, {tail.substr(0, 16) + Le(pointed, 8) + total_disks, "3"}});
+  };
+  // The last name ends in a whole Zip64 record and locator that name the
+  // directory the name itself lies in, as the end record does.
+  auto whole_record_in_name = [&]() {
+    ZipLayout at;
+    const std::string placeholder(80, 'w');
+    BuildZip({first, {placeholder, "2"}}, false, &at);
+    const std::string records =
+        testing::Zip64EndRecords(at.end - 76, 2, at.end - at.central[0], at.central[0]);
+    return BuildZip({first, {placeholder.substr(76) + records.substr(0, 76), "2"}});
+  };
+  const std::string records = testing::Zip64EndRecords(0, 1, 46, 0);
+  ExpectEnds({
+      {"the Zip64 end signature in a name", BuildZip({first, {"zip64 " + kZip64End + ".txt", "2"}}), kZipOk, 2},
+      {"the locator signature in a name", BuildZip({first, {"mid " + kLocator + " name.txt", "2"}}), kZipOk, 2},
+      {"a locator of name bytes pointing past itself",
+       BuildZip({first, {"tail " + kLocator + std::string(16, 'x'), "2"}}), kZipOk, 2},
+      {"a locator of name bytes pointing at a signature in a name", pointing_into_names("zzzz"), kZipOk, 3},
+      {"the same, the locator naming one disk", pointing_into_names(Le(1, 4)), kZipOk, 3},
+      {"a record of name bytes right before a locator pointing short of it",
+       BuildZip({first, {kZip64End + std::string(52, 'y') + kLocator + "zzzz" + Le(0, 8) + "zzzz", "2"}}),
+       kZipOk, 2},
+      {"a whole Zip64 record of name bytes naming the directory around it", whole_record_in_name(), kZipOk, 2},
+      // Only the end record of all ones is left, which names nothing: corrupt,
+      // and never a read before the start of the file.
+      {"a locator with no room for its record", records.substr(56), kZipCorrupt, 0},
+      {"the same after 35 bytes", std::string(35, 'x') + records.substr(56), kZipCorrupt, 0},
+  });
+}
+
+// A Zip64 record that is not whole is no Zip64 record: the end record is read
+// alone, which reads when it names the directory in full and names nothing
+// when it holds all ones.
+TEST(ZipCore, ADamagedZip64RecordLeavesTheEndRecordAlone) {
+  ZipLayout at;
+  const std::string zip64 = BuildZip({{"a.txt", "first"}, {"b.txt", "second"}}, true, &at);
+  const size_t record = at.end - 76;
+  std::string in_full = zip64;
+  PutLe16(in_full, at.end + testing::kEndDiskCountField, 2);
+  PutLe16(in_full, at.end + testing::kEndCountField, 2);
+  PutLe32(in_full, at.end + testing::kEndSizeField, static_cast<uint32_t>(record - at.central[0]));
+  PutLe32(in_full, at.end + testing::kEndOffsetField, static_cast<uint32_t>(at.central[0]));
+  struct Damage {
+    const char* what;
+    size_t at;
+    uint32_t value;
+  };
+  for (const Damage& d : {Damage{"no signature", record, 0x06064b51},
+                          Damage{"too short", record + 4, 43},
+                          Damage{"running into its locator", record + 4, 45},
+                          Damage{"naming a directory behind it", record + 48, static_cast<uint32_t>(record)},
+                          Damage{"its locator pointing past it", at.end - 20 + 8, static_cast<uint32_t>(record + 1)}}) {
+    std::string full = in_full, ones = zip64;
+    PutLe32(full, d.at, d.value);
+    PutLe32(ones, d.at, d.value);
+    size_t count = 0;
+    EXPECT_EQ(kZipOk, UnpackAll(full, &count)) << d.what;
+    EXPECT_EQ(2u, count) << d.what;
+    EXPECT_EQ(kZipCorrupt, UnpackAll(ones, &count)) << d.what;
+  }
+}
+
+// The end record's fields hold all ones where the Zip64 record holds the
+// value; any other difference between the two has one reading or none.
+TEST(ZipCore, TheEndRecordAndTheZip64RecordGiveOneWholeReadingOrNone) {
+  ZipLayout at;
+  const std::string zip64 = BuildZip({{"a.txt", "first"}, {"b.txt", "second"}}, true, &at);
+  const size_t record = at.end - 76;
+  const uint32_t size = static_cast<uint32_t>(record - at.central[0]);
+  const uint32_t first_only = static_cast<uint32_t>(at.central[1] - at.central[0]);
+  struct Fields {
+    uint16_t count;
+    uint32_t size;
+    uint32_t offset;
+  };
+  // `end` goes into the end record; `zip64_count` and `zip64_size` into the Zip64 record.
+  auto with = [&](Fields end, uint64_t zip64_count = 2, uint64_t zip64_size = 0) {
+    std::string bytes = zip64;
+    PutLe16(bytes, at.end + testing::kEndDiskCountField, end.count);
+    PutLe16(bytes, at.end + testing::kEndCountField, end.count);
+    PutLe32(bytes, at.end + testing::kEndSizeField, end.size);
+    PutLe32(bytes, at.end + testing::kEndOffsetField, end.offset);
+    for (size_t field : {24u, 32u}) PutLe32(bytes, record + field, static_cast<uint32_t>(zip64_count));
+    if (zip64_size != 0) PutLe32(bytes, record + 40, static_cast<uint32_t>(zip64_size));
+    return bytes;
+  };
+  const uint32_t offset = static_cast<uint32_t>(at.central[0]);
+  // With 65535 entries the end record's count is all ones and true at once; a
+  // Zip64 record that names one entry less still leaves no whole reading.
+  ZipLayout many;
+  std::string most = BuildZip(std::vector<ZipItem>(0xFFFF, ZipItem{"n", "1"}), true, &many);
+  const size_t most_record = many.end - 76;
+  PutLe32(most, many.end + testing::kEndSizeField, static_cast<uint32_t>(most_record - many.central[0]));
+  PutLe32(most, many.end + testing::kEndOffsetField, static_cast<uint32_t>(many.central[0]));
+  for (size_t field : {24u, 32u}) PutLe32(most, most_record + field, 0xFFFE);
+  PutLe32(most, most_record + 40, static_cast<uint32_t>(many.central[0xFFFE] - many.central[0]));
+  ExpectEnds({
+      {"all ones", zip64, kZipOk, 2},
+      {"both in full, the same", with({2, size, offset}), kZipOk, 2},
+      {"the count given, the offset all ones", with({2, size, 0xFFFFFFFF}), kZipOk, 2},
+      {"the end record names both entries, the Zip64 record one", with({2, size, offset}, 1, first_only),
+       kZipOk, 2},
+      {"the end record names one entry, the Zip64 record both", with({1, first_only, offset}), kZipOk, 1},
+      {"all ones but a count that differs", with({1, 0xFFFFFFFF, 0xFFFFFFFF}), kZipCorrupt, 0},
+      {"all ones but a size that differs", with({0xFFFF, first_only, 0xFFFFFFFF}), kZipCorrupt, 0},
+      {"the count all ones, an offset that differs", with({0xFFFF, size, offset + 1}), kZipCorrupt, 0},
+      {"65535 entries, the Zip64 record naming one less", most, kZipCorrupt, 0},
+  });
 }
 
 TEST(ZipCore, SharedAndOverlappingDataIsRefusedForTheWholeArchive) {
@@ -281,25 +438,25 @@ TEST(ZipCoreNames, DataInFrontOfTheArchiveIsFoundAndSkipped) {
   ZipLayout at;
   const std::string archive = BuildZip({{"a.txt", "first"}, {"b.bin", std::string(3000, 'b'), true}},
                                        false, &at);
-  const std::string zip64 = BuildZip({{"z.txt", "zip64", false, true}}, true);
-  for (const std::string& front : {std::string(1000, '\0'), std::string("MZ stub") + std::string(4089, 'x')}) {
+  ZipLayout z;
+  const std::string zip64 = BuildZip({{"z.txt", "zip64", false, true}}, true, &z);
+  // A Zip64 locator points short of its record by the data in front, here at
+  // a Zip64 end signature that begins no record.
+  std::string decoy(1000, '\0');
+  decoy.replace(z.end - 76, 4, kZip64End);
+  struct Front {
+    const char* what;
+    std::string bytes;
+  };
+  for (const Front& front : {Front{"zeros", std::string(1000, '\0')},
+                             Front{"a stub", std::string("MZ stub") + std::string(4089, 'x')},
+                             Front{"a decoy signature", decoy}}) {
     for (const std::string& inner : {archive, zip64}) {
-      const std::string bytes = front + inner;
-      zip::MemorySource source(bytes.data(), bytes.size());
-      zip::Directory directory;
-      ASSERT_EQ(kZipOk, directory.Read(source, zip::kNativeNames));
-      EXPECT_EQ(front.size(), directory.prefix());
-      zip::Unpacker unpacker;
-      for (size_t i = 0; i < directory.count(); ++i) {
-        zip::EntryInfo entry;
-        ASSERT_EQ(kZipOk, directory.Entry(i, &entry));
-        uint64_t data = 0;
-        ASSERT_EQ(kZipOk, unpacker.Locate(source, entry, directory.DataLimit(i), &data));
-        class Null : public zip::Sink {
-          ZipResult Write(const unsigned char*, size_t) override { return kZipOk; }
-        } sink;
-        EXPECT_EQ(kZipOk, unpacker.Stream(source, entry, data, sink)) << entry.name;
-      }
+      size_t count = 0;
+      uint64_t prefix = 0;
+      EXPECT_EQ(kZipOk, UnpackAll(front.bytes + inner, &count, &prefix)) << front.what;
+      EXPECT_EQ(inner == archive ? 2u : 1u, count) << front.what;
+      EXPECT_EQ(front.bytes.size(), prefix) << front.what;
     }
   }
   // Offsets that fit no shift stay corrupt: the directory is neither where the

@@ -72,7 +72,7 @@ void AddEnd(std::string& out, uint64_t count, uint64_t cd_offset, uint64_t cd_si
   Add32(out, 0);
   Add16(out, zip64 ? 0xFFFF : static_cast<uint16_t>(count));
   Add16(out, zip64 ? 0xFFFF : static_cast<uint16_t>(count));
-  Add32(out, static_cast<uint32_t>(cd_size));
+  Add32(out, zip64 ? 0xFFFFFFFFu : static_cast<uint32_t>(cd_size));
   Add32(out, zip64 ? 0xFFFFFFFFu : static_cast<uint32_t>(cd_offset));
   Add16(out, 0);
 }

@@ -11,6 +11,7 @@ import io
 import os
 import random
 import shutil
+import struct
 import subprocess
 import sys
 import zipfile
@@ -67,6 +68,31 @@ def python_archives(out, files):
         f.write(stream.data)
 
 
+def signature_archive(out, files):
+    """Names that hold the bytes of the Zip64 end-record and locator
+    signatures, the last one ending right where a locator would sit: its
+    comment (a name holds no NUL) completes a locator of one disk that points
+    at the signature in the name before it, which begins no Zip64 record.
+    Info-ZIP's unzip and zipfile read it as the ordinary archive it is."""
+    path = os.path.join(out, "python-signatures.zip")
+
+    def write(locator_rest):
+        with zipfile.ZipFile(path, "w") as z:
+            for name, data, comment in (("readme.txt", files["readme.txt"], b""),
+                                        ("zip64 PK\x06\x06 end.txt", b"record", b""),
+                                        ("locator PK\x06\x07", b"locator", locator_rest)):
+                info = zipfile.ZipInfo(name, date_time=(2025, 1, 22, 12, 0, 0))
+                info.comment = comment
+                z.writestr(info, data)
+        with open(path, "rb") as f:
+            return f.read()
+
+    # The comment's length fixes every position; its bytes move nothing.
+    data = write(bytes(16))
+    pointed = data.rfind(b"PK\x06\x06", 0, data.rfind(b"PK\x01\x02"))
+    write(struct.pack("<IQI", 0, pointed, 1))
+
+
 def infozip_archives(out, src):
     names = ["readme.txt", "image.bin", "empty.txt", "sub/", "sub/deeper/", "sub/deeper/inner.txt"]
     run = lambda args, **kw: subprocess.run(args, cwd=src, check=True, **kw)
@@ -86,6 +112,7 @@ def main():
     os.makedirs(src)
     files = make_tree(src)
     python_archives(out, files)
+    signature_archive(out, files)
     infozip_archives(out, src)
     with open(os.path.join(out, "manifest.txt"), "w", encoding="utf-8", newline="\n") as m:
         for archive in sorted(n for n in os.listdir(out) if n.endswith(".zip")):

@@ -1,8 +1,10 @@
 // The zip reader on archives made by other writers (Python's zipfile and
 // Info-ZIP's zip, run by the zip_archives.make fixture): stored and deflated
-// entries, empty files, folders, Zip64 records and data descriptors.
+// entries, empty files, folders, Zip64 records, data descriptors, and names
+// that hold the bytes of the Zip64 signatures.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -60,7 +62,7 @@ std::map<std::string, std::vector<Expected>> ReadManifest() {
 
 TEST(ZipArchivesFromOtherWriters, ListAndUnpackExactly) {
   const auto archives = ReadManifest();
-  ASSERT_EQ(5u, archives.size()) << "made by the zip_archives.make fixture in " << FixtureDir();
+  ASSERT_EQ(6u, archives.size()) << "made by the zip_archives.make fixture in " << FixtureDir();
   for (const auto& [archive, expected] : archives) {
     SCOPED_TRACE(archive);
     const std::string target = testing::MakeTempDir("archives") + "\\";
@@ -75,8 +77,11 @@ TEST(ZipArchivesFromOtherWriters, ListAndUnpackExactly) {
       ASSERT_EQ(kZipOk, GetZipItem(zip, i, &entry));
       EXPECT_EQ(e.name, entry.name);
       EXPECT_EQ(e.folder, (entry.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) << e.name;
-      EXPECT_EQ(kZipOk, UnzipItem(zip, i, (target + entry.name).c_str())) << e.name;
-      const std::string path = target + entry.name;
+      // Windows names hold no control characters, which the signatures' bytes
+      // are: such an entry is unpacked under a stand-in name.
+      std::string path = target + entry.name;
+      std::replace_if(path.begin(), path.end(), [](char c) { return c > 0 && c < ' '; }, '_');
+      EXPECT_EQ(kZipOk, UnzipItem(zip, i, path.c_str())) << e.name;
       if (e.folder) {
         EXPECT_NE(0u, ::GetFileAttributesA(path.c_str()) & FILE_ATTRIBUTE_DIRECTORY) << e.name;
         continue;
