@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "log/logger.h"
+#include "util/failures.h"
 #include "util/path_buffer.h"
 #include "util/placed_file.h"
 #include "util/scoped_handle.h"
@@ -28,6 +29,11 @@ void LogText(unsigned level, const std::string& text) {
   Logger::GetInstance()->Write(level, std::string(text));
 }
 
+// Tells the one asking, if anyone is.
+void Tell(const FailureFn* failed, const Failure& failure) {
+  if (failed != nullptr && *failed) (*failed)(failure);
+}
+
 }  // namespace
 
 namespace {
@@ -37,17 +43,16 @@ namespace {
 // left in an installation folder would otherwise carry the copy anywhere on the
 // machine, or bring anything from there into the installation. It is skipped
 // and named in the log.
-void LogSkippedLink(const PathBuffer& path) {
+void SkipLink(const PathBuffer& path, const FailureFn* failed) {
   Logger::GetInstance()->Write(kLogWarning, "CopyFileInDir skipped link %s", path.c_str());
+  Tell(failed, Failure{FailureKind::kLinkSkipped, path.str(), "", 0});
 }
 
 bool StandsAsLink(const PathBuffer& path) {
   return IsLinkAttributes(::GetFileAttributesA(path.c_str()));
 }
 
-}  // namespace
-
-int CopyFileInDir(const std::string& destination, const std::string& source) {
+int CopyWalk(const std::string& destination, const std::string& source, const FailureFn* failed) {
   Logger* log = Logger::GetInstance();
   log->Write(kLogDetail, "CopyFileInDir enter.");
   LogText(kLogDetail, source);
@@ -67,7 +72,7 @@ int CopyFileInDir(const std::string& destination, const std::string& source) {
     const bool folder = (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
     if (folder && IsDotOrDotDot(found.cFileName)) continue;
     if (IsLinkAttributes(found.dwFileAttributes)) {
-      LogSkippedLink(source_item);
+      SkipLink(source_item, failed);
       continue;
     }
     if (folder) {
@@ -75,20 +80,33 @@ int CopyFileInDir(const std::string& destination, const std::string& source) {
       // lay out their folders for this direction, so it is kept. It lists
       // the destination's folder of this name.
       if (StandsAsLink(destination_item)) {
-        LogSkippedLink(destination_item);
+        SkipLink(destination_item, failed);
       } else {
-        CopyFileInDir(source_item.str(), destination_item.str());
+        CopyWalk(source_item.str(), destination_item.str(), failed);
       }
       continue;
     }
     LogText(kLogDetail, source_item.str());
     if (StandsAsLink(destination_item)) {
-      LogSkippedLink(destination_item);
+      SkipLink(destination_item, failed);
     } else if (!CopyFileReplacing(source_item.str(), destination_item.str())) {
+      const DWORD error = ::GetLastError();
       log->Write(kLogError, "CopyFile faild");
+      Tell(failed, Failure{FailureKind::kCopy, source_item.str(), destination_item.str(), error});
     }
   } while (::FindNextFileA(listing.get(), &found));
   return kCopyWalked;
+}
+
+}  // namespace
+
+int CopyFileInDir(const std::string& destination, const std::string& source) {
+  return CopyWalk(destination, source, nullptr);
+}
+
+int CopyFileInDir(const std::string& destination, const std::string& source,
+                  const FailureFn& failed) {
+  return CopyWalk(destination, source, &failed);
 }
 
 namespace {
@@ -126,22 +144,33 @@ bool OpensAsLink(const char* path) {
          IsLink(info.FileAttributes);
 }
 
+// Tells `failed`, if anyone asks, that `step` failed on `path` with the
+// system's last error.
+void Report(const FailureFn* failed, FailureKind step, const std::string& path,
+            DWORD error = ::GetLastError()) {
+  Tell(failed, Failure{step, path, "", error});
+}
+
 // Removes the link at `path`, never what it points to.
-void RemoveLink(const PathBuffer& path, DWORD attributes) {
-  if (!OpensAsLink(path.c_str())) return;
+void RemoveLink(const PathBuffer& path, DWORD attributes, const FailureFn* failed) {
+  if (!OpensAsLink(path.c_str())) {
+    Report(failed, FailureKind::kLinkKept, path.str(), 0);
+    return;
+  }
   if (attributes & FILE_ATTRIBUTE_DIRECTORY) {
-    ::RemoveDirectoryA(path.c_str());
-  } else {
-    ::DeleteFileA(path.c_str());
+    if (!::RemoveDirectoryA(path.c_str())) Report(failed, FailureKind::kDelete, path.str());
+  } else if (!::DeleteFileA(path.c_str())) {
+    Report(failed, FailureKind::kDelete, path.str());
   }
 }
 
 // DeleteDir and its preview share this walk. Without `preview` each step is
-// carried out and logged as DeleteDir does; with it each step is only reported.
-int Walk(const std::string& folder, const DeleteStepFn* preview);
+// carried out and logged as DeleteDir does, and what fails is told to
+// `failed`; with it each step is only reported.
+int Walk(const std::string& folder, const DeleteStepFn* preview, const FailureFn* failed);
 
 // Deletes what `folder` holds; the walk again for each sub-folder.
-void WalkContents(const std::string& folder, const DeleteStepFn* preview) {
+void WalkContents(const std::string& folder, const DeleteStepFn* preview, const FailureFn* failed) {
   PathBuffer pattern(folder);
   pattern.Append("\\*.*");
   WIN32_FIND_DATAA found;
@@ -154,21 +183,22 @@ void WalkContents(const std::string& folder, const DeleteStepFn* preview) {
       if (preview != nullptr) {
         (*preview)(OpensAsLink(item.c_str()) ? DeleteStep::kLink : DeleteStep::kKeptLink, item.str());
       } else {
-        RemoveLink(item, found.dwFileAttributes);
+        RemoveLink(item, found.dwFileAttributes, failed);
       }
     } else if (ListsAsFolder(item)) {
       if (preview == nullptr) LogText(kLogDetail, item.str());
-      Walk(item.str(), preview);
+      Walk(item.str(), preview, failed);
     } else if (preview != nullptr) {
       (*preview)(DeleteStep::kFile, item.str());
-    } else {
-      ::DeleteFileA(item.c_str());
+    } else if (!::DeleteFileA(item.c_str())) {
+      Report(failed, FailureKind::kDelete, item.str());
     }
   }
 }
 
-int Walk(const std::string& folder, const DeleteStepFn* preview) {
+int Walk(const std::string& folder, const DeleteStepFn* preview, const FailureFn* failed) {
   bool removed;
+  DWORD error = 0;
   if (IsLink(::GetFileAttributesA(folder.c_str()))) {
     // A folder that is itself a link is not emptied: only the link goes.
     const bool link = OpensAsLink(folder.c_str());
@@ -177,15 +207,22 @@ int Walk(const std::string& folder, const DeleteStepFn* preview) {
       return 1;
     }
     removed = link && ::RemoveDirectoryA(folder.c_str());
+    error = ::GetLastError();
+    if (!link) {
+      Report(failed, FailureKind::kLinkKept, folder, 0);
+      failed = nullptr;  // told once
+    }
   } else {
-    WalkContents(folder, preview);
+    WalkContents(folder, preview, failed);
     if (preview != nullptr) {
       (*preview)(DeleteStep::kFolder, folder);
       return 1;
     }
     removed = ::RemoveDirectoryA(folder.c_str());
+    error = ::GetLastError();
   }
   if (!removed) {
+    Report(failed, FailureKind::kRemoveFolder, folder, error);
     Logger::GetInstance()->Write(kLogError, "Delete dir failed");
     LogText(kLogError, folder);
     return 0;
@@ -195,9 +232,15 @@ int Walk(const std::string& folder, const DeleteStepFn* preview) {
 
 }  // namespace
 
-int DeleteDir(const std::string& folder) { return Walk(folder, nullptr); }
+int DeleteDir(const std::string& folder) { return Walk(folder, nullptr, nullptr); }
 
-void WalkDeleteDir(const std::string& folder, const DeleteStepFn& step) { Walk(folder, &step); }
+int DeleteDir(const std::string& folder, const FailureFn& failed) {
+  return Walk(folder, nullptr, &failed);
+}
+
+void WalkDeleteDir(const std::string& folder, const DeleteStepFn& step) {
+  Walk(folder, &step, nullptr);
+}
 
 bool IsFileExist(const std::string& path) {
   if (::GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES) return true;

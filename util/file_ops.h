@@ -13,6 +13,8 @@
 #include <functional>
 #include <string>
 
+#include "util/failures.h"
+
 namespace dorvane {
 
 // Results of CopyFileInDir.
@@ -33,6 +35,9 @@ inline constexpr int kCopySourceUnlisted = -3;  // 0xFFFFFFFD
 // kCopyEmptyArgument when either argument is empty, kCopySourceUnlisted when
 // the source cannot be listed.
 int CopyFileInDir(const std::string& destination, const std::string& source);
+// The same copy, telling `failed` each file not copied and each link skipped.
+int CopyFileInDir(const std::string& destination, const std::string& source,
+                  const FailureFn& failed);
 
 // Deletes `folder` with everything in it. The first entry the listing hands out
 // is never looked at (on every file system this runs on, that is "."). Links
@@ -43,6 +48,8 @@ int CopyFileInDir(const std::string& destination, const std::string& source);
 // symbolic links) is left in place, and so the folders holding it are too.
 // Returns 1 when the folder itself was removed, 0 otherwise (logged).
 int DeleteDir(const std::string& folder);
+// The same deletion, telling `failed` each file, link and folder not removed.
+int DeleteDir(const std::string& folder, const FailureFn& failed);
 
 // One step of DeleteDir's walk: a file deleted, a folder removed after what it
 // holds, a link removed as a link, or a link that cannot be opened as itself

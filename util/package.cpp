@@ -32,6 +32,12 @@ PathBuffer Joined(const std::string& first, const std::string& second) {
 
 int UnzipPackage(const std::string& package_folder, const std::string& package_file,
                  const std::string& target_folder, const std::string& sub_folder) {
+  return UnzipPackage(package_folder, package_file, target_folder, sub_folder, FailureFn());
+}
+
+int UnzipPackage(const std::string& package_folder, const std::string& package_file,
+                 const std::string& target_folder, const std::string& sub_folder,
+                 const FailureFn& failed) {
   const PathBuffer package = Joined(package_folder, package_file);
   // Not cut: a target too long for a path buffer is refused by UnzipEntries
   // for every entry, where the cut one would lie outside the folder named.
@@ -43,18 +49,28 @@ int UnzipPackage(const std::string& package_folder, const std::string& package_f
     return 0;
   }
   if (target.size() < kPathChars - 1) MakeFolders(target);
-  return UnzipAllItems(target, package.str());
+  return UnzipAllItems(target, package.str(), failed);
 }
 
 int UnzipAllItems(const std::string& target_folder, const std::string& archive) {
+  return UnzipAllItems(target_folder, archive, FailureFn());
+}
+
+int UnzipAllItems(const std::string& target_folder, const std::string& archive,
+                  const FailureFn& failed) {
   if (!IsFileExist(archive)) {
     Logger::GetInstance()->Write(kLogError, "unZip file not exist.");
     return 0;
   }
   ZipHandle zip = OpenZip(archive.c_str());
   ZipEntry all;
-  if (GetZipItem(zip, -1, &all) != kZipOk) {
+  const ZipResult listing = GetZipItem(zip, -1, &all);
+  if (listing != kZipOk) {
     Logger::GetInstance()->Write(kLogError, "GetZipItem failed.");
+    // A handle that was never opened is refused as a bad argument; what
+    // failed was the opening.
+    const ZipResult why = zip == nullptr ? kZipNoFile : listing;
+    if (failed) failed(Failure{FailureKind::kArchive, archive, "", why});
     // Closed here too, so that a damaged package can be replaced at once.
     if (zip != nullptr) CloseZip(zip);
     return 1;
@@ -62,8 +78,8 @@ int UnzipAllItems(const std::string& target_folder, const std::string& archive) 
   // Results of single items are not checked. The entries are unpacked on one
   // thread per processor where their order cannot matter; a small package is
   // not worth a thread's buffers.
-  UnzipEntries(zip, target_folder, PackedBytes(zip, all.index) < kParallelFrom ? 1
-                                                                               : DefaultUnzipThreads());
+  UnzipEntries(zip, target_folder,
+               PackedBytes(zip, all.index) < kParallelFrom ? 1 : DefaultUnzipThreads(), failed);
   CloseZip(zip);
   return 1;
 }
@@ -74,7 +90,20 @@ const char* UsbDriverArchitectureFolder(WORD architecture) {
              : "x86\\";
 }
 
-int InstallUSBDriver() {
+int InstallUSBDriver() { return InstallUSBDriver(FailureFn()); }
+
+namespace {
+
+// Runs one of the driver's batch files; one that cannot start or ends with an
+// exit code other than 0 is told to `failed`.
+void RunBatchFile(const PathBuffer& batch, const FailureFn& failed) {
+  const int code = RunProcess(batch.str(), "", kShowDefault);
+  if (code != 0 && failed) failed(Failure{FailureKind::kBatchFile, batch.str(), "", code});
+}
+
+}  // namespace
+
+int InstallUSBDriver(const FailureFn& failed) {
   Logger* log = Logger::GetInstance();
   log->Write(kLogDetail, "InstallUSBDriver enter.");
   const std::string base = kUsbDriverFolder;
@@ -83,18 +112,19 @@ int InstallUSBDriver() {
     log->Write(kLogError, "USBDriver not exist.");
     return 0;
   }
-  RunProcess(uninstall.str(), "", kShowDefault);
+  RunBatchFile(uninstall, failed);
 
   SYSTEM_INFO system = {};
   ::GetNativeSystemInfo(&system);
   const PathBuffer drivers = Joined(base, UsbDriverArchitectureFolder(system.wProcessorArchitecture));
   log->Write(kLogDetail, drivers.str());
-  if (CopyFileInDir(base, drivers.str()) == 0) {
+  const int copied = CopyFileInDir(base, drivers.str(), failed);
+  if (copied == 0) {
     // CopyFileInDir never returns 0, so the install batch file always runs.
     log->Write(kLogError, "USB driver files copy failed.");
     return 0;
   }
-  RunProcess(Joined(base, "Install_Inf.bat").str(), "", kShowDefault);
+  RunBatchFile(Joined(base, "Install_Inf.bat"), failed);
   return 1;
 }
 

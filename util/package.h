@@ -9,6 +9,8 @@
 
 #include <string>
 
+#include "util/failures.h"
+
 namespace dorvane {
 
 // The driver folder of the installation, with the two batch files and the
@@ -24,12 +26,21 @@ inline constexpr char kUsbDriverFolder[] = "C:\\Windows\\WWAN\\FwSwitchBin\\Firm
 // otherwise what UnzipAllItems returns.
 int UnzipPackage(const std::string& package_folder, const std::string& package_file,
                  const std::string& target_folder, const std::string& sub_folder);
+// The same, telling `failed` what UnzipAllItems does not unpack.
+int UnzipPackage(const std::string& package_folder, const std::string& package_file,
+                 const std::string& target_folder, const std::string& sub_folder,
+                 const FailureFn& failed);
 
 // Unpacks every entry of `archive` to target_folder + entry name, so the target
 // must end with a backslash. Results of single entries are not checked. Returns
 // 0 (logged) when the archive does not exist, otherwise 1, also when its
 // entries cannot be listed (logged).
 int UnzipAllItems(const std::string& target_folder, const std::string& archive);
+// The same, telling `failed` an archive whose entries cannot be
+// listed (kArchive, with the reader's result; a missing archive is only the 0)
+// and each entry not unpacked (kEntry).
+int UnzipAllItems(const std::string& target_folder, const std::string& archive,
+                  const FailureFn& failed);
 
 // The driver-files folder for a native processor architecture: "x64\" for
 // AMD64 and IA-64, "x86\" for anything else.
@@ -40,5 +51,8 @@ const char* UsbDriverArchitectureFolder(WORD architecture);
 // "Install_Inf.bat", waiting for each batch file. Returns 0 (logged) when the
 // uninstall batch file is missing, otherwise 1.
 int InstallUSBDriver();
+// The same, telling `failed` each batch file that cannot start
+// or ends with an exit code other than 0, and what the copy does not copy.
+int InstallUSBDriver(const FailureFn& failed);
 
 }  // namespace dorvane

@@ -391,13 +391,32 @@ bool ZipEntriesAreIndependent(ZipHandle zip, const std::string& target_folder) {
 }
 
 ZipResult UnzipEntries(ZipHandle zip, const std::string& target_folder, unsigned threads) {
+  return UnzipEntries(zip, target_folder, threads, FailureFn());
+}
+
+ZipResult UnzipEntries(ZipHandle zip, const std::string& target_folder, unsigned threads,
+                       const FailureFn& failed) {
+  // Entries may fail on several threads at once; the caller hears of one at a time.
+  std::mutex telling;
+  auto tell = [&](ZipResult result, const std::string& name, const char* path) {
+    if (result == kZipOk || !failed) return;
+    std::lock_guard<std::mutex> lock(telling);
+    failed(Failure{FailureKind::kEntry, name, path, static_cast<long long>(result)});
+  };
   ZipEntry all;
   ZipResult result = GetZipItem(zip, -1, &all);
   if (result != kZipOk) return result;
   const int count = all.index;
   // A target that leaves no room for a name would be cut inside its own name
   // and every entry would land outside it, several in one file.
-  if (target_folder.size() >= kPathChars - 1) return Keep(count > 0 ? kZipNoFile : result);
+  if (target_folder.size() >= kPathChars - 1) {
+    for (int i = 0; i < count; ++i) {
+      ZipEntry item;
+      GetZipItem(zip, i, &item);
+      tell(kZipNoFile, item.name, (target_folder + item.name).c_str());
+    }
+    return Keep(count > 0 ? kZipNoFile : result);
+  }
   const size_t caller_length = target_folder.size();
   const bool parallel = threads > 1 && count > 1 && count <= kMaxParallelEntries &&
                         ZipEntriesAreIndependent(zip, target_folder);
@@ -405,7 +424,9 @@ ZipResult UnzipEntries(ZipHandle zip, const std::string& target_folder, unsigned
     for (int i = 0; i < count; ++i) {
       ZipEntry item;
       GetZipItem(zip, i, &item);
-      result = UnzipItemWithin(zip, i, OutputPath(target_folder, item.name).c_str(), caller_length);
+      const PathBuffer path = OutputPath(target_folder, item.name);
+      result = UnzipItemWithin(zip, i, path.c_str(), caller_length);
+      tell(result, item.name, path.c_str());
     }
     return result;
   }
@@ -435,10 +456,9 @@ ZipResult UnzipEntries(ZipHandle zip, const std::string& target_folder, unsigned
       const int i = order[static_cast<size_t>(taken)].second;
       zip::EntryInfo entry;
       ZipResult r = zip->Entry(i, &entry);
-      if (r == kZipOk) {
-        r = zip->Extract(i, OutputPath(target_folder, entry.name.c_str()).c_str(), caller_length,
-                         unpacker);
-      }
+      const PathBuffer path = OutputPath(target_folder, entry.name.c_str());
+      if (r == kZipOk) r = zip->Extract(i, path.c_str(), caller_length, unpacker);
+      tell(r, entry.name, path.c_str());
       if (i == count - 1) last = r;
     }
   };

@@ -33,6 +33,7 @@
 
 #include <string>
 
+#include "util/failures.h"
 #include "util/path_buffer.h"
 #include "util/zip_core.h"
 
@@ -105,6 +106,10 @@ bool ZipEntriesAreIndependent(ZipHandle zip, const std::string& target_folder);
 // last entry's result (or the listing's, when the archive cannot be listed).
 // Each further thread costs about 1 MiB (its buffers and inflate state).
 ZipResult UnzipEntries(ZipHandle zip, const std::string& target_folder, unsigned threads);
+// The same, telling `failed` each entry not unpacked, with its
+// result: the entries' results are known only to the one asking.
+ZipResult UnzipEntries(ZipHandle zip, const std::string& target_folder, unsigned threads,
+                       const FailureFn& failed);
 
 // Closes the archive; the handle is invalid afterwards.
 ZipResult CloseZip(ZipHandle zip);
