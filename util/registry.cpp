@@ -15,11 +15,22 @@ namespace {
 // the raw reader: longer ones are cut, as deployed.
 std::string Cut(const std::string& text) { return PathBuffer(text).str(); }
 
+thread_local RegistryFailure g_last_failure;
+
+// Keeps why a step failed for LastRegistryFailure; gives the helpers' 1.
+DWORD Failed(const char* step, LONG error) {
+  g_last_failure = RegistryFailure{step, error};
+  return 1;
+}
+
 // Opens the key, logging the failure. Invalid owner on failure.
 UniqueRegKey OpenKey(const std::string& key_path, REGSAM access) {
+  g_last_failure = RegistryFailure();
   UniqueRegKey key;
-  if (::RegOpenKeyExA(HKEY_LOCAL_MACHINE, key_path.c_str(), 0, access, key.put()) != ERROR_SUCCESS) {
+  const LONG error = ::RegOpenKeyExA(HKEY_LOCAL_MACHINE, key_path.c_str(), 0, access, key.put());
+  if (error != ERROR_SUCCESS) {
     Logger::GetInstance()->Write(kLogError, "RegOpenKeyEx error");
+    Failed("RegOpenKeyEx", error);
     key.reset();
   }
   return key;
@@ -37,10 +48,11 @@ DWORD Query(const std::string& key_path, const std::string& value_name, BYTE* da
             DWORD& value_type, DWORD& size) {
   UniqueRegKey key = OpenKey(key_path, kRegReadAccess);
   if (!key) return 1;
-  if (::RegQueryValueExA(key.get(), value_name.c_str(), nullptr, &value_type, data, &size) !=
-      ERROR_SUCCESS) {
+  const LONG error =
+      ::RegQueryValueExA(key.get(), value_name.c_str(), nullptr, &value_type, data, &size);
+  if (error != ERROR_SUCCESS) {
     Logger::GetInstance()->Write(kLogError, "RegQueryValueEx error");
-    return 1;
+    return Failed("RegQueryValueEx", error);
   }
   return 0;
 }
@@ -49,9 +61,10 @@ DWORD SetValue(const std::string& key_path, const std::string& value_name, DWORD
                const BYTE* data, DWORD size) {
   UniqueRegKey key = OpenKey(key_path, kRegWriteAccess);
   if (!key) return 1;
-  if (::RegSetValueExA(key.get(), value_name.c_str(), 0, type, data, size) != ERROR_SUCCESS) {
+  const LONG error = ::RegSetValueExA(key.get(), value_name.c_str(), 0, type, data, size);
+  if (error != ERROR_SUCCESS) {
     Logger::GetInstance()->Write(kLogError, "RegSetValueEx error");
-    return 1;
+    return Failed("RegSetValueEx", error);
   }
   return 0;
 }
@@ -106,6 +119,8 @@ DWORD SetRegKeyDword(std::string key_path, std::string value_name, DWORD value, 
   return SetValue(key_path, value_name, value_type, reinterpret_cast<const BYTE*>(&value),
                   sizeof value);
 }
+
+RegistryFailure LastRegistryFailure() { return g_last_failure; }
 
 std::string Int64ToText(long long value) {
   char text[32];

@@ -32,6 +32,16 @@ DWORD SetRegKeyValue(std::string key_path, std::string value_name, std::string v
 // Writes a 4-byte value with the caller's type (REG_DWORD in practice).
 DWORD SetRegKeyDword(std::string key_path, std::string value_name, DWORD value, DWORD value_type);
 
+// Why the most recent of the calls above on this thread gave 1: the step that
+// failed ("RegOpenKeyEx", "RegQueryValueEx", "RegSetValueEx") and the system's
+// error number. Null `step` after a call that gave 0. The calls' results and
+// log lines are the same whether or not anyone asks.
+struct RegistryFailure {
+  const char* step = nullptr;
+  LONG error = ERROR_SUCCESS;
+};
+RegistryFailure LastRegistryFailure();
+
 // Decimal text of a 64-bit and of a 32-bit integer.
 std::string Int64ToText(long long value);
 std::string IntToText(int value);
