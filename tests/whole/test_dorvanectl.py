@@ -97,7 +97,7 @@ class TableCommands(unittest.TestCase):
         return text_lines(self.box.run([self.ctl] + list(args), timeout=60))
 
     def json_of(self, *args, status=0):
-        result = self.run_ctl("--json", *args)
+        result = self.last = self.run_ctl("--json", *args)
         self.assertEqual(status, result.returncode, result.stdout + result.stderr)
         return json.loads(result.stdout)
 
@@ -107,10 +107,12 @@ class TableCommands(unittest.TestCase):
             (["carrier-id-by-mccmnc", "310260", t + "rules.xml"], 0, {"result": True, "output": "TMO"}),
             (["carrier-id-by-mccmnc", "999", t + "rules.xml"], 0, {"result": True, "output": ""}),
             (["carrier-id-by-mcc", "310", t + "rules.xml"], 0, {"result": True, "output": " US "}),
-            (["carrier-id-by-mcc", "311", t + "rules.xml"], 1, {"result": False, "output": ""}),
+            (["carrier-id-by-mcc", "311", t + "rules.xml"], 1,
+             {"result": False, "output": "", "error": "carrier-id-by-mcc: nothing found for 311"}),
             (["carrier-id-by-iccid", "89012601234567890123", t + "rules.xml"], 0,
              {"result": True, "output": "TMO-20"}),
-            (["selection-rule-by-mcc", "310", t + "rules.xml"], 1, {"result": False}),
+            (["selection-rule-by-mcc", "310", t + "rules.xml"], 1,
+             {"result": False, "error": "selection-rule-by-mcc: the lookup gives false for every key"}),
             (["carrier-firmware", "TMO", t + "carriers.xml"], 0,
              {"result": True, "fields": ["TMO"] + blank(6) + ["ap", "1", "AP", "1", "md", "2", "MD", "2",
                                                              "op", "3", "OP", "3"] + blank(5)}),
@@ -127,13 +129,17 @@ class TableCommands(unittest.TestCase):
               "carriers": [["TMO", "7", "fw.bin", "f1", "cp.bin", "c1"] + blank(18)]}),
             (["esim-disable-type", t + "esim.xml", "--sku", "x13", "--imsi", "46000"], 0, {"result": 256}),
             (["esim-disable-type", t + "esim.xml", "--imsi", "46000"], 0, {"result": 1}),
-            (["esim-disable-type", t + "esim.xml"], 1, {"result": 4294967295}),
+            (["esim-disable-type", t + "esim.xml"], 1,
+             {"result": 4294967295, "error": "esim-disable-type: no decision (0xFFFFFFFF): neither --sku nor "
+                                             "--imsi was given; the log says: \"SKU & Imsi is null\""}),
             (["regulatory-by-mcc", t + "region.xml", "460"], 0, {"result": 1, "output": "SRRC"}),
             (["regulatory-by-mcc", t + "region.xml", "999"], 0, {"result": 2, "output": "FCC"}),
         ]
         for args, status, expected in cases:
             with self.subTest(args=args):
                 answer = self.json_of(*args, status=status)
+                if "error" in expected:
+                    self.assertEqual("dorvanectl: %s\n" % expected["error"], self.last.stderr)
                 # The same texts by name: see test_json_records_are_keyed_as_the_text_shows_them.
                 answer.pop("record", None)
                 answer.pop("records", None)
@@ -141,11 +147,12 @@ class TableCommands(unittest.TestCase):
 
     def test_preset_shows_what_a_failed_lookup_leaves(self):
         t = r"C:\tables" + "\\"
-        self.assertEqual({"result": False, "output": "P"},
+        self.assertEqual({"result": False, "output": "P", "error": "carrier-id-by-mcc: nothing found for 999"},
                          self.json_of("--preset", "P", "carrier-id-by-mcc", "999", t + "rules.xml", status=1))
         answer = self.json_of("--preset", "P", "carrier-firmware", "TMO", t + "carriers.xml")
         self.assertEqual(["TMO"] + ["P"] * 6, answer["fields"][:7], "fields the reader does not write")
-        self.assertEqual({"result": 0, "output": "P"},
+        self.assertEqual({"result": 0, "output": "P", "error": "regulatory-by-mcc: no Region row for MCC  and no "
+                                                               "default row; the log says: \"mcc is null\""},
                          self.json_of("--preset", "P", "regulatory-by-mcc", t + "region.xml", "", status=1))
 
     def test_scatter_is_rewritten_in_place(self):
@@ -156,7 +163,8 @@ class TableCommands(unittest.TestCase):
             text = f.read()
         self.assertLess(text.index("<is_download>false</is_download>"),
                         text.index("<is_download>true</is_download>"))
-        self.assertEqual({"result": False}, self.json_of("update-scatter", "", status=1))
+        self.assertFalse(self.json_of("update-scatter", "", status=1)["result"])
+        self.assertTrue(self.last.stderr.startswith("dorvanectl: update-scatter: "), self.last.stderr)
 
     def test_time_limits_name_what_did_not_return_and_why(self):
         t = r"C:\tables" + "\\"
@@ -244,11 +252,12 @@ class TableCommands(unittest.TestCase):
             args = commands[i % len(commands)](t + name)
             with self.subTest(args=args):
                 result = self.run_ctl("--log", log, *args)
-                self.assertEqual((2, "", "dorvanectl: %s%s: %s\n" % (t, name, problem)),
+                message = "%s: %s%s: %s" % (args[0], t, name, problem)
+                self.assertEqual((2, "", "dorvanectl: %s\n" % message),
                                  (result.returncode, result.stdout, result.stderr))
                 result = self.run_ctl("--log", log, *args, "--json")
                 self.assertEqual(2, result.returncode)
-                self.assertEqual({"result": None, "error": "%s%s: %s" % (t, name, problem)}, self.one_object(result))
+                self.assertEqual({"result": None, "error": message}, self.one_object(result))
         with open(self.box.unix_path(log), "rb") as f:
             self.assertEqual([], winebox.messages(winebox.parse_log(f.read())), "no lookup ran")
 
@@ -264,10 +273,22 @@ class TableCommands(unittest.TestCase):
                 (["carrier-id-by-mcc", "310", ""], "the table's path is empty")]:
             with self.subTest(args=args):
                 result = self.run_ctl(*args)
-                self.assertEqual((2, "dorvanectl: %s\n" % expected), (result.returncode, result.stderr))
+                self.assertEqual((2, "dorvanectl: %s: %s\n" % (args[0], expected)),
+                                 (result.returncode, result.stderr))
         # Still as the library answers once the table loads: the key is not there.
-        self.assertEqual({"result": False, "output": ""},
+        self.assertEqual({"result": False, "output": "", "error": "carrier-id-by-mcc: nothing found for 999"},
                          self.json_of("carrier-id-by-mcc", "999", t + "rules.xml", status=1))
+        # Arguments in another order than the command takes: a hint, not "no such file".
+        for args, hint in [
+                (["regulatory-by-mcc", "460", t + "region.xml"],
+                 "regulatory-by-mcc: 460: no such file, and %sregion.xml, given as mcc, is a file: the "
+                 "arguments are path mcc (see 'dorvanectl help regulatory-by-mcc')" % t),
+                (["carrier-id-by-mcc", t + "rules.xml", "310"],
+                 "carrier-id-by-mcc: 310: no such file, and %srules.xml, given as mcc, is a file: the "
+                 "arguments are mcc path (see 'dorvanectl help carrier-id-by-mcc')" % t)]:
+            with self.subTest(args=args):
+                result = self.run_ctl(*args)
+                self.assertEqual((2, "", "dorvanectl: %s\n" % hint), (result.returncode, result.stdout, result.stderr))
 
     def test_json_gives_one_object_on_every_exit_path(self):
         t = r"C:\tables" + "\\"
@@ -276,7 +297,7 @@ class TableCommands(unittest.TestCase):
             (0, False, ["--json", "carrier-id-by-mcc", "310", t + "rules.xml"]),
             (0, False, ["carrier-id-by-mcc", "--json", "310", t + "rules.xml"]),
             (0, False, ["carrier-id-by-mcc", "310", t + "rules.xml", "--timeout", "0x10", "--json"]),
-            (1, False, ["carrier-id-by-mcc", "311", t + "rules.xml", "--json"]),
+            (1, True, ["carrier-id-by-mcc", "311", t + "rules.xml", "--json"]),
             (2, True, ["carrier-id-by-mcc", "310", "--json"]),
             (2, True, ["carrier-id-by-mcc", "310", t + "rules.xml", "--timeout", "010x", "--json"]),
             (2, True, ["carrier-id-by-mcc", "310", t + "rules.xml", "surplus", "--json"]),
@@ -310,11 +331,12 @@ class TableCommands(unittest.TestCase):
                      ["package-info-firmware", "310", t + "package_info.xml"]):
             with self.subTest(args=args):
                 text = self.run_ctl(*args).stdout.splitlines()
+                self.assertEqual("result: true", text[0])
                 shown = {}
-                for line in text[2:]:
-                    match = re.match(r"^  +\d+ (.{18}) (.*)$", line)
+                for line in text[1:]:
+                    match = re.match(r"^([^:]+):(?: (.*\S))?$", line)
                     self.assertIsNotNone(match, line)
-                    shown[match.group(1).rstrip()] = match.group(2)
+                    shown[match.group(1)] = match.group(2) or ""
                 answer = self.json_of(*args)
                 self.assertEqual(shown, answer["record"])
                 self.assertEqual(list(shown.values()), answer["fields"])
@@ -527,17 +549,28 @@ class RegistryCommands(unittest.TestCase):
     def test_values_of_the_32_bit_view(self):
         self.assertEqual({"result": 0, "type": 1, "output": "ThinkPad"},
                          self.json_of("reg-get", r"SOFTWARE\DorvaneCtl", "Family"))
-        self.assertEqual({"result": 1, "type": 1, "output": ""},
+        self.assertEqual({"result": 1, "type": 1, "output": "",
+                          "error": "reg-get: the key HKEY_LOCAL_MACHINE\\SOFTWARE\\DorvaneCtl64 (32-bit view) cannot "
+                                   "be opened: File not found (error 2)"},
                          self.json_of("reg-get", r"SOFTWARE\DorvaneCtl64", "Only", status=1),
                          "a key of the 64-bit view only is not found")
+        # A value that is not there, and a key given with its hive.
+        self.assertEqual("reg-get: the value None is not in HKEY_LOCAL_MACHINE\\SOFTWARE\\DorvaneCtl (32-bit view)",
+                         self.json_of("reg-get", r"SOFTWARE\DorvaneCtl", "None", status=1)["error"])
+        self.assertEqual("dorvanectl: reg-get: the key HKEY_LOCAL_MACHINE\\HKLM\\SOFTWARE\\DorvaneCtl (32-bit view) "
+                         "cannot be opened: File not found (error 2) (the key is a path under HKEY_LOCAL_MACHINE, "
+                         "without the hive: SOFTWARE\\...)\n",
+                         text_lines(self.box.run([self.ctl, "reg-get", r"HKLM\SOFTWARE\DorvaneCtl", "Family"])).stderr)
         self.assertEqual({"result": 0}, self.json_of("reg-set", r"SOFTWARE\DorvaneCtl", "Three", "abc"))
-        self.assertEqual({"result": 0, "type": 1, "size": 3, "bytes": "61 62 63 "},
+        self.assertEqual({"result": 0, "type": 1, "size": 3, "bytes": "61 62 63"},
                          self.json_of("reg-get", "--raw", r"SOFTWARE\DorvaneCtl", "Three"))
         self.assertEqual({"result": 0},
                          self.json_of("reg-set-dword", r"SOFTWARE\DorvaneCtl", "Flag", "0x12345678"))
-        self.assertEqual({"result": 0, "type": 4, "size": 4, "bytes": "78 56 34 12 "},
+        self.assertEqual({"result": 0, "type": 4, "size": 4, "bytes": "78 56 34 12"},
                          self.json_of("reg-get", "--raw", r"SOFTWARE\DorvaneCtl", "Flag"))
-        self.assertEqual({"result": 1},
+        self.assertEqual({"result": 1, "error": "reg-set: the key HKEY_LOCAL_MACHINE\\SOFTWARE\\DorvaneCtl\\Absent "
+                                                 "(32-bit view) cannot be opened for writing: File not found "
+                                                 "(error 2); the key must exist, nothing is created"},
                          self.json_of("reg-set", r"SOFTWARE\DorvaneCtl\Absent", "x", "y", status=1))
         query = self.box.run(["reg", "query", r"HKLM\SOFTWARE\DorvaneCtl\Absent", "/reg:32"])
         self.assertNotEqual(0, query.returncode, "nothing was created")
@@ -545,8 +578,8 @@ class RegistryCommands(unittest.TestCase):
 
     def test_numbers_types_and_dword_values(self):
         key = r"SOFTWARE\DorvaneCtl"
-        for text, stored in (("010", "0A 00 00 00 "), ("0x10", "10 00 00 00 "), ("4294967295", "FF FF FF FF "),
-                             ("0XfF", "FF 00 00 00 ")):
+        for text, stored in (("010", "0A 00 00 00"), ("0x10", "10 00 00 00"), ("4294967295", "FF FF FF FF"),
+                             ("0XfF", "FF 00 00 00")):
             with self.subTest(value=text):
                 self.assertEqual({"result": 0}, self.json_of("reg-set-dword", key, "Num", text))
                 self.assertEqual(stored, self.json_of("reg-get", "--raw", key, "Num")["bytes"])
@@ -555,7 +588,7 @@ class RegistryCommands(unittest.TestCase):
                 result = text_lines(self.box.run([self.ctl, "reg-set-dword", key, "Num", text]))
                 self.assertEqual(2, result.returncode, result.stdout + result.stderr)
                 self.assertTrue(result.stderr.startswith("dorvanectl: reg-set-dword: value: "), result.stderr)
-        self.assertEqual("FF 00 00 00 ", self.json_of("reg-get", "--raw", key, "Num")["bytes"], "nothing stored")
+        self.assertEqual("FF 00 00 00", self.json_of("reg-get", "--raw", key, "Num")["bytes"], "nothing stored")
 
         for given, kind in (("REG_BINARY", 3), ("reg_dword_big_endian", 5), ("4", 4), ("0x3", 3), ("REG_SZ", 1)):
             with self.subTest(type=given):
@@ -578,6 +611,12 @@ class RegistryCommands(unittest.TestCase):
                          (text.returncode, text.stdout))
         text = self.box.run([self.ctl, "reg-get", key, "Family"])
         self.assertEqual("result: 0\ntype: 1 (REG_SZ)\noutput: ThinkPad\n", text.stdout)
+        # A value that is not text: the library reads it, the command says to use --raw.
+        self.assertEqual({"result": 0}, self.json_of("reg-set-dword", key, "Bin", "7", "--type", "REG_BINARY"))
+        text = text_lines(self.box.run([self.ctl, "reg-get", key, "Bin"]))
+        self.assertEqual((1, "result: 0\ntype: 3 (REG_BINARY)\noutput: \\x07\n",
+                          "dorvanectl: reg-get: the value Bin is 3 (REG_BINARY), not text: read it with --raw\n"),
+                         (text.returncode, text.stdout, text.stderr))
 
     def test_device_configuration(self):
         self.assertEqual({"result": True, "output": "CFG-13"}, self.json_of("device-config-id", r"C:\device.xml"))
@@ -587,11 +626,13 @@ class RegistryCommands(unittest.TestCase):
         answer = self.json_of("--preset", "P", "cfg-pk-info", "cfg-13", "310", status=1)
         self.assertEqual({"result": False, "fields": ["P"] * 7, "count": 0}, {k: answer[k] for k in
                                                                             ("result", "fields", "count")})
+        self.assertTrue(answer["error"].startswith("cfg-pk-info: no configuration package found"), answer)
         answer = self.json_of("cfg-pk-info", "CFG-13", "310")
         self.assertEqual({"text 0": "", "text 1": "", "text 2": "", "file": "us.bin", "version": "3", "type": "USA",
                           "mcc": "310", "count": 12}, answer["record"])
         result = text_lines(self.box.run([self.ctl, "device-config-id", r"C:\none.xml"]))
-        self.assertEqual((2, "dorvanectl: C:\\none.xml: no such file\n"), (result.returncode, result.stderr))
+        self.assertEqual((2, "dorvanectl: device-config-id: C:\\none.xml: no such file\n"),
+                         (result.returncode, result.stderr))
 
 
 class AtCommand(unittest.TestCase):

@@ -47,9 +47,23 @@ class FileCommands(unittest.TestCase):
         cls.box.close(discard=True)
 
     def ctl(self, *args):
-        """(exit status, the JSON object printed)."""
+        """(exit status, the JSON object printed); what it says on standard
+        error must be its "error" and each further failure, a line each."""
         result = self.box.run([self.ctl_path, "--json", "--log", LOG] + list(args))
-        return result.returncode, json.loads(result.stdout) if result.stdout.strip() else None
+        answer = json.loads(result.stdout) if result.stdout.strip() else None
+        lines = result.stderr.replace("\r\n", "\n").splitlines()
+        if answer is not None and "error" in answer:
+            self.assertTrue(lines, "the error is also said on standard error")
+            self.assertTrue(answer["error"].startswith(lines[0][len("dorvanectl: "):]), lines)
+        else:
+            self.assertEqual([], lines)
+        return result.returncode, answer
+
+    def text(self, *args):
+        """(exit status, standard output's lines, standard error's lines) of a text run."""
+        result = self.box.run([self.ctl_path, "--log", LOG] + list(args))
+        return (result.returncode, result.stdout.splitlines(),
+                result.stderr.replace("\r\n", "\n").splitlines())
 
     def put(self, windows_path, data):
         put(self.box, windows_path, data)
@@ -73,31 +87,49 @@ class FileCommands(unittest.TestCase):
         self.box.run(["cmd", "/c", "mkdir", "C:\\t1\\dst"])
         self.assertEqual((0, {"result": 1}), self.ctl("copy-dir", "C:\\t1\\dst", "C:\\t1\\src"))
         self.assertEqual(b"a", self.read("C:\\t1\\dst\\a.txt"))
-        self.assertEqual((1, {"result": -1}), self.ctl("copy-dir", "C:\\t1\\dst", ""))
-        self.assertEqual((1, {"result": -3}), self.ctl("copy-dir", "C:\\t1\\dst", "C:\\t1\\none"))
+        self.assertEqual((1, {"result": -1, "error": "copy-dir: an argument is empty: nothing was copied"}),
+                         self.ctl("copy-dir", "C:\\t1\\dst", ""))
+        self.assertEqual((1, {"result": -3, "error": "copy-dir: the source C:\\t1\\none cannot be listed: "
+                                                      "Path not found (error 3)"}),
+                         self.ctl("copy-dir", "C:\\t1\\dst", "C:\\t1\\none"))
+        # Into a folder that is not there: the walk runs (1), and nothing is copied.
+        self.assertEqual((1, ["result: 1"], ["dorvanectl: copy-dir: C:\\t1\\src\\a.txt not copied to "
+                                             "C:\\t1\\nowhere\\a.txt: Path not found (error 3)"]),
+                         self.text("copy-dir", "C:\\t1\\nowhere", "C:\\t1\\src"))
 
         self.assertEqual((0, {"result": True}), self.ctl("file-exists", "C:\\t1\\dst\\a.txt"))
-        self.assertEqual((1, {"result": False}), self.ctl("file-exists", "C:\\t1\\dst\\b.txt"))
+        self.assertEqual((1, {"result": False, "error": "file-exists: C:\\t1\\dst\\b.txt does not exist: "
+                                                         "File not found (error 2)"}),
+                         self.ctl("file-exists", "C:\\t1\\dst\\b.txt"))
         chain = ["C:", "C:\\t1", "C:\\t1\\m", "C:\\t1\\m\\n", "C:\\t1\\m\\n\\o"]
         self.assertEqual((0, {"result": True, "folders": chain, "made": chain[2:]}),
                          self.ctl("make-folders", "C:\\t1\\m/n\\o/"))
         self.assertTrue(self.exists("C:\\t1\\m\\n\\o"))
         self.assertEqual((0, {"result": True, "folders": chain[:3], "made": []}),
                          self.ctl("make-folders", "C:\\t1\\m\\not-made"))
-        self.assertEqual((1, {"result": False, "folders": chain[:2] + ["C:\\t1\\dst", "C:\\t1\\dst\\a.txt",
-                                                                    "C:\\t1\\dst\\a.txt\\x"],
-                              "made": [], "error": "make-folders: C:\\t1\\dst\\a.txt is not a folder afterwards"}),
+        absent = ["C:\\t1\\dst\\a.txt", "C:\\t1\\dst\\a.txt\\x"]
+        self.assertEqual((1, {"result": False, "folders": chain[:2] + ["C:\\t1\\dst"] + absent,
+                              "made": [], "failed": absent,
+                              "error": "make-folders: C:\\t1\\dst\\a.txt is not a folder afterwards (and 1 more)"}),
                          self.ctl("make-folders", "C:\\t1\\dst\\a.txt\\x\\"))
+        self.assertEqual((1, ["result: false"] + ["folders: " + f for f in chain[:2] + ["C:\\t1\\dst"] + absent]
+                          + ["made:"], ["dorvanectl: make-folders: %s is not a folder afterwards" % f for f in absent]),
+                         self.text("make-folders", "C:\\t1\\dst\\a.txt\\x\\"))
         self.assertEqual((0, {"result": 1}), self.ctl("delete-dir", "C:\\t1"))
         self.assertFalse(self.exists("C:\\t1"))
-        self.assertEqual((1, {"result": 0}), self.ctl("delete-dir", "C:\\t1"))
+        self.assertEqual((1, {"result": 0, "error": "delete-dir: folder C:\\t1 not removed: File not found (error 2)",
+                              "failed": [{"kind": "remove-folder", "path": "C:\\t1", "error": 2,
+                                          "text": "File not found (error 2)"}]}),
+                         self.ctl("delete-dir", "C:\\t1"))
         log = self.read(LOG).decode("latin-1")
         self.assertIn("C:\\t1\\dst\\b.txt file is not exist error=2", log)
         self.assertIn("Delete dir failed", log)
 
         cmd = "C:\\windows\\system32\\cmd.exe"
         self.assertEqual((0, {"result": 3}), self.ctl("run-process", cmd, "cmd /c exit 3"))
-        self.assertEqual((1, {"result": -999}), self.ctl("run-process", "C:\\none.exe", ""))
+        self.assertEqual((1, {"result": -999, "error": "run-process: C:\\none.exe could not be started: "
+                                                        "C:\\none.exe: no such file"}),
+                         self.ctl("run-process", "C:\\none.exe", ""))
 
     def test_delete_dir_leaves_what_links_point_to(self):
         # Links made from Linux are what Wine's own links (a prefix's user
@@ -114,8 +146,16 @@ class FileCommands(unittest.TestCase):
         os.symlink("keep", top)
         failed_before = self.log_text().count("Delete dir failed")
 
-        self.assertEqual((1, {"result": 0}), self.ctl("delete-dir", "C:\\t5\\old"))
-        self.assertEqual((1, {"result": 0}), self.ctl("delete-dir", "C:\\t5\\top-link"))
+        kept = ("%s is a link that the system cannot remove by itself here (a Unix link under "
+                "Wine): it stays, and so do the folders that hold it")
+        self.assertEqual((1, ["result: 0"], ["dorvanectl: delete-dir: " + kept % ("C:\\t5\\old\\" + name)
+                                             for name in ("empty-link", "keep-link")] +
+                          ["dorvanectl: delete-dir: folder C:\\t5\\old not removed: Directory is not "
+                           "empty (error 145)"]),
+                         self.text("delete-dir", "C:\\t5\\old"))
+        self.assertEqual((1, {"result": 0, "error": "delete-dir: " + kept % "C:\\t5\\top-link",
+                              "failed": [{"kind": "link-kept", "path": "C:\\t5\\top-link"}]}),
+                         self.ctl("delete-dir", "C:\\t5\\top-link"))
         self.assertEqual(b"keep", self.read("C:\\t5\\keep\\f.txt"))
         self.assertTrue(os.path.isdir(self.box.unix_path("C:\\t5\\empty")))
         self.assertEqual(["empty-link", "keep-link"], sorted(os.listdir(old)))
@@ -132,8 +172,12 @@ class FileCommands(unittest.TestCase):
         self.put("C:\\t6\\pkg.zip", zip_bytes([
             ("fw.bin", b"firmware"), ("../USBDriver/Install_Inf.bat", b"@echo owned>>order.txt\r\n")]))
         try:
-            self.assertEqual((0, {"result": 1}),
-                             self.ctl("unzip-package", "C:\\t6\\", "pkg.zip", data, "image"))
+            # Not unpacked, and named: exit 1.
+            status, answer = self.ctl("unzip-package", "C:\\t6\\", "pkg.zip", data, "image")
+            self.assertEqual((1, 1, [{"kind": "entry", "name": "../USBDriver/Install_Inf.bat",
+                                      "path": data + "image\\../USBDriver/Install_Inf.bat", "result": 0x200,
+                                      "text": "Couldn't create/open file"}]),
+                             (status, answer["result"], answer["failed"]))
             self.assertEqual(b"firmware", self.read(data + "image\\fw.bin"))
             self.assertEqual((0, {"result": 1}), self.ctl("install-usb-driver"))
             self.assertEqual(b"uninstall\r\ngenuine\r\n", self.read(DRIVER + "order.txt"))
@@ -161,27 +205,37 @@ class FileCommands(unittest.TestCase):
         self.assertEqual((0, "Success", 3), (listing["result"], listing["text"], listing["count"]))
         self.assertEqual(["img/a.bin", "up.txt", "../x"], [i["name"] for i in listing["items"]])
         self.assertEqual(5000, listing["items"][0]["size"])
+        self.assertEqual((0, ["result: 0", "text: Success", "count: 3", "entry: img/a.bin", "entry: up.txt",
+                              "entry: ../x"], []),
+                         self.text("zip-items", "C:\\t2\\pkg\\fw.zip"))
 
-        self.assertEqual((0, {"result": 1}),
-                         self.ctl("unzip-package", "C:\\t2\\pkg\\", "fw.zip", "C:\\t2\\out\\", "fw"))
+        # ../x is not unpacked, and the command says so.
+        self.assertEqual((1, ["result: 1"], ["dorvanectl: unzip-package: entry ../x not unpacked to "
+                                             "C:\\t2\\out\\fw\\../x: Couldn't create/open file (0x200)"]),
+                         self.text("unzip-package", "C:\\t2\\pkg\\", "fw.zip", "C:\\t2\\out\\", "fw"))
         self.assertEqual(b"A" * 5000, self.read("C:\\t2\\out\\fw\\img\\a.bin"))
         self.assertEqual(b"up", self.read("C:\\t2\\out\\fw\\up.txt"))
         self.assertFalse(self.exists("C:\\t2\\out\\x"), "listed as ../x, never unpacked there")
-        missing = "C:\\t2\\pkg\\no.zip: no such file (unzip-package gives 0 for a package that does not exist)"
+        missing = ("unzip-package: C:\\t2\\pkg\\no.zip: no such file (unzip-package gives 0 for a package "
+                   "that does not exist)")
         self.assertEqual((1, {"result": 0, "error": missing}),
                          self.ctl("unzip-package", "C:\\t2\\pkg\\", "no.zip", "C:\\t2\\out\\", "fw"))
         self.assertIn("Unzip Package not exist.", self.log_text(), "the library ran and gave its 0")
 
-        self.assertEqual((0, {"result": 1}),
-                         self.ctl("unzip-all-items", "C:\\t2\\all\\", "C:\\t2\\pkg\\fw.zip"))
+        self.assertEqual(1, self.ctl("unzip-all-items", "C:\\t2\\all\\", "C:\\t2\\pkg\\fw.zip")[0])
         self.assertTrue(self.exists("C:\\t2\\all\\img\\a.bin"))
         # A target that the 259-character cut would shorten: nothing anywhere.
         long_target = "C:\\t2\\long\\" + "\\".join(["folder-%02d" % i for i in range(30)]) + "\\"
-        self.assertEqual((0, {"result": 1}), self.ctl("unzip-package", "C:\\t2\\pkg\\", "fw.zip",
-                                                      long_target[:255], "image"))
+        status, answer = self.ctl("unzip-package", "C:\\t2\\pkg\\", "fw.zip", long_target[:255], "image")
+        self.assertEqual((1, 1, [0x200] * 3), (status, answer["result"], [f["result"] for f in answer["failed"]]))
         self.assertFalse(self.exists("C:\\t2\\long"))
         self.put("C:\\t2\\bad.zip", b"PK not really")
-        self.assertEqual((0, {"result": 1}), self.ctl("unzip-all-items", "C:\\t2\\b\\", "C:\\t2\\bad.zip"))
+        # Not an archive: the library's 1 means only that the file exists.
+        self.assertEqual((1, {"result": 1, "error": "unzip-all-items: C:\\t2\\bad.zip: its entries cannot be "
+                                                     "listed: Zipfile is corrupt or not a zipfile (0x700)",
+                              "failed": [{"kind": "archive", "path": "C:\\t2\\bad.zip", "result": 0x700,
+                                          "text": "Zipfile is corrupt or not a zipfile"}]}),
+                         self.ctl("unzip-all-items", "C:\\t2\\b\\", "C:\\t2\\bad.zip"))
         self.assertIn("GetZipItem failed.", self.read(LOG).decode("latin-1"))
         status, listing = self.ctl("zip-items", "C:\\t2\\bad.zip")
         self.assertEqual((1, 0x700, "Zipfile is corrupt or not a zipfile"),
@@ -191,10 +245,9 @@ class FileCommands(unittest.TestCase):
         # nothing for the terminal to act on; the JSON form has them exactly.
         odd = ["readme.txt\r\nsetup.exe", "\x1b[2J\x1b[31mred\x7f", "tab\there\x01"]
         self.put("C:\\t2\\odd.zip", zip_bytes([(name, b"x") for name in odd]))
-        text = self.box.run([self.ctl_path, "--log", LOG, "zip-items", "C:\\t2\\odd.zip"])
-        self.assertEqual((0, ["readme.txt\\r\\nsetup.exe", "\\x1B[2J\\x1B[31mred\\x7F",
-                              "tab\\there\\x01"]),
-                         (text.returncode, text.stdout.split("\n")[:-1]))
+        self.assertEqual((0, ["entry: readme.txt\\r\\nsetup.exe", "entry: \\x1B[2J\\x1B[31mred\\x7F",
+                              "entry: tab\\there\\x01"], []),
+                         (lambda t: (t[0], t[1][3:], t[2]))(self.text("zip-items", "C:\\t2\\odd.zip")))
         self.assertEqual(odd, [i["name"] for i in self.ctl("zip-items", "C:\\t2\\odd.zip")[1]["items"]])
 
     def test_archives_that_cannot_be_read(self):
@@ -210,6 +263,7 @@ class FileCommands(unittest.TestCase):
                 (["unzip-package", "C:\\t7\\", "empty.zip", "C:\\t7\\", "out"], "C:\\t7\\empty.zip: is empty")]:
             with self.subTest(args=args):
                 result = self.box.run([self.ctl_path, "--log", LOG] + args)
+                problem = args[0] + ": " + problem
                 self.assertEqual((2, "", "dorvanectl: %s" % problem),
                                  (result.returncode, result.stdout, result.stderr.strip()))
                 self.assertEqual((2, {"result": None, "error": problem}), self.ctl(*args))
@@ -218,19 +272,26 @@ class FileCommands(unittest.TestCase):
                          "the library was not asked")
         # A package that is not there: the library's documented 0, with the reason.
         result = self.box.run([self.ctl_path, "--log", LOG, "unzip-all-items", "C:\\t7\\out\\", "C:\\t7\\none.zip"])
-        self.assertEqual((1, "0\n", "dorvanectl: C:\\t7\\none.zip: no such file (unzip-all-items gives 0 for a "
-                                     "package that does not exist)"),
+        self.assertEqual((1, "result: 0\n", "dorvanectl: unzip-all-items: C:\\t7\\none.zip: no such file "
+                                             "(unzip-all-items gives 0 for a package that does not exist)"),
                          (result.returncode, result.stdout, result.stderr.strip()))
         self.assertIn("unZip file not exist.", self.log_text())
 
     def test_usb_driver_installation(self):
-        self.assertEqual((1, {"result": 0}), self.ctl("install-usb-driver"))
+        self.assertEqual((1, {"result": 0, "error": "install-usb-driver: %sUninstall_Inf.bat does not exist: "
+                                                     "nothing was run" % DRIVER}),
+                         self.ctl("install-usb-driver"))
         self.put(DRIVER + "Uninstall_Inf.bat", "@echo uninstall>>order.txt\r\n")
         self.put(DRIVER + "Install_Inf.bat",
                  "@if exist drv.inf echo install-after-copy>>order.txt\r\n")
         self.put(DRIVER + "x64\\drv.inf", "inf")
         self.assertEqual((0, {"result": 1}), self.ctl("install-usb-driver"))
         self.assertEqual(b"uninstall\r\ninstall-after-copy\r\n", self.read(DRIVER + "order.txt"))
+        # A batch file that fails is named with its exit code; the library's 1 stays.
+        self.put(DRIVER + "Install_Inf.bat", "@exit /b 7\r\n")
+        self.assertEqual((1, ["result: 1"], ["dorvanectl: install-usb-driver: %sInstall_Inf.bat ended with "
+                                             "exit code 7" % DRIVER]),
+                         self.text("install-usb-driver"))
 
     def test_result_texts_and_usage(self):
         self.assertEqual((0, {"result": 35, "text": "Zipfile is corrupt or not a zipfile"}),
@@ -240,7 +301,10 @@ class FileCommands(unittest.TestCase):
         self.assertEqual((0, {"result": 24, "text": "Culdn't duplicate handle"}),
                          self.ctl("zip-result-text", "256"))
         self.assertEqual((0, {"result": 7, "text": "Success"}), self.ctl("zip-result-text", "1"))
-        self.assertEqual((2, {"result": None, "error": "not a result code: 0x7G"}), self.ctl("zip-result-text", "0x7G"))
+        self.assertEqual((2, {"result": None, "error": "zip-result-text: not a result code: 0x7G"}),
+                         self.ctl("zip-result-text", "0x7G"))
+        self.assertEqual((0, ["result: 35", "text: Zipfile is corrupt or not a zipfile"], []),
+                         self.text("zip-result-text", "0x700"))
         self.assertEqual((0, {"result": 35, "text": "Zipfile is corrupt or not a zipfile"}),
                          self.ctl("zip-result-text", "01792"), "decimal, also after a zero")
         self.assertEqual(2, self.ctl("zip-result-text", "-1")[0])
@@ -312,8 +376,13 @@ class Rails(unittest.TestCase):
         return result.returncode, result.stdout, result.stderr.replace("\r\n", "\n")
 
     def ctl_json(self, *args, cwd="X:\\"):
+        """(exit status, the JSON object) without what failed, which the file
+        commands' own tests check."""
         status, out, _ = self.ctl("--json", *args, cwd=cwd)
-        return status, json.loads(out)
+        answer = json.loads(out)
+        answer.pop("failed", None)
+        answer.pop("error", None)
+        return status, answer
 
     def records(self):
         path = self.box.unix_path(LOG)
@@ -345,7 +414,8 @@ class Rails(unittest.TestCase):
         before, records = self.snapshot(), self.records()
         self.assertEqual((2, "", "dorvanectl: " + line + "\n"), self.ctl(*args, cwd=cwd))
         status, out, err = self.ctl("--json", *args, cwd=cwd)
-        self.assertEqual((2, {"result": None, "error": line}, ""), (status, json.loads(out), err))
+        self.assertEqual((2, {"result": None, "error": line}, "dorvanectl: " + line + "\n"),
+                         (status, json.loads(out), err))
         self.assertEqual(before, self.snapshot())
         self.assertEqual(records, self.records(), "the library was not called")
 
@@ -448,9 +518,13 @@ class Rails(unittest.TestCase):
         # copied back into it) or the target.
         self.put("X:\\pkg\\links.zip", zip_bytes([("x/pwn.txt", b"pwn"), ("ok.txt", b"ok")]))
         self.put("X:\\dst\\x\\pwn.txt", "pwn")
-        self.assertEqual((0, {"result": 1}),
-                         self.ctl_json("unzip-all-items", "X:\\keep\\", "X:\\pkg\\links.zip"))
-        self.assertEqual((0, {"result": 1}), self.ctl_json("copy-dir", "X:\\dst", "X:\\keep"))
+        status, out, err = self.ctl("unzip-all-items", "X:\\keep\\", "X:\\pkg\\links.zip")
+        self.assertEqual((1, "result: 1\n", "dorvanectl: unzip-all-items: entry x/pwn.txt not unpacked to "
+                                              "X:\\keep\\x/pwn.txt: Couldn't create/open file (0x200)\n"),
+                         (status, out, err))
+        self.assertEqual((1, "result: 1\n", "dorvanectl: copy-dir: X:\\keep\\x is a link: not followed, "
+                                              "nothing copied through it\n"),
+                         self.ctl("copy-dir", "X:\\dst", "X:\\keep"))
         self.assertEqual(["ntuser.txt"], os.listdir(self.x("X:\\home\\bob")))
         self.assertEqual(b"ok", self.read_x("X:\\keep\\ok.txt"))
         self.assertIn("CopyFileInDir skipped link X:\\keep\\x", self.records())
@@ -522,7 +596,7 @@ class Rails(unittest.TestCase):
         self.assertFalse(os.path.exists(self.x("X:\\keep")))
         self.assertEqual((1, {"result": 0}), self.ctl_json("delete-dir", "X:\\keep"))
         status, out, err = self.ctl("delete-dir", "X:\\src")
-        self.assertEqual((0, "1\n", ""), (status, out, err))
+        self.assertEqual((0, "result: 1\n", ""), (status, out, err))
 
     def test_dry_run_lists_the_walk_and_deletes_nothing(self):
         for name in ("alpha\\Deep\\d.txt", "alpha\\z.txt", "Beta.txt", "gamma.txt",

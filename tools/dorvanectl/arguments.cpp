@@ -13,24 +13,18 @@
 
 namespace dorvane::ctl {
 
-namespace {
-
-// The system's text for an error number, without its line end.
-std::string SystemText(DWORD error) {
+std::string SystemText(unsigned long error) {
   char text[256] = {};
   const DWORD n = ::FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
-                                   nullptr, error, 0, text, sizeof text, nullptr);
+                                   nullptr, static_cast<DWORD>(error), 0, text, sizeof text, nullptr);
   std::string out(text, n);
   while (!out.empty() && (out.back() == '\n' || out.back() == '\r' || out.back() == ' ' ||
                           out.back() == '.')) {
     out.pop_back();
   }
-  char number[32];
-  std::snprintf(number, sizeof number, "error %lu", static_cast<unsigned long>(error));
-  return out.empty() ? std::string(number) : out + " (" + number + ")";
+  const std::string number = "error " + std::to_string(error);
+  return out.empty() ? number : out + " (" + number + ")";
 }
-
-}  // namespace
 
 bool ParseNumber(const std::string& text, uint64_t min, uint64_t max, uint64_t* value) {
   return cli::ParseUnsigned(text, true, min, max, value);
@@ -103,7 +97,8 @@ bool TableReadable(const Common& common, const std::string& path, const std::str
   if (!common.check_tables) return true;
   const std::string problem = TableProblem(path);
   if (problem.empty()) return true;
-  Fail(common, kUsageError, note.empty() ? problem : problem + " (" + note + ")");
+  Fail(common, kUsageError,
+       common.command + ": " + (note.empty() ? problem : problem + " (" + note + ")"));
   return false;
 }
 

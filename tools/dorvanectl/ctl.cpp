@@ -9,11 +9,13 @@
 #include <fcntl.h>
 #include <io.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <mutex>
 #include <string>
 
 #include "log/logger.h"
@@ -107,15 +109,6 @@ std::string Shown(const std::string& bytes) {
   return shown;
 }
 
-int ReportResult(const Common& common, const nlohmann::json& result, bool success) {
-  if (common.json) {
-    PrintJson({{"result", result}});
-  } else {
-    std::printf("result: %s\n", result.dump().c_str());
-  }
-  return success ? kOk : kFailed;
-}
-
 int Fail(const Common& common, int status, const std::string& message, nlohmann::json object) {
   std::fflush(stdout);
   std::fprintf(stderr, "dorvanectl: %s\n", message.c_str());
@@ -125,6 +118,55 @@ int Fail(const Common& common, int status, const std::string& message, nlohmann:
     PrintJson(object);
   }
   return status;
+}
+
+namespace {
+
+// Every line the library logs, as the logger writes it to the file: kept for
+// LoggedLines and, with -v, shown on standard error. Called under the logger's
+// lock, so lines from every thread come one at a time and in the file's order;
+// stderr is flushed after each, so none is lost at exit.
+std::atomic<bool> g_verbose{false};
+std::mutex g_logged_lock;
+std::vector<LoggedLine> g_logged;  // guarded by g_logged_lock
+constexpr size_t kLoggedLinesKept = 2000;
+
+void MirrorLine(const char* line, size_t length) {
+  if (g_verbose) {
+    std::fwrite(line, 1, length, stderr);
+    std::fflush(stderr);
+  }
+  // "[ERROR]  MM-DD HH:MM:SS:mmm: text": the tag, a blank, the time and ": ".
+  static const struct {
+    const char* tag;
+    unsigned level;
+  } kTags[] = {{"[ERROR] ", 1}, {"[WARNING] ", 2}, {"[DETAIL]", 4}};
+  constexpr size_t kTime = 20;
+  const std::string text(line, length);
+  for (const auto& tag : kTags) {
+    const size_t start = std::strlen(tag.tag) + 1 + kTime;
+    if (text.rfind(tag.tag, 0) != 0 || text.size() < start) continue;
+    std::string message = text.substr(start);
+    if (!message.empty() && message.back() == '\n') message.pop_back();
+    std::lock_guard<std::mutex> lock(g_logged_lock);
+    if (g_logged.size() < kLoggedLinesKept) g_logged.push_back({tag.level, std::move(message)});
+    return;
+  }
+}
+
+}  // namespace
+
+std::vector<LoggedLine> LoggedLines() {
+  std::lock_guard<std::mutex> lock(g_logged_lock);
+  return g_logged;
+}
+
+std::vector<std::string> LoggedErrors(unsigned up_to_level) {
+  std::vector<std::string> texts;
+  for (const LoggedLine& line : LoggedLines()) {
+    if (line.level <= up_to_level) texts.push_back(line.text);
+  }
+  return texts;
 }
 
 void PrintJson(const nlohmann::json& object) { PrintRaw(object.dump() + "\n"); }
@@ -174,17 +216,13 @@ struct UnwritableLog {
 };
 
 void CheckLogIsWritable(const std::string& path) {
+  const DWORD attributes = ::GetFileAttributesA(path.c_str());
+  if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY)) {
+    throw UnwritableLog{path, "it is a folder; give a file's path"};
+  }
   FILE* file = Logger::OpenFile(path);
   if (file == nullptr) throw UnwritableLog{path, std::strerror(errno)};
   std::fclose(file);
-}
-
-// -v: each line the library logs, as the logger writes it to the file. Called
-// under the logger's lock, so lines from every thread come one at a time and in
-// the file's order; stderr is flushed after each, so none is lost at exit.
-void MirrorToStandardError(const char* line, size_t length) {
-  std::fwrite(line, 1, length, stderr);
-  std::fflush(stderr);
 }
 
 // Whether --json is on the command line (before a "--"). A failed parse may
@@ -220,13 +258,15 @@ int Run(int argc, char** argv) {
                "print one JSON object instead of text, also on failure (with \"error\")");
   app.add_flag("-v,--verbose", common.verbose,
                "also show the library's log lines on standard error as they are written");
-  app.add_flag("!--no-table-check", common.check_tables,
+  app.add_flag("--no-table-check", common.no_table_check,
                "run a lookup even when its table cannot be read, to see what the library "
                "then answers and logs");
   app.add_option("--preset", common.preset,
                  "every output starts as this text instead of empty, to show what a failed "
                  "lookup leaves untouched");
-  app.add_option("--log", common.log, "file for the library's log lines")->capture_default_str();
+  app.add_option("--log", common.log,
+                 "file for the library's log lines (default: dorvanectl.log in %TEMP%)")
+      ->type_name("FILE");
   AddAtCommands(app, common);
   AddTableCommands(app, common);
   AddRegistryCommands(app, common);
@@ -237,10 +277,13 @@ int Run(int argc, char** argv) {
   // The logger needs a usable file before the first line: a write that finds
   // none leaves it locked for good. `help` logs nothing and needs none.
   app.parse_complete_callback([&app, &common] {
+    common.check_tables = !common.no_table_check;
+    if (!app.get_subcommands().empty()) common.command = app.get_subcommands().front()->get_name();
     if (app.got_subcommand("help")) return;
     CheckLogIsWritable(common.log);
     Logger* log = Logger::GetInstance();
-    if (common.verbose) log->SetMirror(MirrorToStandardError);
+    g_verbose = common.verbose;
+    log->SetMirror(MirrorLine);
     log->SetLogPath(common.log);
     log->Enable(true);
   });

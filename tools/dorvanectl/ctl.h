@@ -25,6 +25,8 @@ struct Common {
   bool json = false;
   bool verbose = false;               // the library's log lines also on standard error
   bool check_tables = true;           // refuse a table that cannot be read before a lookup
+  bool no_table_check = false;        // --no-table-check, read into check_tables
+  std::string command;                // the command given, for messages
   std::optional<std::string> preset;  // what every output starts as, instead of ""
   std::string log;                    // where the library's log lines go
   int exit_code = kOk;
@@ -49,15 +51,26 @@ nlohmann::json TableTexts(const std::vector<std::string>& list);
 // terminal as a command. (--json gives the names exactly.)
 std::string Shown(const std::string& bytes);
 
-// Prints an operation's bare result ({"result": ...} or "result: ...") and
-// gives the exit status for `success`.
-int ReportResult(const Common& common, const nlohmann::json& result, bool success);
-
 // Ends a command with an error: "dorvanectl: MESSAGE" on standard error and,
 // with --json, `object` with "error": MESSAGE added as the one object printed
 // (by default {"result": null}: the operation gave no result). Returns `status`.
 int Fail(const Common& common, int status, const std::string& message,
          nlohmann::json object = {{"result", nullptr}});
+
+// The system's text for an error number: "Access is denied (error 5)".
+std::string SystemText(unsigned long error);
+
+// A line the library logged while the command ran: its level (1 error, 2
+// warning, 4 detail) and its text. The library states why an operation failed
+// in these lines, so a command quotes them rather than guess.
+struct LoggedLine {
+  unsigned level = 0;
+  std::string text;
+};
+// The lines logged so far (at most the first 2,000), in their order.
+std::vector<LoggedLine> LoggedLines();
+// The texts of the error lines logged so far, or of the given level and above.
+std::vector<std::string> LoggedErrors(unsigned up_to_level = 1);
 
 // Prints one JSON object and a line end.
 void PrintJson(const nlohmann::json& object);

@@ -423,13 +423,7 @@ std::optional<Refusal> FirstRefusal(const std::vector<GuardedFolder>& folders) {
 }
 
 int ReportRefusal(const Common& common, const std::string& command, const Refusal& refusal) {
-  const std::string text = refusal.Text(command);
-  if (common.json) {
-    PrintJson({{"result", nullptr}, {"error", Text(text)}});
-  } else {
-    std::fprintf(stderr, "dorvanectl: %s\n", text.c_str());
-  }
-  return kUsageError;
+  return Fail(common, kUsageError, refusal.Text(command));
 }
 
 std::vector<GuardedFolder> DeleteDirFolders(const std::string& folder) {

@@ -62,7 +62,7 @@ struct Refusal {
 // The first folder of `folders` that is protected, with the reason.
 std::optional<Refusal> FirstRefusal(const std::vector<GuardedFolder>& folders);
 
-// Prints the refusal (a line on stderr, or with --json {"result": null,
+// Prints the refusal (a line on stderr, and with --json {"result": null,
 // "error": ...}) and gives the usage exit status.
 int ReportRefusal(const Common& common, const std::string& command, const Refusal& refusal);
 

@@ -5,6 +5,7 @@
 
 #include "config/device_config.h"
 #include "config/table_reader.h"
+#include "tools/dorvanectl/answer.h"
 #include "tools/dorvanectl/ctl.h"
 #include "util/registry.h"
 
@@ -87,7 +88,47 @@ std::string ByteHex(const BYTE* data, size_t size) {
   return hex;
 }
 
-int ReportHelper(const Common& common, DWORD result) { return ReportResult(common, result, result == 0); }
+const char kHive[] = "HKEY_LOCAL_MACHINE\\";
+
+// Why a registry helper gave 1, from the step that failed and its error.
+std::string RegistryProblem(const std::string& key, const std::string& name, bool writing) {
+  const RegistryFailure failure = LastRegistryFailure();
+  const std::string where = std::string(kHive) + key + " (32-bit view)";
+  std::string why;
+  if (failure.step == nullptr) {
+    why = "it failed";
+  } else if (std::string(failure.step) == "RegOpenKeyEx") {
+    why = "the key " + where + " cannot be opened" + (writing ? " for writing" : "") + ": " +
+          SystemText(failure.error);
+    if (writing && failure.error == ERROR_FILE_NOT_FOUND) why += "; the key must exist, nothing is created";
+  } else if (failure.error == ERROR_FILE_NOT_FOUND) {
+    why = "the value " + name + " is not in " + where;
+  } else if (failure.error == ERROR_MORE_DATA) {
+    why = "the value " + name + " in " + where + " is longer than can be read" +
+          (writing ? "" : " (text: 124 bytes; --raw: 4096 bytes)");
+  } else {
+    why = std::string(failure.step) + " of " + name + " in " + where + ": " + SystemText(failure.error);
+  }
+  // The helpers take a path under HKEY_LOCAL_MACHINE, not a full one.
+  if (key.rfind("HKEY_", 0) == 0 || key.rfind("HKLM", 0) == 0 || key.rfind("hklm", 0) == 0) {
+    why += " (the key is a path under HKEY_LOCAL_MACHINE, without the hive: SOFTWARE\\...)";
+  }
+  return why;
+}
+
+// The text form of a REG_DWORD: "16 (0x10)".
+std::string DwordText(DWORD number) {
+  char hex[16];
+  std::snprintf(hex, sizeof hex, " (0x%lX)", static_cast<unsigned long>(number));
+  return std::to_string(number) + hex;
+}
+
+// The types reg-get shows as text; any other is read raw.
+bool IsTextType(DWORD type) { return type == REG_SZ || type == REG_EXPAND_SZ || type == REG_DWORD; }
+
+int SetValue(const Common& common, const char* command, const RegArgs& a, DWORD result) {
+  return Answer(common, command).Result(result).Finish(result == 0, RegistryProblem(a.key, a.name, true));
+}
 
 // A REG_DWORD read as text is its bytes up to the first zero: its number is
 // read once more, raw, to show it.
@@ -107,23 +148,19 @@ int RegGetText(const Common& common, const RegArgs& a) {
   DWORD type = REG_SZ;
   std::string value = Initial(common);
   const DWORD result = GetRegKeyValue(a.key, a.name, value, type);
-  nlohmann::json object = {{"result", result}, {"type", type}, {"output", Text(value)}};
+  const std::string why = result == 0 ? "" : RegistryProblem(a.key, a.name, false);
+  Answer answer(common, "reg-get");
+  answer.Result(result).Value("type", type, TypeText(type));
   DWORD number = 0;
   if (result == 0 && type == REG_DWORD && ReadDword(a, &number)) {
-    value = std::to_string(number);
-    object["output"] = value;
-    object["number"] = number;
-    char hex[16];
-    std::snprintf(hex, sizeof hex, " (0x%lX)", static_cast<unsigned long>(number));
-    value += hex;
-  }
-  if (common.json) {
-    PrintJson(object);
+    answer.Value("output", std::to_string(number), DwordText(number)).JsonMember("number", number);
   } else {
-    std::printf("result: %lu\ntype: %s\noutput: %s\n", static_cast<unsigned long>(result),
-                TypeText(type).c_str(), value.c_str());
+    answer.Field("output", value);
   }
-  return result == 0 ? kOk : kFailed;
+  if (result == 0 && !IsTextType(type)) {
+    answer.Failed("the value " + a.name + " is " + TypeText(type) + ", not text: read it with --raw");
+  }
+  return answer.Finish(result == 0, why);
 }
 
 int RegGet(const Common& common, const RegArgs& a) {
@@ -134,13 +171,13 @@ int RegGet(const Common& common, const RegArgs& a) {
   const DWORD result = GetRegKeyValue(a.key, a.name, data.data(), type, size);
   std::string hex;
   if (result == 0) hex = ByteHex(data.data(), std::min<size_t>(size, data.size()));
-  if (common.json) {
-    PrintJson({{"result", result}, {"type", type}, {"size", size}, {"bytes", hex}});
-  } else {
-    std::printf("result: %lu\ntype: %s\nsize: %lu\nbytes: %s\n", static_cast<unsigned long>(result),
-                TypeText(type).c_str(), static_cast<unsigned long>(size), hex.c_str());
-  }
-  return result == 0 ? kOk : kFailed;
+  while (!hex.empty() && hex.back() == ' ') hex.pop_back();
+  return Answer(common, "reg-get")
+      .Result(result)
+      .Value("type", type, TypeText(type))
+      .Value("size", size)
+      .Value("bytes", hex)
+      .Finish(result == 0, result == 0 ? "" : RegistryProblem(a.key, a.name, false));
 }
 
 const char kKeyHelp[] = "key path under HKEY_LOCAL_MACHINE (32-bit view), for example SOFTWARE\\Vendor\\Product";
@@ -162,7 +199,8 @@ void AddRegistry(CLI::App& app, Common& common) {
   set->add_option("value", set_args->value, "the text, stored as REG_SZ without a terminator")
       ->required();
   set->callback([&common, set_args] {
-    common.exit_code = ReportHelper(common, SetRegKeyValue(set_args->key, set_args->name, set_args->value));
+    const RegArgs& a = *set_args;
+    common.exit_code = SetValue(common, "reg-set", a, SetRegKeyValue(a.key, a.name, a.value));
   });
 
   auto dword_args = std::make_shared<RegArgs>();
@@ -175,12 +213,14 @@ void AddRegistry(CLI::App& app, Common& common) {
       ->transform(Number(0, 0xFFFFFFFFu))
       ->required();
   dword->add_option("--type", dword_args->type,
-                    "the value type, by name (REG_DWORD, REG_BINARY, ...) or number (0 to 11)")
+                    "the value type, by name (REG_DWORD, REG_BINARY, ...) or number (0 to 11) "
+                    "(default: REG_DWORD)")
       ->transform(ValueType())
-      ->capture_default_str();
+      ->type_name("TYPE");
   dword->callback([&common, dword_args] {
     const RegArgs& a = *dword_args;
-    common.exit_code = ReportHelper(common, SetRegKeyDword(a.key, a.name, a.number, a.type));
+    common.exit_code =
+        SetValue(common, "reg-set-dword", a, SetRegKeyDword(a.key, a.name, a.number, a.type));
   });
 }
 
@@ -196,12 +236,10 @@ void AddDeviceConfig(CLI::App& app, Common& common) {
     }
     std::string config_id = Initial(common);
     const bool result = getWwanDeviceConfigID(*path, config_id);
-    if (common.json) {
-      PrintJson({{"result", result}, {"output", Text(config_id)}});
-    } else {
-      std::printf("result: %s\noutput: %s\n", result ? "true" : "false", config_id.c_str());
-    }
-    common.exit_code = result ? kOk : kFailed;
+    common.exit_code = Answer(common, "device-config-id")
+                           .Result(result)
+                           .TableField("output", config_id)
+                           .Finish(result, LookupProblem("no configuration id found"));
   });
 
   auto keys = std::make_shared<std::pair<std::string, std::string>>();
@@ -222,17 +260,16 @@ void AddDeviceConfig(CLI::App& app, Common& common) {
     const bool result = getCfgPkInfo(keys->first, keys->second, info);
     const std::vector<std::string> texts(info.texts.begin(), info.texts.end());
     static const char* const kNames[] = {"text 0", "text 1", "text 2", "file", "version", "type", "mcc"};
-    if (common.json) {
-      nlohmann::json record = nlohmann::json::object();
-      for (size_t i = 0; i < texts.size(); ++i) record[kNames[i]] = Text(texts[i]);
-      record["count"] = info.count;
-      PrintJson({{"result", result}, {"fields", Texts(texts)}, {"count", info.count}, {"record", record}});
-    } else {
-      std::printf("result: %s\n", result ? "true" : "false");
-      for (size_t i = 0; i < texts.size(); ++i) std::printf("  %zu %-8s %s\n", i, kNames[i], texts[i].c_str());
-      std::printf("  count    %lu\n", static_cast<unsigned long>(info.count));
+    nlohmann::json record = nlohmann::json::object();
+    Answer answer(common, "cfg-pk-info");
+    answer.Result(result);
+    for (size_t i = 0; i < texts.size(); ++i) {
+      record[kNames[i]] = Text(texts[i]);
+      answer.TextLine(kNames[i], Shown(texts[i]));
     }
-    common.exit_code = result ? kOk : kFailed;
+    record["count"] = info.count;
+    answer.Value("count", info.count).JsonMember("fields", Texts(texts)).JsonMember("record", record);
+    common.exit_code = answer.Finish(result, LookupProblem("no configuration package found"));
   });
 }
 

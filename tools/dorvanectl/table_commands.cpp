@@ -13,6 +13,7 @@
 #include "config/firmware_info.h"
 #include "config/scatter.h"
 #include "config/table_reader.h"
+#include "tools/dorvanectl/answer.h"
 #include "tools/dorvanectl/ctl.h"
 
 namespace dorvane::ctl {
@@ -107,35 +108,36 @@ nlohmann::json FieldRecord(const std::array<std::string, N>& fields, const char*
   return record;
 }
 
+// A record's fields as "name: value" lines of the text form.
 template <size_t N>
-void PrintFields(const std::array<std::string, N>& fields, const char* const* names) {
-  for (size_t i = 0; i < N; ++i) {
-    std::printf("  %2zu %-18s %s\n", i, names[i], fields[i].c_str());
-  }
+void FieldLines(Answer& answer, const std::array<std::string, N>& fields, const char* const* names) {
+  for (size_t i = 0; i < N; ++i) answer.TextLine(names[i], Shown(fields[i]));
 }
 
-int Finish(bool success) { return success ? kOk : kFailed; }
+// Why a lookup gave false: the library's own error lines.
+// Without a line of the library's, a lookup that gave false found no entry
+// for its key.
+std::string Why(const std::string& key) {
+  return LoggedErrors().empty() && !key.empty() ? "nothing found for " + key
+                                                 : LookupProblem("the lookup gave false");
+}
 
 // A lookup with a string answer.
-int ReportText(const Common& common, bool result, const std::string& output) {
-  if (common.json) {
-    PrintJson({{"result", result}, {"output", TableText(output)}});
-  } else {
-    std::printf("result: %s\noutput: %s\n", result ? "true" : "false", output.c_str());
-  }
-  return Finish(result);
+int ReportText(const Common& common, const Args& args, bool result, const std::string& output) {
+  return Answer(common, args.command)
+      .Result(result)
+      .TableField("output", output)
+      .Finish(result, Why(args.a));
 }
 
-int ReportCarrier(const Common& common, bool result, const CarrierFirmwareInfo& record) {
-  if (common.json) {
-    PrintJson({{"result", result},
-               {"fields", FieldArray(record.fields)},
-               {"record", FieldRecord(record.fields, kCarrierFieldNames)}});
-  } else {
-    std::printf("result: %s\nfields:\n", result ? "true" : "false");
-    PrintFields(record.fields, kCarrierFieldNames);
-  }
-  return Finish(result);
+int ReportCarrier(const Common& common, const Args& args, bool result,
+                  const CarrierFirmwareInfo& record) {
+  Answer answer(common, args.command);
+  answer.Result(result)
+      .JsonMember("fields", FieldArray(record.fields))
+      .JsonMember("record", FieldRecord(record.fields, kCarrierFieldNames));
+  FieldLines(answer, record.fields, kCarrierFieldNames);
+  return answer.Finish(result, Why(args.a));
 }
 
 CarrierFirmwareInfo PresetCarrier(const Common& common) {
@@ -145,6 +147,33 @@ CarrierFirmwareInfo PresetCarrier(const Common& common) {
 }
 
 using Positionals = std::vector<std::pair<const char*, const char*>>;
+
+bool IsFile(const std::string& path) {
+  const DWORD attributes = ::GetFileAttributesA(path.c_str());
+  return attributes != INVALID_FILE_ATTRIBUTES && !(attributes & FILE_ATTRIBUTE_DIRECTORY);
+}
+
+// A table path with nothing there while another argument names a file: the
+// arguments are most likely in another order than the command takes them.
+// The hint, or the empty text.
+std::string SwappedHint(const Positionals& names, const Args& args) {
+  const std::string* values[] = {&args.a, &args.b, &args.c};
+  std::string order;
+  for (size_t i = 0; i < names.size(); ++i) order += std::string(i ? " " : "") + names[i].first;
+  for (size_t table = 0; table < names.size(); ++table) {
+    if (std::string(names[table].first) != "path" || IsFile(*values[table]) ||
+        ::GetFileAttributesA(values[table]->c_str()) != INVALID_FILE_ATTRIBUTES) {
+      continue;
+    }
+    for (size_t other = 0; other < names.size(); ++other) {
+      if (other == table || !IsFile(*values[other])) continue;
+      return args.command + ": " + *values[table] + ": no such file, and " + *values[other] +
+             ", given as " + names[other].first + ", is a file: the arguments are " + order +
+             " (see 'dorvanectl help " + args.command + "')";
+    }
+  }
+  return std::string();
+}
 
 // Adds a subcommand with positional arguments (name and description) stored in
 // a, b, c in that order, that runs `run`; `options` may add options of its own.
@@ -159,10 +188,14 @@ void Add(CLI::App& app, Common& common, const char* name, const char* help,
   for (size_t i = 0; i < positionals.size(); ++i) {
     sub->add_option(positionals[i].first, *slots[i], positionals[i].second)->required();
   }
-  sub->add_option("--timeout", args->timeout, "give up after this many seconds (above 0)")
+  sub->add_option("--timeout", args->timeout,
+                  "give up after this many seconds (above 0; default: 5)")
       ->transform(Number(1, std::numeric_limits<int>::max()))
-      ->capture_default_str();
-  sub->callback([&common, args, run] { common.exit_code = run(common, *args); });
+      ->type_name("SECONDS");
+  sub->callback([&common, args, run, positionals] {
+    const std::string swapped = SwappedHint(positionals, *args);
+    common.exit_code = swapped.empty() ? run(common, *args) : Fail(common, kUsageError, swapped);
+  });
 }
 
 const char kTablePath[] = "the table (XML file)";
@@ -178,27 +211,24 @@ int FwPackage(const Common& common, const Args& a) {
   package.SetPackageVer(Initial(common));
   package.SetPackageType(Initial(common));
   const bool result = Bounded<bool>(common, a, [&] { return GetFwPackageInfo(a.a, package); });
-  if (common.json) {
-    nlohmann::json carriers = nlohmann::json::array();
-    nlohmann::json records = nlohmann::json::array();
-    for (const auto& carrier : package.GetCarriers()) {
-      carriers.push_back(FieldArray(carrier.fields));
-      records.push_back(FieldRecord(carrier.fields, kCarrierFieldNames));
-    }
-    PrintJson({{"result", result},
-               {"packageVer", TableText(package.GetPackageVer())},
-               {"packageType", TableText(package.GetPackageType())},
-               {"carriers", carriers},
-               {"records", records}});
-  } else {
-    std::printf("result: %s\npackage version: %s\npackage type: %s\n", result ? "true" : "false",
-                package.GetPackageVer().c_str(), package.GetPackageType().c_str());
-    for (const auto& carrier : package.GetCarriers()) {
-      std::printf("carrier:\n");
-      PrintFields(carrier.fields, kCarrierFieldNames);
-    }
+  nlohmann::json carriers = nlohmann::json::array();
+  nlohmann::json records = nlohmann::json::array();
+  for (const auto& carrier : package.GetCarriers()) {
+    carriers.push_back(FieldArray(carrier.fields));
+    records.push_back(FieldRecord(carrier.fields, kCarrierFieldNames));
   }
-  return Finish(result);
+  Answer answer(common, a.command);
+  answer.Result(result)
+      .TableField("packageVer", package.GetPackageVer())
+      .TableField("packageType", package.GetPackageType())
+      .JsonMember("carriers", carriers)
+      .JsonMember("records", records);
+  size_t number = 0;
+  for (const auto& carrier : package.GetCarriers()) {
+    answer.TextLine("carrier", std::to_string(++number));
+    FieldLines(answer, carrier.fields, kCarrierFieldNames);
+  }
+  return answer.Finish(result, Why(""));
 }
 
 int PackageInfo(const Common& common, const Args& a) {
@@ -207,15 +237,40 @@ int PackageInfo(const Common& common, const Args& a) {
   info.fields.fill(Initial(common));
   const bool result =
       Bounded<bool>(common, a, [&] { return GetPackageInfoFirmware(a.a, a.b, info); });
-  if (common.json) {
-    PrintJson({{"result", result},
-               {"fields", FieldArray(info.fields)},
-               {"record", FieldRecord(info.fields, kPackageFieldNames)}});
-  } else {
-    std::printf("result: %s\nfields:\n", result ? "true" : "false");
-    PrintFields(info.fields, kPackageFieldNames);
+  Answer answer(common, a.command);
+  answer.Result(result)
+      .JsonMember("fields", FieldArray(info.fields))
+      .JsonMember("record", FieldRecord(info.fields, kPackageFieldNames));
+  FieldLines(answer, info.fields, kPackageFieldNames);
+  return answer.Finish(result, Why(a.a));
+}
+
+// Why getEsimDisableType gave no decision, from the line it logged at the
+// step that stopped it.
+std::string EsimWhy() {
+  static const struct {
+    const char* line;
+    const char* why;
+  } kSteps[] = {
+      {"SKU & Imsi is null", "neither --sku nor --imsi was given"},
+      {"Esim disable xml load faild.", "the table cannot be loaded"},
+      {"RootElement xml item error.", "the table has no root element"},
+      {"TableEnableFlag xml item error.", "the table has no TableEnableFlag"},
+      {"FlagValue is false,not need to set esim disable.",
+       "the table is switched off (TableEnableFlag FlagValue is False)"},
+      {"Main disable error.", "TableEnableFlag's FlagValue is neither True nor False"},
+      {"SKU black xml item error.", "the table has no SKU_BlackList, which --sku needs"},
+      {"IMSI black xml item error.", "the table has no IMSI_BlackList, which --imsi needs"},
+  };
+  for (const LoggedLine& line : LoggedLines()) {
+    for (const auto& step : kSteps) {
+      if (line.text == step.line) {
+        return std::string("no decision (0xFFFFFFFF): ") + step.why + "; the log says: \"" +
+               step.line + "\"";
+      }
+    }
   }
-  return Finish(result);
+  return LookupProblem("no decision (0xFFFFFFFF)");
 }
 
 int Esim(const Common& common, const Args& a) {
@@ -224,13 +279,10 @@ int Esim(const Common& common, const Args& a) {
     return getEsimDisableType(a.a, a.sku ? a.sku->c_str() : nullptr,
                               a.imsi ? a.imsi->c_str() : nullptr);
   });
-  if (common.json) {
-    PrintJson({{"result", result}});
-  } else {
-    std::printf("result: %lu (0x%lX)\n", static_cast<unsigned long>(result),
+  char text[32];
+  std::snprintf(text, sizeof text, "%lu (0x%lX)", static_cast<unsigned long>(result),
                 static_cast<unsigned long>(result));
-  }
-  return Finish(result != kEsimNoDecision);
+  return Answer(common, a.command).Result(result, text).Finish(result != kEsimNoDecision, EsimWhy());
 }
 
 int Region(const Common& common, const Args& a) {
@@ -238,19 +290,18 @@ int Region(const Common& common, const Args& a) {
   std::string region = Initial(common);
   const DWORD result =
       Bounded<DWORD>(common, a, [&] { return getRegulatoryByMcc(a.a, a.b, region); });
-  if (common.json) {
-    PrintJson({{"result", result}, {"output", TableText(region)}});
-  } else {
-    std::printf("result: %lu\noutput: %s\n", static_cast<unsigned long>(result), region.c_str());
-  }
-  return Finish(result != kRegionNotFound);
+  return Answer(common, a.command)
+      .Result(result)
+      .TableField("output", region)
+      .Finish(result != kRegionNotFound,
+              LookupProblem("no Region row for MCC " + a.b + " and no default row"));
 }
 
 int Scatter(const Common& common, const Args& a) {
   const std::string table = std::string(kFlashDataFolder) + "\\" + kScatterName;
   if (!TableReadable(common, table, "the file update-scatter always rewrites")) return kUsageError;
   const bool result = Bounded<bool>(common, a, [&] { return UpdateScatterDownloadFlags(a.a); });
-  return ReportResult(common, result, result);
+  return Answer(common, a.command).Result(result).Finish(result, Why(""));
 }
 
 }  // namespace
@@ -264,7 +315,7 @@ void AddTableCommands(CLI::App& app, Common& common) {
       if (!TableReadable(c, a.b)) return static_cast<int>(kUsageError);
       std::string out = Initial(c);
       const bool result = Bounded<bool>(c, a, [&] { return lookup(a.a, a.b, out); });
-      return ReportText(c, result, out);
+      return ReportText(c, a, result, out);
     });
   };
   text("carrier-id-by-mccmnc", "carrier id of an MCC+MNC (true once the table is found)",
@@ -277,7 +328,9 @@ void AddTableCommands(CLI::App& app, Common& common) {
       {{"mcc", "the MCC"}, {"path", kTablePath}}, [](const Common& c, const Args& a) {
         if (!TableReadable(c, a.b)) return static_cast<int>(kUsageError);
         const bool result = Bounded<bool>(c, a, [&] { return GetSelectionRuleByMcc(a.a, a.b); });
-        return ReportResult(c, result, result);
+        return Answer(c, a.command)
+            .Result(result)
+            .Finish(result, LookupProblem("the lookup gives false for every key"));
       });
 
   using RecordLookup = bool (*)(std::string, std::string, CarrierFirmwareInfo&);
@@ -287,7 +340,7 @@ void AddTableCommands(CLI::App& app, Common& common) {
       if (!TableReadable(c, a.b)) return static_cast<int>(kUsageError);
       CarrierFirmwareInfo r = PresetCarrier(c);
       const bool result = Bounded<bool>(c, a, [&] { return lookup(a.a, a.b, r); });
-      return ReportCarrier(c, result, r);
+      return ReportCarrier(c, a, result, r);
     });
   };
   record("carrier-firmware", "AP, MD and OP firmware of a carrier",
@@ -304,7 +357,7 @@ void AddTableCommands(CLI::App& app, Common& common) {
         const bool result =
             Bounded<bool>(c, a, [&] { return GetParamFirmwareBySku(a.a, a.b, a.c, r); },
                           [&a] { return SkuCause(a.a, a.b, a.c); });
-        return ReportCarrier(c, result, r);
+        return ReportCarrier(c, a, result, r);
       });
   Add(app, common, "package-info-firmware", "firmware and cust pack of a carrier in package_info.xml",
       {{"carrier-id", "the carrier id (no match: the last default entry)"},

@@ -140,12 +140,53 @@ void AddHelp(CLI::App& app, Common& common) {
   app.footer("'dorvanectl help COMMAND' describes a command's arguments and gives an example.");
 }
 
+namespace {
+
+// The long option names `app` and its chosen command take, "--json" and so on.
+std::vector<std::string> OptionNames(const CLI::App& app, const CLI::App* command) {
+  std::vector<std::string> names;
+  for (const CLI::App* owner : {&app, command}) {
+    if (owner == nullptr) continue;
+    for (const CLI::Option* option : owner->get_options()) {
+      for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
+    }
+  }
+  return names;
+}
+
+// "--jsn: no such option; did you mean '--json'?" for each unknown option.
+std::string UnknownOptions(const CLI::App& app, const CLI::App* command,
+                           const std::vector<std::string>& extras) {
+  std::string text;
+  for (const std::string& extra : extras) {
+    if (extra.rfind("--", 0) != 0) continue;
+    const std::string word = extra.substr(0, extra.find('='));
+    const std::vector<std::string> close = ClosestNames(word, OptionNames(app, command));
+    text += (text.empty() ? "" : "; ") + word + ": no such option";
+    if (!close.empty()) text += "; did you mean " + Quoted(close) + "?";
+  }
+  return text;
+}
+
+}  // namespace
+
 std::string ParseErrorMessage(const CLI::App& app, const CLI::ParseError& error) {
   const std::vector<CLI::App*> used = app.get_subcommands();
-  if (!used.empty()) {
-    const std::string name = used.front()->get_name();
-    return name + ": " + error.what() + " (see 'dorvanectl help " + name + "')";
+  const CLI::App* command = used.empty() ? nullptr : used.front();
+  std::vector<std::string> extras = app.remaining();
+  if (command != nullptr) {
+    const std::vector<std::string> more = command->remaining();
+    extras.insert(extras.end(), more.begin(), more.end());
   }
+  const std::string unknown = dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr
+                                  ? UnknownOptions(app, command, extras)
+                                  : std::string();
+  if (command != nullptr) {
+    const std::string name = command->get_name();
+    return name + ": " + (unknown.empty() ? error.what() : unknown) + " (see 'dorvanectl help " +
+           name + "')";
+  }
+  if (!unknown.empty()) return unknown + " (see 'dorvanectl help')";
   const std::vector<std::string> left = app.remaining();
   if (!left.empty() && !left.front().empty() && left.front()[0] != '-') {
     return UnknownCommand(app, left.front());
