@@ -11,6 +11,8 @@ The document marks its examples with fenced blocks:
     ```xml findings                 a table that lint has findings for
     ```reg                          a registry file, imported into the 32-bit view
     ```console                      "> " commands, each followed by its output
+                                    (lines starting "dorvanectl: " are its
+                                    standard error, the others its output)
     ```log                          the log lines written by the last command of the
                                     console block just before (its --log file),
                                     "[TAG] message", time stamps left out
@@ -155,6 +157,8 @@ class TablesDoc(unittest.TestCase):
             with self.subTest(line=line, command=text):
                 words = split_command(text)
                 result = self.run_command(words)
+                said = [line for line in expected if line.startswith("dorvanectl: ")]
+                expected = [line for line in expected if not line.startswith("dorvanectl: ")]
                 if "--json" in words:
                     actual = [json.loads(o) for o in trimmed(result.stdout.split("\n"))]
                     expected = [json.loads(o) for o in trimmed(expected)]
@@ -162,6 +166,8 @@ class TablesDoc(unittest.TestCase):
                     actual, expected = trimmed(result.stdout.split("\n")), trimmed(expected)
                 self.assertEqual(expected, actual, "the document's output, then dorvanectl's "
                                  "(exit status %d, stderr: %s)" % (result.returncode, result.stderr))
+                self.assertEqual(said, trimmed(result.stderr.replace("\r\n", "\n").split("\n")),
+                                 "what the document shows on standard error, then what dorvanectl said")
 
     def check_log(self, block, log):
         with self.subTest(line=block.line, log=log):
