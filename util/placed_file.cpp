@@ -83,13 +83,18 @@ ReplacingFile::~ReplacingFile() { Discard(); }
 Placing ReplacingFile::Create(const std::string& path) {
   Discard();
   const DWORD attributes = ::GetFileAttributesA(path.c_str());
-  if (IsLinkAttributes(attributes)) return Placing::kLink;
-  if (attributes != INVALID_FILE_ATTRIBUTES &&
-      (attributes & (FILE_ATTRIBUTE_DIRECTORY | kNotOverwritten))) {
-    return Placing::kBlocked;
+  // As the write in place would have failed, and with its error.
+  if (IsLinkAttributes(attributes) ||
+      (attributes != INVALID_FILE_ATTRIBUTES &&
+       (attributes & (FILE_ATTRIBUTE_DIRECTORY | kNotOverwritten)))) {
+    ::SetLastError(ERROR_ACCESS_DENIED);
+    return IsLinkAttributes(attributes) ? Placing::kLink : Placing::kBlocked;
   }
   const size_t folder = CallerFolderLength(path, path.size());
-  if (folder >= path.size() || path.size() > kLongestPath) return Placing::kBlocked;
+  if (folder >= path.size() || path.size() > kLongestPath) {
+    ::SetLastError(ERROR_FILENAME_EXCED_RANGE);
+    return Placing::kBlocked;
+  }
   const size_t room = kLongestPath - folder;
   const unsigned seed = static_cast<unsigned>(::GetCurrentProcessId()) << 16;
   for (int attempt = 0; attempt < 64; ++attempt) {
@@ -123,20 +128,21 @@ bool ReplacingFile::Commit() {
 }
 
 void ReplacingFile::Discard() {
+  // The error of what failed before stays the error to tell.
+  const DWORD error = ::GetLastError();
   file_.reset();
-  if (temporary_.empty()) return;
-  // CopyFile gives the copy the source's attributes, read-only among them.
-  ::SetFileAttributesA(temporary_.c_str(), FILE_ATTRIBUTE_NORMAL);
-  ::DeleteFileA(temporary_.c_str());
-  temporary_.clear();
+  if (!temporary_.empty()) {
+    // CopyFile gives the copy the source's attributes, read-only among them.
+    ::SetFileAttributesA(temporary_.c_str(), FILE_ATTRIBUTE_NORMAL);
+    ::DeleteFileA(temporary_.c_str());
+    temporary_.clear();
+  }
+  ::SetLastError(error);
 }
 
 bool CopyFileReplacing(const std::string& source, const std::string& destination) {
   ReplacingFile file;
-  if (file.Create(destination) != Placing::kReady) {
-    ::SetLastError(ERROR_ACCESS_DENIED);
-    return false;
-  }
+  if (file.Create(destination) != Placing::kReady) return false;
   file.Close();
   // A failed copy leaves the temporary file to `file`, which removes it.
   return ::CopyFileA(source.c_str(), file.temporary().c_str(), FALSE) && file.Commit();

@@ -64,7 +64,7 @@ class ReplacingFile {
   // Opens a new temporary file for writing beside `path`. kLink when `path`
   // shows as a link; kBlocked when it is a folder, read-only, hidden or a
   // system file (which Windows refuses to overwrite), or when no temporary
-  // file can be made there.
+  // file can be made there. The system's last error then tells why.
   Placing Create(const std::string& path);
   HANDLE handle() const { return file_.get(); }
   const std::string& temporary() const { return temporary_; }
@@ -84,8 +84,9 @@ class ReplacingFile {
 
 // Copies `source` to `destination` through a temporary file and a move, as
 // CopyFileA(source, destination, FALSE) would, but never writing through a
-// file link at `destination`. False when `destination` is refused as by
-// Create or when the copy or the move fails; no temporary file stays then.
+// file link at `destination`. False, with the system's last error, when
+// `destination` is refused as by Create or when the copy or the move fails; no
+// temporary file stays then.
 bool CopyFileReplacing(const std::string& source, const std::string& destination);
 
 }  // namespace dorvane
