@@ -98,7 +98,9 @@ void CMbimChannel::UninitMbn() {
   cookie_ = 0;
   // When the stack refused the Unadvise, the sink stays advised and lives on
   // with its share of the pending list; that list is emptied here all the same,
-  // so later completions find nothing to fill.
+  // so later completions find nothing to fill. An Unadvise that did not wait
+  // for a completion still inside the sink leaves the sink to that completion,
+  // which holds a reference until it returns: this release need not be the last.
   sink_.reset();
   services_manager_.reset();
   interface_manager_.reset();

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "log/logger.h"
+#include "util/com_ptr.h"
 
 namespace dorvane {
 
@@ -166,9 +167,14 @@ ULONG STDMETHODCALLTYPE CrMbimServicesEvents::Release() {
   return static_cast<ULONG>(after);
 }
 
+// The stack's Unadvise need not wait for a completion under way, so the channel's
+// teardown may release what it believes is the last reference while one runs
+// here; each completion that touches the sink therefore holds a reference of its
+// own until it returns, and the last one out destroys the sink.
 HRESULT STDMETHODCALLTYPE CrMbimServicesEvents::OnOpenCommandSessionComplete(IMbnDeviceService*,
                                                                              HRESULT status,
                                                                              ULONG request_id) {
+  const ComPtr<CrMbimServicesEvents> in_call(this);
   // Any open completion releases the waiter, whatever its status or id.
   Logger::GetInstance()->Write(kLogDetail, "OnOpenCommandSessionComplete, requestID = %d",
                                static_cast<int>(request_id));
@@ -179,6 +185,7 @@ HRESULT STDMETHODCALLTYPE CrMbimServicesEvents::OnOpenCommandSessionComplete(IMb
 HRESULT STDMETHODCALLTYPE CrMbimServicesEvents::OnCloseCommandSessionComplete(IMbnDeviceService*,
                                                                               HRESULT status,
                                                                               ULONG request_id) {
+  const ComPtr<CrMbimServicesEvents> in_call(this);
   Logger::GetInstance()->Write(kLogDetail, "OnCloseCommandSessionComplete, requestID = %d",
                                static_cast<int>(request_id));
   ::SetEvent(close_event_.get());
@@ -188,6 +195,7 @@ HRESULT STDMETHODCALLTYPE CrMbimServicesEvents::OnCloseCommandSessionComplete(IM
 HRESULT STDMETHODCALLTYPE CrMbimServicesEvents::OnSetCommandComplete(IMbnDeviceService*, ULONG,
                                                                      SAFEARRAY* data, HRESULT status,
                                                                      ULONG request_id) {
+  const ComPtr<CrMbimServicesEvents> in_call(this);
   Logger* log = Logger::GetInstance();
   log->Write(kLogDetail, "OnSetCommandComplete, requestID = %d", static_cast<int>(request_id));
   // S_FALSE and every other non-zero code count as not OK; the waiter then runs

@@ -7,6 +7,15 @@
 // request id. Completions arrive on COM's threads, also before the call that
 // started them has returned, late, twice or in fragments; the sink only logs,
 // copies and signals.
+//
+// Lifetime: a completion that touches the sink (open, close, set) holds a
+// reference on it from its first statement to its return, so the sink, its
+// three events and its share of the pending list outlive the call even when
+// the stack's Unadvise returned without waiting for it and the channel has
+// released its reference meanwhile. The last Release destroys the sink on
+// whichever thread makes it, possibly a completion's own thread after its
+// lines, which is then where "Close event" is logged. What the sink cannot
+// cover is a call that the stack makes after the last reference is gone.
 #pragma once
 
 #include <windows.h>
@@ -133,7 +142,8 @@ class CrMbimServicesEvents : public IMbnDeviceServicesEvents {
   UniqueHandle open_event_;
   UniqueHandle close_event_;
   UniqueHandle set_event_;
-  // The three events belong to the sink and live as long as it does.
+  // The three events belong to the sink and live as long as it does, so as
+  // long as any completion is inside it.
   std::shared_ptr<PendingList> pending_;
   DWORD wait_ms_;
 };

@@ -1,23 +1,37 @@
 // Thousands of AT commands through one channel while the simulator mixes every
 // timing and fault it knows, at random: each command must end with the result
-// the exchange's rules give for what happened to it, within its waits.
+// the exchange's rules give for what happened to it, within its waits. And
+// hundreds of channels torn down just as their late completions come, with a
+// stack whose Unadvise does not wait for them: no sink may be touched after it
+// is gone.
 //
 // The seed is printed; DORVANE_STRESS_SEED=N repeats a run, DORVANE_STRESS_COMMANDS=N
-// changes its length.
+// changes the length of the first.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <iterator>
 #include <map>
+#include <mutex>
 #include <random>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "mbim/mbim_channel.h"
 #include "monitor/state_work.h"
+#include "support/log_reader.h"
 #include "support/simulator.h"
 #include "tools/mbnsim/scenario.h"
+#include "util/com_ptr.h"
+#include "util/mbnapi.h"
 
 namespace dorvane {
 namespace {
@@ -73,8 +87,7 @@ class ChannelStress : public testing::SimFixture {
                 : static_cast<unsigned>(::GetTickCount() ^ ::GetCurrentProcessId());
     const char* count = std::getenv("DORVANE_STRESS_COMMANDS");
     commands_ = count ? std::atoi(count) : 2000;
-    std::printf("channel stress: seed %u, %d commands (DORVANE_STRESS_SEED=%u repeats it)\n",
-                seed_, commands_, seed_);
+    std::printf("channel stress: seed %u (DORVANE_STRESS_SEED=%u repeats it)\n", seed_, seed_);
     std::fflush(stdout);
     rng_.seed(seed_);
     ASSERT_TRUE(mbnsim::SetOption("DeliveryThreads", 3));
@@ -311,6 +324,180 @@ TEST_F(ChannelStress, EveryCommandEndsAsTheRulesSayUnderRandomTimingsAndFaults) 
   std::printf("channel stress: %d commands in %.1f s, %d timed out, %d woken by a stale signal\n",
               commands_, run_ms / 1000.0, timeouts, stale_wakes);
   for (int k = 0; k < kKinds; ++k) std::printf("  %-17s %5d\n", kKindNames[k], counts[k]);
+  if (HasFailure()) std::printf("channel stress FAILED: seed %u\n", seed_);
+}
+
+// The sink's own lines: a completion is running in it while one of them is
+// written.
+bool SinkLine(const std::string& message) {
+  return message.rfind("On", 0) == 0 || message == "Set event" || message == "SafeArrayAccessData";
+}
+
+// Another client of the stack, sending AT commands on the second interface
+// until `stop` is set. Its completions reach every advised sink, the channel's
+// too (which finds no entry for them), so that completions are running in the
+// channel's sink when its teardown comes.
+void OtherClient(const std::atomic<bool>& stop) {
+  const bool com = SUCCEEDED(::CoInitializeEx(nullptr, COINIT_MULTITHREADED));
+  {
+    ComPtr<IMbnDeviceServicesManager> manager;
+    ComPtr<IMbnDeviceServicesContext> context;
+    ComPtr<IMbnDeviceService> service;
+    ScopedBstr interface_id(AnsiToWide(mbnsim::DefaultInterface(1).interface_id).c_str());
+    ScopedBstr service_id(AnsiToWide(kAtDeviceServiceId).c_str());
+    ScopedSafeArray command(::SafeArrayCreateVector(VT_UI1, 0, 4));
+    void* bytes = nullptr;
+    if (SUCCEEDED(::CoCreateInstance(CLSID_MbnDeviceServicesManager, nullptr, CLSCTX_ALL,
+                                     IID_IMbnDeviceServicesManager, manager.put_void())) &&
+        SUCCEEDED(manager->GetDeviceServicesContext(interface_id.get(), context.put())) &&
+        SUCCEEDED(context->GetDeviceService(service_id.get(), service.put())) &&
+        command.get() != nullptr && SUCCEEDED(::SafeArrayAccessData(command.get(), &bytes))) {
+      std::memcpy(bytes, "AT\r\n", 4);
+      ::SafeArrayUnaccessData(command.get());
+      while (!stop.load()) {
+        ULONG id = 0;
+        service->SetCommand(1, command.get(), &id);
+        ::SwitchToThread();
+      }
+    }
+  }
+  if (com) ::CoUninitialize();
+}
+
+// Busy threads, four per processor, that take the processors for a moment
+// when asked, as a loaded machine does: a delivery thread inside the sink is
+// then held up at some point of its call, and the teardown may overtake it.
+class Contention {
+ public:
+  Contention() {
+    const unsigned count = 4 * std::max(1u, std::thread::hardware_concurrency());
+    for (unsigned i = 0; i < count; ++i) threads_.emplace_back([this] { Run(); });
+  }
+  ~Contention() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      quit_ = true;
+    }
+    changed_.notify_all();
+    for (std::thread& thread : threads_) thread.join();
+  }
+  Contention(const Contention&) = delete;
+  Contention& operator=(const Contention&) = delete;
+
+  // Every thread spins for the next `ms` milliseconds.
+  void Burst(DWORD ms) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      until_ = Clock::now() + std::chrono::milliseconds(ms);
+      ++burst_;
+    }
+    changed_.notify_all();
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void Run() {
+    unsigned seen = 0;
+    for (;;) {
+      Clock::time_point until;
+      {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [&] { return quit_ || burst_ != seen; });
+        if (quit_) return;
+        seen = burst_;
+        until = until_;
+      }
+      while (Clock::now() < until) {
+      }
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool quit_ = false;         // guarded by mutex_
+  unsigned burst_ = 0;        // guarded by mutex_
+  Clock::time_point until_;   // guarded by mutex_
+  std::vector<std::thread> threads_;
+};
+
+// A stack whose Unadvise does not wait for the completions under way, and a
+// channel torn down as its late completion comes, while another client's
+// completions keep its sink busy: whichever thread releases the sink last, no
+// sink line may follow its "Close event", and nothing may be left or released
+// twice. Without a reference held by each completion the teardown frees the
+// sink under a running one, which then writes after "Close event" or faults.
+TEST_F(ChannelStress, NoSinkIsTouchedAfterItsTeardownWhenUnadviseDoesNotWait) {
+  constexpr DWORD kTeardownWaitMs = 5;  // the service's 5 s, shortened
+  constexpr int kTeardowns = 300;
+  ASSERT_TRUE(mbnsim::SetOption("UnadviseWaits", 0));
+  ASSERT_TRUE(mbnsim::SetOption("DeliveryThreads", mbnsim::kMaxDeliveryThreads));
+  mbnsim::SetInterfaces({mbnsim::DefaultInterface(0), mbnsim::DefaultInterface(1)});
+  mbnsim::SetSessionOpen(1, true);  // the other client's
+  WorkerOptions options;
+  options.mbim_wait_ms = kTeardownWaitMs;
+  CStateWork worker(options);
+  Contention contention;
+  // Which of the channel's completions comes late, about as its wait runs out,
+  // and in which shape.
+  struct Late {
+    const char* call;
+    const char* inject;  // "" for one plain completion
+  };
+  const Late kLate[] = {{"SetCommand.Complete", ""}, {"SetCommand.Complete", "split"},
+                        {"SetCommand.Complete", "twice"}, {"OpenCommandSession.Complete", ""}};
+  int met = 0;  // teardowns that found a completion running in the sink
+  const Late* before = nullptr;
+  const DWORD run_start = ::GetTickCount();
+  for (int i = 0; i < kTeardowns && !HasFatalFailure(); ++i) {
+    const Late& late = kLate[Pick(0, static_cast<DWORD>(std::size(kLate)) - 1)];
+    SCOPED_TRACE("seed " + std::to_string(seed_) + ", teardown " + std::to_string(i) + " (" +
+                 late.call + " " + late.inject + ")");
+    if (before != nullptr) {
+      mbnsim::Inject(before->call, "");
+      mbnsim::SetDelay(before->call, 0);
+    }
+    before = &late;
+    ASSERT_TRUE(mbnsim::Inject(late.call, late.inject));
+    mbnsim::SetDelay(late.call, kTeardownWaitMs - 2 + Pick(0, 6));
+    mbnsim::SetDelay("CloseCommandSession.Complete", Pick(0, 2));
+    ClearLog();
+
+    ASSERT_TRUE(worker.CheckMBIM());
+    std::atomic<bool> stop{false};
+    std::thread other(OtherClient, std::cref(stop));
+    std::string text;
+    std::string hex;
+    worker.channel()->ExchangeCommand("AT+S" + std::to_string(Pick(0, 7)) + "\r\n", text, hex);
+    contention.Burst(Pick(5, 15));
+    worker.FreeMBIM();
+    stop = true;
+    other.join();
+    WaitIdle();  // every completion has returned: the log is complete
+
+    const auto msgs = messages();
+    ASSERT_EQ(1, testing::CountOf(msgs, "Close event"));
+    const int closed = testing::IndexOf(msgs, "Close event");
+    int unadvised = -1;
+    for (size_t at = 0; at < msgs.size() && unadvised < 0; ++at) {
+      if (msgs[at].rfind("Unadvise:Event done", 0) == 0) unadvised = static_cast<int>(at);
+    }
+    ASSERT_GE(unadvised, 0);
+    ASSERT_GT(closed, unadvised) << "destroyed before its teardown";
+    for (size_t at = static_cast<size_t>(closed) + 1; at < msgs.size(); ++at) {
+      EXPECT_FALSE(SinkLine(msgs[at])) << "after the sink was destroyed: " << msgs[at];
+    }
+    bool inside = false;
+    for (size_t at = static_cast<size_t>(unadvised) + 1; at < static_cast<size_t>(closed); ++at) {
+      inside = inside || SinkLine(msgs[at]);
+    }
+    met += inside ? 1 : 0;
+  }
+  const DWORD run_ms = ::GetTickCount() - run_start;
+  ExpectNothingLeft();
+  std::printf("channel stress: %d teardowns in %.1f s, %d with a completion in the sink\n",
+              kTeardowns, run_ms / 1000.0, met);
+  EXPECT_GT(met, 0) << "no teardown met a completion: the run proved nothing";
   if (HasFailure()) std::printf("channel stress FAILED: seed %u\n", seed_);
 }
 

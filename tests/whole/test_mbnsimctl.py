@@ -239,6 +239,8 @@ class Mbnsimctl(unittest.TestCase):
         for bad in ("0x40", "-1", "4294967296"):
             cases.append((["option", "MaxCommandSize", bad],
                           whole % ("option", "VALUE", bad, 0, 4294967295)))
+        for bad in ("2", "yes", "-1"):
+            cases.append((["option", "UnadviseWaits", bad], whole % ("option", "VALUE", bad, 0, 1)))
         for bad in ("ready", "-1", "0x1", "4294967296"):
             cases += [(["set", "0", "ReadyState", bad],
                        whole % ("set", "ReadyState", bad, 0, 4294967295)),
@@ -257,7 +259,8 @@ class Mbnsimctl(unittest.TestCase):
              'mbnsimctl: arrive: unknown FIELD "Colour" ' + fields),
             (["arrive", "ICCID"], 'mbnsimctl: arrive: "ICCID" is not FIELD=VALUE'),
             (["option", "MaxCmdSize", "64"], 'mbnsimctl: option: unknown option "MaxCmdSize"; '
-             'did you mean "MaxCommandSize"? (the options are DeliveryThreads and MaxCommandSize)'),
+             'did you mean "MaxCommandSize"? (the options are DeliveryThreads, MaxCommandSize and '
+             'UnadviseWaits)'),
             (["session", "0", "ajar"], 'mbnsimctl: session: state "ajar" is neither open nor '
              "closed"),
             (["reply", "AT+X", "\\q"], 'mbnsimctl: reply: TEXT "\\q" has a backslash that is '
@@ -289,12 +292,13 @@ class Mbnsimctl(unittest.TestCase):
         self.assertEqual(0, self.ctl("arrive", "ICCID=8901", "ReadyState=007").returncode)
         self.assertEqual(0, self.ctl("option", "DeliveryThreads", "16").returncode)
         self.assertEqual(0, self.ctl("option", "MaxCommandSize", "clear").returncode)
+        self.assertEqual(0, self.ctl("option", "UnadviseWaits", "0").returncode)
         self.assertEqual(0, self.ctl("remove", "0").returncode)
         lines = self.box.simctl("show").splitlines()
         self.assertEqual("2 interface(s)", lines[0])
         self.assertIn(" ReadyState=5 ", lines[1])
         self.assertIn(" ReadyState=7 ICCID=8901 ", lines[2])
-        self.assertEqual({"DeliveryThreads": "0x10"}, self.values("Options"))
+        self.assertEqual({"DeliveryThreads": "0x10", "UnadviseWaits": "0x0"}, self.values("Options"))
         for args in (["remove", "2"], ["session", "2", "open"], ["set", "2", "ICCID", "1"],
                      ["inject", "GetReadyState", "0x1", "2"]):
             result = self.ctl(*args)

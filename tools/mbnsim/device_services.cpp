@@ -103,6 +103,13 @@ HRESULT STDMETHODCALLTYPE SimDeviceService::QueryInterface(REFIID riid, void** p
 
 void SimDeviceService::Deliver(Kind kind, ULONG request_id, ULONG response_id, HRESULT status,
                                const std::string& answer) {
+  // The data is only valid with S_OK; otherwise the sink gets none. Each sink's
+  // array is made before the hub picks that sink, so that the sink is called the
+  // moment it is picked: an Unadvise that does not wait may let it go at once.
+  auto next_data = [&]() -> SAFEARRAY* {
+    return kind == Kind::kSet && status == S_OK ? ByteArray(answer) : nullptr;
+  };
+  SAFEARRAY* data = next_data();
   EventHub::Get().ForEachSink(IID_IMbnDeviceServicesEvents, [&](IUnknown* target) {
     auto* sink = static_cast<IMbnDeviceServicesEvents*>(target);
     switch (kind) {
@@ -112,15 +119,14 @@ void SimDeviceService::Deliver(Kind kind, ULONG request_id, ULONG response_id, H
       case Kind::kClose:
         sink->OnCloseCommandSessionComplete(this, status, request_id);
         break;
-      case Kind::kSet: {
-        // The data is only valid with S_OK; otherwise the sink gets none.
-        SAFEARRAY* data = status == S_OK ? ByteArray(answer) : nullptr;
+      case Kind::kSet:
         sink->OnSetCommandComplete(this, response_id, data, status, request_id);
         FreeDeliveredArray(data);
+        data = next_data();
         break;
-      }
     }
   });
+  FreeDeliveredArray(data);  // made for a sink that was not there
 }
 
 void SimDeviceService::Complete(const CallGuard& guard, Kind kind, Call call, ULONG request_id,

@@ -50,6 +50,8 @@ DWORD EventHub::Advise(IUnknown* sink, REFIID iid, const void* owner) {
 }
 
 bool EventHub::Unadvise(DWORD cookie, const void* owner) {
+  // Read before the lock: the scenario has a lock of its own.
+  const bool waits = ReadOption("UnadviseWaits", kDefaultUnadviseWaits) != 0;
   IUnknown* sink = nullptr;
   {
     std::unique_lock<std::mutex> lock(mutex_);
@@ -57,9 +59,22 @@ bool EventHub::Unadvise(DWORD cookie, const void* owner) {
     if (it == sinks_.end() || it->second.owner != owner) return false;
     sink = it->second.sink;
     sinks_.erase(it);
-    const int own = t_calling_cookie == cookie ? 1 : 0;
-    calls_done_.wait(lock, [this, cookie, own] { return calls_[cookie] == own; });
-    calls_.erase(cookie);
+    Calls& calls = calls_[cookie];
+    if (waits) {
+      const int own = t_calling_cookie == cookie ? 1 : 0;
+      calls_done_.wait(lock, [&calls, own] { return calls.running == own; });
+    } else {
+      // Only a call picked but not yet made is waited for: a sink cannot keep
+      // itself alive before its method runs. The delivering thread makes the
+      // call without taking our lock again (see ForEachSink).
+      while (calls.picked.load() != 0) ::SwitchToThread();
+    }
+    // Calls still running drop the entry when the last of them ends.
+    if (calls.running == 0) {
+      calls_.erase(cookie);
+    } else {
+      calls.left = true;
+    }
   }
   Tracker::SinkUnadvised();
   sink->Release();
@@ -76,22 +91,30 @@ void EventHub::ForEachSink(REFIID iid, const std::function<void(IUnknown*)>& cal
   }
   for (DWORD cookie : cookies) {
     IUnknown* sink = nullptr;
+    Calls* calls = nullptr;  // stays while this call runs
     {
       std::lock_guard<std::mutex> lock(mutex_);
       auto it = sinks_.find(cookie);
       if (it == sinks_.end()) continue;  // unadvised meanwhile
       sink = it->second.sink;
-      ++calls_[cookie];
+      calls = &calls_[cookie];
+      ++calls->running;
+      ++calls->picked;
     }
-    // The advise entry holds its reference until Unadvise, which waits for this
-    // call: the sink cannot go away under it.
+    // The advise entry holds its reference until Unadvise, which by default
+    // waits for this call. With UnadviseWaits 0 it waits only until the call is
+    // made, and the sink may lose its last reference while the call is inside
+    // it: the call goes on through the pointer taken above, as a real stack's
+    // may. Between the count below and the sink's method nothing may block or
+    // wake a thread, so that this thread is not held up in the gap.
     const DWORD outer = t_calling_cookie;
     t_calling_cookie = cookie;
+    --calls->picked;
     call(sink);
     t_calling_cookie = outer;
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      --calls_[cookie];
+      if (--calls->running == 0 && calls->left) calls_.erase(cookie);
     }
     calls_done_.notify_all();
   }
@@ -181,14 +204,15 @@ void EventHub::PostInterfaceEvent(const Event& event) {
   iface.attach(new SimInterface(event.interface_id));
   Tracker::JobQueued();
   Post([this, iface, kind = event.kind]() mutable {
+    // Counted after the call, which is to start the moment the sink is picked.
     ForEachSink(dorvane::IID_IMbnInterfaceManagerEvents, [&](IUnknown* target) {
       auto* sink = static_cast<dorvane::IMbnInterfaceManagerEvents*>(target);
       if (kind == Event::kArrival) {
-        Tracker::ArrivalDelivered();
         sink->OnInterfaceArrival(iface.get());
+        Tracker::ArrivalDelivered();
       } else {
-        Tracker::RemovalDelivered();
         sink->OnInterfaceRemoval(iface.get());
+        Tracker::RemovalDelivered();
       }
     });
     iface.reset();  // before the job counts as done, so that nothing seems left

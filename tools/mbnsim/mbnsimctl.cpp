@@ -207,10 +207,17 @@ int Option(const Args& args) {
                      " (the options are " + Alternatives(Names(kOptionNames), " and ") + ")"};
   }
   if (args[1] == "clear") return ClearOption(name) ? 0 : Fail("no such option");
-  // The simulator runs at least one delivery thread and at most its maximum.
-  const bool threads = name == "DeliveryThreads";
-  const uint64_t value = Decimal(args[1], "VALUE", threads ? 1 : 0,
-                                 threads ? kMaxDeliveryThreads : MAXDWORD);
+  // The simulator runs at least one delivery thread and at most its maximum;
+  // UnadviseWaits is a switch.
+  uint64_t min = 0;
+  uint64_t max = MAXDWORD;
+  if (name == "DeliveryThreads") {
+    min = 1;
+    max = kMaxDeliveryThreads;
+  } else if (name == "UnadviseWaits") {
+    max = 1;
+  }
+  const uint64_t value = Decimal(args[1], "VALUE", min, max);
   return SetOption(name, static_cast<DWORD>(value)) ? 0 : Fail("no such option");
 }
 
@@ -370,7 +377,9 @@ const Command kCommands[] = {
      Delay},
     {"option", "NAME VALUE|clear", 2, 2,
      "DeliveryThreads (default 2, 1 to 16), MaxCommandSize\n"
-     "(default 4096)",
+     "(default 4096), UnadviseWaits (default 1; 0: Unadvise\n"
+     "returns at once, while a completion may still run\n"
+     "inside the sink)",
      Option},
     {"reply", "COMMAND TEXT", 2, 2,
      "answer the AT COMMAND with TEXT (escapes \\r \\n \\t\n"

@@ -29,7 +29,9 @@
 //                            completion is delivered
 //     Options                DeliveryThreads (DWORD, default 2): threads that
 //                            deliver events and completions, concurrently;
-//                            MaxCommandSize (DWORD, default 4096)
+//                            MaxCommandSize (DWORD, default 4096);
+//                            UnadviseWaits (DWORD, default 1): 0 makes Unadvise
+//                            return while a call into the sink still runs
 //     Events                 Seq (DWORD) and E<seq> = "arrival <id>" / "removal <id>"
 //
 //   HKLM\SOFTWARE\Dorvane\MbnSimState   what the simulator records as it runs:
@@ -165,10 +167,12 @@ DWORD ReadDelay(Call call);
 // A value under Options, or `fallback` when it is not set.
 DWORD ReadOption(const std::string& name, DWORD fallback);
 // The options by name, as SetOption takes them.
-inline constexpr const char* kOptionNames[] = {"DeliveryThreads", "MaxCommandSize"};
+inline constexpr const char* kOptionNames[] = {"DeliveryThreads", "MaxCommandSize",
+                                               "UnadviseWaits"};
 inline constexpr DWORD kDefaultDeliveryThreads = 2;
 inline constexpr DWORD kMaxDeliveryThreads = 16;
 inline constexpr DWORD kDefaultMaxCommandSize = 4096;
+inline constexpr DWORD kDefaultUnadviseWaits = 1;
 DWORD EventSeq();
 bool ReadEvent(DWORD seq, Event* event);
 void PublishCounters(DWORD pid, const Counters& counters);
@@ -187,7 +191,8 @@ void SetReply(const std::string& command, const std::string& bytes);
 
 // Makes `call` answer `ms` milliseconds late (0 clears).
 void SetDelay(const std::string& call, DWORD ms);
-// Sets an option (DeliveryThreads, MaxCommandSize); false for an unknown name.
+// Sets an option (DeliveryThreads, MaxCommandSize, UnadviseWaits); false for
+// an unknown name.
 bool SetOption(const std::string& name, DWORD value);
 // Forgets an option, so that its default holds again.
 bool ClearOption(const std::string& name);
