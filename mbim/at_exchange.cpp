@@ -26,6 +26,14 @@ DWORD CMbimChannel::WaitForOpen() { return sink_ ? sink_->WaitForOpenEventFinish
 DWORD CMbimChannel::WaitForSet() { return sink_ ? sink_->WaitForSetEventFinish() : 1; }
 DWORD CMbimChannel::WaitForClose() { return sink_ ? sink_->WaitForCloseEventFinish() : 1; }
 
+HRESULT CMbimChannel::Failed(const char* step, HRESULT hr) {
+  if (report_.step == nullptr) {
+    report_.step = step;
+    report_.hr = hr;
+  }
+  return hr;
+}
+
 HRESULT CMbimChannel::SendInSession(const std::string& command, std::string& answer_text,
                                     std::string& answer_hex) {
   Logger* log = Logger::GetInstance();
@@ -34,13 +42,13 @@ HRESULT CMbimChannel::SendInSession(const std::string& command, std::string& ans
   HRESULT hr = GetService();
   if (FAILED(hr)) {
     log->Write(kLogError, "GetService");
-    return hr;
+    return Failed("GetService", hr);
   }
   BOOL open = FALSE;
   hr = device_service_->get_IsCommandSessionOpen(&open);
   if (FAILED(hr)) {
     log->Write(kLogError, "get_IsCommandSessionOpen");
-    return hr;
+    return Failed("get_IsCommandSessionOpen", hr);
   }
   log->Write(kLogDetail, "get_IsCommandSessionOpen: Open = %d", static_cast<int>(open));
   // A session someone else opened is used as it is, and left open.
@@ -49,11 +57,13 @@ HRESULT CMbimChannel::SendInSession(const std::string& command, std::string& ans
     hr = device_service_->OpenCommandSession(&open_id);
     if (FAILED(hr)) {
       log->Write(kLogError, "OpenCommandSession");
-      return hr;
+      return Failed("OpenCommandSession", hr);
     }
+    report_.opened = true;
     log->Write(kLogDetail, "OpenCommandSession: requestID = %d", static_cast<int>(open_id));
     // A late open completion reads as 1 here and the exchange goes on.
     hr = static_cast<HRESULT>(WaitForOpen());
+    report_.open_wait_ran_out = hr != 0;
     if (FAILED(hr)) {
       log->Write(kLogError, "OpenSessionTimeout");
       return hr;
@@ -64,6 +74,7 @@ HRESULT CMbimChannel::SendInSession(const std::string& command, std::string& ans
   ScopedSafeArray payload(StrToSafeArray(command));
   if (!payload.get()) {
     log->Write(kLogDetail, "StrToSafeArray");
+    Failed("StrToSafeArray", E_OUTOFMEMORY);
     return hr;
   }
   ULONG request_id = 0;
@@ -73,10 +84,11 @@ HRESULT CMbimChannel::SendInSession(const std::string& command, std::string& ans
   pending_->StampLast(request_id);
   if (FAILED(hr)) {
     log->Write(kLogDetail, "SetCommand");
-    return hr;
+    return Failed("SetCommand", hr);
   }
   log->Write(kLogDetail, "SetCommand: requestID = %d", static_cast<int>(request_id));
   hr = static_cast<HRESULT>(WaitForSet());
+  if (hr != 0) Failed("SetCommandTimeout", hr);
   if (FAILED(hr)) {
     log->Write(kLogDetail, "SetCommandTimeout");
     return hr;
@@ -96,6 +108,7 @@ HRESULT CMbimChannel::CloseSession(HRESULT hr) {
     if (FAILED(hr)) {
       log->Write(kLogDetail, "CloseCommandSession");
       hr = static_cast<HRESULT>(WaitForClose());
+      report_.close_wait_ran_out = hr != 0;
       if (FAILED(hr)) log->Write(kLogDetail, "CloseSessionTimeout");
     } else {
       log->Write(kLogDetail, "CloseCommandSession: requestID = %d", static_cast<int>(close_id));
@@ -108,6 +121,8 @@ HRESULT CMbimChannel::CloseSession(HRESULT hr) {
 DWORD CMbimChannel::ExchangeCommand(const std::string& command, std::string& answer_text,
                                     std::string& answer_hex) {
   session_open_ = 0;
+  report_ = ExchangeReport();
+  if (sink_) sink_->ClearStatuses();
   if (sink_) sink_->ResetEvents();
   HRESULT hr = E_OUTOFMEMORY;
   try {
@@ -117,6 +132,12 @@ DWORD CMbimChannel::ExchangeCommand(const std::string& command, std::string& ans
     session_open_ = 0;
   }
   ReleaseService();
+  if (sink_) {
+    report_.open_status = sink_->open_status();
+    report_.set_status = sink_->set_status();
+    report_.close_status = sink_->close_status();
+    report_.set_unmatched = sink_->set_unmatched();
+  }
   return static_cast<DWORD>(hr);
 }
 

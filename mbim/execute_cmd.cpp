@@ -45,7 +45,9 @@ CStateWork::CmdAnswer CStateWork::SendCmd(std::string command) {
     answer.exchange = static_cast<DWORD>(E_POINTER);
   } else {
     answer.exchange = channel_->ExchangeCommand(command, answer.text, answer_hex);
+    answer.report = channel_->last_report();
   }
+  answer.raw = answer.text;
   if (answer.exchange != 0) {
     answer.text.clear();
     log()->Write(kLogError, "ExecuteCmd");

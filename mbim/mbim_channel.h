@@ -30,6 +30,28 @@ namespace dorvane {
 
 inline constexpr char kAtDeviceServiceId[] = "{ffffffff-abca-4b11-a4e2-f2fc87f94488}";
 
+// How an exchange went, for a caller that names why it failed: the exchange's
+// result and log lines are the same whether or not anyone looks. The result
+// alone cannot tell: after a failed step the close wait's result replaces it.
+struct ExchangeReport {
+  // The first step that failed ("GetService", "get_IsCommandSessionOpen",
+  // "OpenCommandSession", "StrToSafeArray", "SetCommand", or the wait for the
+  // answer, "SetCommandTimeout"); null when none did. `hr` is its result (1
+  // for the wait).
+  const char* step = nullptr;
+  HRESULT hr = S_OK;
+  bool opened = false;  // the exchange opened the session it used
+  // The waits for the open and the close completion ran out (the exchange
+  // goes on after the first; the second is waited for only after a failure).
+  bool open_wait_ran_out = false;
+  bool close_wait_ran_out = false;
+  // What the completions said (CrMbimServicesEvents::kNoCompletion: none came).
+  HRESULT open_status = CrMbimServicesEvents::kNoCompletion;
+  HRESULT set_status = CrMbimServicesEvents::kNoCompletion;
+  HRESULT close_status = CrMbimServicesEvents::kNoCompletion;
+  bool set_unmatched = false;
+};
+
 class CMbimChannel {
  public:
   // Runs InitMbn; a channel whose initialisation failed is still a channel,
@@ -55,6 +77,8 @@ class CMbimChannel {
   // answer. 0 on success; `answer_text` is assigned, `answer_hex` appended to.
   DWORD ExchangeCommand(const std::string& command, std::string& answer_text,
                         std::string& answer_hex);
+  // How the last ExchangeCommand went.
+  const ExchangeReport& last_report() const { return report_; }
   // The command as a byte array (no terminator); appends its pending entry.
   SAFEARRAY* StrToSafeArray(const std::string& command);
 
@@ -76,6 +100,8 @@ class CMbimChannel {
   DWORD WaitForOpen();
   DWORD WaitForSet();
   DWORD WaitForClose();
+  // Keeps the first failing step for the report; gives `hr` back.
+  HRESULT Failed(const char* step, HRESULT hr);
 
   ComPtr<IMbnInterfaceManager> interface_manager_;
   ComPtr<IMbnDeviceServicesManager> services_manager_;
@@ -94,6 +120,7 @@ class CMbimChannel {
   // member is the list's `note`). Never null.
   std::shared_ptr<PendingList> pending_;
   DWORD wait_ms_;
+  ExchangeReport report_;
 };
 
 }  // namespace dorvane

@@ -178,6 +178,7 @@ HRESULT STDMETHODCALLTYPE CrMbimServicesEvents::OnOpenCommandSessionComplete(IMb
   // Any open completion releases the waiter, whatever its status or id.
   Logger::GetInstance()->Write(kLogDetail, "OnOpenCommandSessionComplete, requestID = %d",
                                static_cast<int>(request_id));
+  open_status_ = status;
   ::SetEvent(open_event_.get());
   return status;
 }
@@ -188,6 +189,7 @@ HRESULT STDMETHODCALLTYPE CrMbimServicesEvents::OnCloseCommandSessionComplete(IM
   const ComPtr<CrMbimServicesEvents> in_call(this);
   Logger::GetInstance()->Write(kLogDetail, "OnCloseCommandSessionComplete, requestID = %d",
                                static_cast<int>(request_id));
+  close_status_ = status;
   ::SetEvent(close_event_.get());
   return status;
 }
@@ -198,6 +200,8 @@ HRESULT STDMETHODCALLTYPE CrMbimServicesEvents::OnSetCommandComplete(IMbnDeviceS
   const ComPtr<CrMbimServicesEvents> in_call(this);
   Logger* log = Logger::GetInstance();
   log->Write(kLogDetail, "OnSetCommandComplete, requestID = %d", static_cast<int>(request_id));
+  set_status_ = status;
+  set_unmatched_ = false;
   // S_FALSE and every other non-zero code count as not OK; the waiter then runs
   // into its time-out.
   if (status != S_OK) {
@@ -208,6 +212,7 @@ HRESULT STDMETHODCALLTYPE CrMbimServicesEvents::OnSetCommandComplete(IMbnDeviceS
   // yet stamped with the request id, and so no match: the waiter times out.
   const PendingList::Fill fill = pending_->FillAnswer(request_id, data);
   if (fill == PendingList::Fill::kNoMatch) {
+    set_unmatched_ = true;
     log->Write(kLogError, "OnSetCommandComplete-no-match-command");
     return S_OK;
   }
@@ -222,6 +227,13 @@ void CrMbimServicesEvents::ResetEvents() {
   ::ResetEvent(open_event_.get());
   ::ResetEvent(open_event_.get());
   ::ResetEvent(open_event_.get());
+}
+
+void CrMbimServicesEvents::ClearStatuses() {
+  open_status_ = kNoCompletion;
+  set_status_ = kNoCompletion;
+  close_status_ = kNoCompletion;
+  set_unmatched_ = false;
 }
 
 DWORD CrMbimServicesEvents::WaitForOpenEventFinish() { return WaitResult(open_event_.get(), wait_ms_); }

@@ -20,6 +20,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
@@ -137,6 +138,18 @@ class CrMbimServicesEvents : public IMbnDeviceServicesEvents {
   DWORD WaitForSetEventFinish();
   DWORD WaitForCloseEventFinish();
 
+  // What the completions said, for a caller that names why an exchange failed
+  // (the events and the log are as without it): the status of the latest open,
+  // set-command and close completion, kNoCompletion when none came since
+  // ClearStatuses, and whether the latest set-command completion with S_OK
+  // found no command of its request id.
+  static constexpr HRESULT kNoCompletion = 0x7FFFFFFF;
+  HRESULT open_status() const { return open_status_.load(); }
+  HRESULT set_status() const { return set_status_.load(); }
+  HRESULT close_status() const { return close_status_.load(); }
+  bool set_unmatched() const { return set_unmatched_.load(); }
+  void ClearStatuses();
+
  private:
   volatile LONG ref_count_ = 1;
   UniqueHandle open_event_;
@@ -146,6 +159,11 @@ class CrMbimServicesEvents : public IMbnDeviceServicesEvents {
   // long as any completion is inside it.
   std::shared_ptr<PendingList> pending_;
   DWORD wait_ms_;
+  // Written by the completions on COM's threads, read by the exchange.
+  std::atomic<HRESULT> open_status_{kNoCompletion};
+  std::atomic<HRESULT> set_status_{kNoCompletion};
+  std::atomic<HRESULT> close_status_{kNoCompletion};
+  std::atomic<bool> set_unmatched_{false};
 };
 
 }  // namespace dorvane

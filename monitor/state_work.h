@@ -21,6 +21,7 @@
 
 #include <string>
 
+#include "mbim/mbim_channel.h"
 #include "monitor/power_notify.h"
 
 namespace dorvane {
@@ -104,6 +105,12 @@ class CStateWork {
     // What ExecuteCmd accepts: the exchange went through and the text is
     // non-empty and holds no "error" in any case.
     bool good = false;
+    // The answer as the channel collected it, blanks kept, also when the
+    // exchange's result says it failed (empty when nothing came).
+    std::string raw;
+    // How the exchange went, step by step (see ExchangeReport); empty without
+    // a channel.
+    ExchangeReport report;
   };
   // ExecuteCmd's work, with the same pause and the same log lines in the same
   // order, that also hands back what ExecuteCmd keeps to itself: an answer

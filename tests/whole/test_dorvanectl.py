@@ -657,31 +657,68 @@ class AtCommand(unittest.TestCase):
 
     def test_good_and_error_answers_are_printed_as_they_came(self):
         result = self.at("at", "AT+CGMI")
-        self.assertEqual((0, "\nDorvaneLabs\n\nOK\n", ""), (result.returncode, result.stdout, result.stderr))
-        self.box.simctl("reply", "AT+CME", "\\r\\n+CME ERROR: 10\\r\\n")
-        result = self.at("at", "AT+CME", "--hex")
-        self.assertEqual((1, "\n+CMEERROR:10\n0D 0A 2B 43 4D 45 45 52 52 4F 52 3A 31 30 0D 0A \n",
-                          "dorvanectl: no good answer: the module answered with an error\n"),
+        self.assertEqual((0, "result: true\nexchange: 0\nanswer: DorvaneLabs\nanswer: OK\n", ""),
                          (result.returncode, result.stdout, result.stderr))
+        # The judged answer has its blanks removed; --hex and --raw give the
+        # bytes as they came, 0xFF as FF (the text shows the byte itself, which
+        # reads here as U+FFFD).
+        self.box.simctl("reply", "AT+CME", "\\r\\n+CME ERROR: 10\\xFF\\r\\n")
+        result = self.at("at", "AT+CME", "--hex", "--raw")
+        self.assertEqual((1, "result: false\nexchange: 0\nanswer: +CMEERROR:10\\xFF\n"
+                             "hex: 0D 0A 2B 43 4D 45 20 45 52 52 4F 52 3A 20 31 30 FF 0D 0A\n"
+                             "raw: \\r\\n+CME ERROR: 10\\xFF\\r\\n\n",
+                          "dorvanectl: at: no good answer: the module answered with an error\n"),
+                         (result.returncode, result.stdout.replace("\ufffd", "\\xFF"), result.stderr))
+        self.box.simctl("reply", "AT+CME", "\\r\\n+CME ERROR: 10\\r\\n")
         result = self.at("--json", "at", "AT+CME")
         self.assertEqual(1, result.returncode)
         self.assertEqual({"result": False, "exchange": 0, "output": "\r\n+CMEERROR:10\r\n",
-                          "error": "no good answer: the module answered with an error"}, json.loads(result.stdout))
-        self.assertEqual("dorvanectl: no good answer: the module answered with an error\n", result.stderr)
+                          "error": "at: no good answer: the module answered with an error"}, json.loads(result.stdout))
+        self.assertEqual("dorvanectl: at: no good answer: the module answered with an error\n", result.stderr)
         result = self.at("at", "AT+CGMM", "--json")
         self.assertEqual((0, {"result": True, "exchange": 0, "output": "\r\nDVS-5G20\r\n\r\nOK\r\n"}),
                          (result.returncode, json.loads(result.stdout)))
         self.box.simctl("inject", "SetCommand.Complete", "empty")
         result = self.at("at", "AT")
-        self.assertEqual((1, "", "dorvanectl: no good answer: the module's answer is empty\n"),
+        self.assertEqual((1, "result: false\nexchange: 0\n", "dorvanectl: at: no good answer: the module's "
+                                                              "answer is empty\n"),
                          (result.returncode, result.stdout, result.stderr))
         self.assertNothingLeft()
+
+    def test_failures_of_the_stack_are_told_apart(self):
+        # The channel's result cannot tell them (after a failed step it is the
+        # close wait's 0); the exchange's steps can. "exchange" is the first
+        # failing step's result.
+        cases = [
+            ([("option", "MaxCommandSize", "8")], "AT+CGMIXXX", 1, 0x80070057,
+             "at: the stack refused the command: SetCommand failed with 0x80070057 (a command must be "
+             "shorter than the device service's maximum size)"),
+            ([("inject", "OpenCommandSession", "0x80070005")], "AT", 1, 0x80070005,
+             "at: the command session could not be opened: OpenCommandSession failed with 0x80070005"),
+            ([("inject", "OpenCommandSession.Complete", "0x80004005")], "AT", 1, 0x80004005,
+             "at: the command session could not be opened: its completion carried 0x80004005 "
+             "(SetCommand then failed with 0x8007139F)"),
+            ([("inject", "SetCommand.Complete", "0x1")], "AT", 1, 1,
+             "at: the module's answer came with the status 0x00000001 and no data"),
+            ([("inject", "SetCommand.Complete", "wrongid")], "AT", 1, 1,
+             "at: an answer came within 5 s, but for another request"),
+        ]
+        for setup, command, status, exchange, message in cases:
+            with self.subTest(setup=setup):
+                self.box.simctl("reset", 1)
+                for step in setup:
+                    self.box.simctl(*step)
+                result = self.at("--json", "at", command)
+                self.assertEqual((status, {"result": False, "exchange": exchange, "output": "", "error": message},
+                                  "dorvanectl: %s\n" % message),
+                                 (result.returncode, json.loads(result.stdout), result.stderr))
 
     def test_no_answer_within_the_waits_is_exit_4(self):
         self.box.simctl("inject", "SetCommand.Complete", "none")
         result = self.at("at", "AT")
-        message = "no answer came from the module within 5 s (exchange result 1)"
-        self.assertEqual((4, "", "dorvanectl: %s\n" % message), (result.returncode, result.stdout, result.stderr))
+        message = "at: no answer came from the module within 5 s (exchange result 1)"
+        self.assertEqual((4, "result: false\nexchange: 1\n", "dorvanectl: %s\n" % message),
+                         (result.returncode, result.stdout, result.stderr))
         result = self.at("--json", "--preset", "P", "at", "AT", "--hex")
         self.assertEqual((4, {"result": False, "exchange": 1, "output": "P", "hex": "", "error": message}),
                          (result.returncode, json.loads(result.stdout)))
@@ -702,7 +739,7 @@ class AtCommand(unittest.TestCase):
     def test_without_a_modem_one_object_and_exit_3(self):
         self.box.simctl("reset", 0)
         result = self.at("at", "AT", "--json")
-        message = "no WWAN modem found (no Mobile Broadband interface, or no Mobile Broadband stack)"
+        message = "at: no WWAN modem found (no Mobile Broadband interface, or no Mobile Broadband stack)"
         self.assertEqual((3, {"result": False, "error": message}), (result.returncode, json.loads(result.stdout)))
         self.assertEqual("dorvanectl: %s\n" % message, result.stderr)
 

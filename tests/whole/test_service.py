@@ -333,7 +333,8 @@ class AtTool(ModemCase):
         self.box.simctl("reset", 1)
         result = self.ctl("at", "AT+CGMI")
         self.assertEqual(0, result.returncode, result.stderr)
-        self.assertEqual("\nDorvaneLabs\n\nOK\n", result.stdout, "blanks are removed")
+        self.assertEqual("result: true\nexchange: 0\nanswer: DorvaneLabs\nanswer: OK\n", result.stdout,
+                         "blanks are removed")
         self.assertEqual("id=1 type=17 count=1 bytes=41542B43474D490D0A", self.box.simctl("last").strip(),
                          "command id 1, VT_UI1 bytes, CR LF, no terminator")
 
@@ -342,7 +343,7 @@ class AtTool(ModemCase):
         answer = json.loads(result.stdout)
         self.assertTrue(answer["result"])
         self.assertEqual("\r\n310260123456789\r\n\r\nOK\r\n", answer["output"])
-        self.assertTrue(answer["hex"].startswith("0D 0A 33 31 30 "))
+        self.assertTrue(answer["hex"].startswith("0D 0A 33 31 30 "), answer["hex"])
 
         self.box.simctl("reply", "AT+CME", "\\r\\n+CME ERROR: 10\\r\\n")
         log = r"C:\ctl\dorvanectl.log"
