@@ -130,14 +130,21 @@ int ReportText(const Common& common, const Args& args, bool result, const std::s
       .Finish(result, Why(args.a));
 }
 
-int ReportCarrier(const Common& common, const Args& args, bool result,
-                  const CarrierFirmwareInfo& record) {
+// A lookup with a record answer: its fields in record order, and keyed by name.
+template <size_t N>
+int ReportRecord(const Common& common, const Args& args, bool result,
+                 const std::array<std::string, N>& fields, const char* const* names) {
   Answer answer(common, args.command);
   answer.Result(result)
-      .JsonMember("fields", FieldArray(record.fields))
-      .JsonMember("record", FieldRecord(record.fields, kCarrierFieldNames));
-  FieldLines(answer, record.fields, kCarrierFieldNames);
+      .JsonMember("fields", FieldArray(fields))
+      .JsonMember("record", FieldRecord(fields, names));
+  FieldLines(answer, fields, names);
   return answer.Finish(result, Why(args.a));
+}
+
+int ReportCarrier(const Common& common, const Args& args, bool result,
+                  const CarrierFirmwareInfo& record) {
+  return ReportRecord(common, args, result, record.fields, kCarrierFieldNames);
 }
 
 CarrierFirmwareInfo PresetCarrier(const Common& common) {
@@ -237,12 +244,7 @@ int PackageInfo(const Common& common, const Args& a) {
   info.fields.fill(Initial(common));
   const bool result =
       Bounded<bool>(common, a, [&] { return GetPackageInfoFirmware(a.a, a.b, info); });
-  Answer answer(common, a.command);
-  answer.Result(result)
-      .JsonMember("fields", FieldArray(info.fields))
-      .JsonMember("record", FieldRecord(info.fields, kPackageFieldNames));
-  FieldLines(answer, info.fields, kPackageFieldNames);
-  return answer.Finish(result, Why(a.a));
+  return ReportRecord(common, a, result, info.fields, kPackageFieldNames);
 }
 
 // Why getEsimDisableType gave no decision, from the line it logged at the
