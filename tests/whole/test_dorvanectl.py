@@ -364,7 +364,15 @@ class TableCommands(unittest.TestCase):
                  "(see 'dorvanectl help carrier-id-by-mcc')"),
                 (["carrier-id-by-mcc", "310", t + "rules.xml", "--timeout", "99999999999"],
                  "carrier-id-by-mcc: --timeout: 99999999999 is out of range (1 to 2147483647) "
-                 "(see 'dorvanectl help carrier-id-by-mcc')")]:
+                 "(see 'dorvanectl help carrier-id-by-mcc')"),
+                (["--jsn", "carrier-id-by-mcc", "310", t + "rules.xml"],
+                 "carrier-id-by-mcc: --jsn: no such option; did you mean '--json'? "
+                 "(see 'dorvanectl help carrier-id-by-mcc')"),
+                (["carrier-id-by-mcc", "310", t + "rules.xml", "--timout", "3"],
+                 "carrier-id-by-mcc: --timout: no such option; did you mean '--timeout'? "
+                 "(see 'dorvanectl help carrier-id-by-mcc')"),
+                (["--log", "C:\\windows", "carrier-id-by-mcc", "310", t + "rules.xml"],
+                 "cannot write the log file C:\\windows (--log): it is a folder; give a file's path")]:
             with self.subTest(args=args):
                 result = self.run_ctl(*args)
                 self.assertEqual((2, "", "dorvanectl: %s\n" % message),
@@ -377,6 +385,11 @@ class TableCommands(unittest.TestCase):
         self.assertEqual((0, ""), (listing.returncode, listing.stderr))
         self.assertTrue(listing.stdout.startswith("dorvanectl: the command line"), listing.stdout)
         self.assertIn("Usage: dorvanectl [OPTIONS] SUBCOMMAND\n", listing.stdout)
+        # Defaults in words, not as CLI11's {false} or TEXT=C:\...
+        self.assertIn("  --no-table-check            run", listing.stdout)
+        self.assertIn("  --log FILE                  file for the library's log lines (default: "
+                      "dorvanectl.log in %TEMP%)", listing.stdout)
+        self.assertNotRegex(listing.stdout, r"\{false\}|=C:")
         self.assertEqual(listing.stdout, self.run_ctl("--help").stdout)
         commands = re.findall(r"^  ([a-z][a-z-]+) {2,}", listing.stdout.split("Subcommands:")[1], re.M)
         self.assertEqual(31, len(commands), commands)
