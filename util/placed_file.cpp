@@ -80,7 +80,7 @@ Placing MakeFoldersInside(const std::string& path, size_t caller_length) {
 
 ReplacingFile::~ReplacingFile() { Discard(); }
 
-Placing ReplacingFile::Create(const std::string& path) {
+Placing ReplacingFile::Create(const std::string& path, Where where) {
   Discard();
   const DWORD attributes = ::GetFileAttributesA(path.c_str());
   // As the write in place would have failed, and with its error.
@@ -94,6 +94,19 @@ Placing ReplacingFile::Create(const std::string& path) {
   if (folder >= path.size() || path.size() > kLongestPath) {
     ::SetLastError(ERROR_FILENAME_EXCED_RANGE);
     return Placing::kBlocked;
+  }
+  // Nothing stands there: made new under its own name, it cannot be anything
+  // else's file, and the move is saved (most of a package's files).
+  if (where == Where::kInPlaceWhenNew && attributes == INVALID_FILE_ATTRIBUTES) {
+    file_.reset(::CreateFileA(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
+                              FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+    if (file_) {
+      path_ = path;
+      temporary_ = path;
+      in_place_ = true;
+      return Placing::kReady;
+    }
+    // Something came meanwhile (or cannot be made there): the other way.
   }
   const size_t room = kLongestPath - folder;
   const unsigned seed = static_cast<unsigned>(::GetCurrentProcessId()) << 16;
@@ -119,6 +132,11 @@ Placing ReplacingFile::Create(const std::string& path) {
 bool ReplacingFile::Commit() {
   if (temporary_.empty()) return false;
   file_.reset();
+  if (in_place_) {
+    in_place_ = false;
+    temporary_.clear();
+    return true;
+  }
   if (!::MoveFileExA(temporary_.c_str(), path_.c_str(), MOVEFILE_REPLACE_EXISTING)) {
     Discard();
     return false;
@@ -137,6 +155,7 @@ void ReplacingFile::Discard() {
     ::DeleteFileA(temporary_.c_str());
     temporary_.clear();
   }
+  in_place_ = false;
   ::SetLastError(error);
 }
 

@@ -4,10 +4,11 @@
 // The service runs as LocalSystem, and the folders it unpacks and copies into
 // may hold links left by a package, an earlier run or a user: a junction or a
 // folder symbolic link leads anywhere on the machine, a file link to any file.
-// A folder that is a link is never entered, and a file is never opened for
-// writing under its final name: it is written as a temporary file beside it
-// and moved into place, which replaces a link of that name instead of writing
-// through it, and which never leaves a half-written file under the final name.
+// A folder that is a link is never entered, and nothing that stands is opened
+// for writing: a file is either made new under its name (which fails when
+// anything, a link included, stands there) or written as a temporary file
+// beside it and moved into place, which replaces a link of that name instead
+// of writing through it. A file that fails half-way is removed either way.
 //
 // Windows shows every link by its reparse-point attribute. Wine shows a link
 // to a folder so, but a link to a file looks like the file; there the move is
@@ -61,11 +62,16 @@ class ReplacingFile {
   ReplacingFile(const ReplacingFile&) = delete;
   ReplacingFile& operator=(const ReplacingFile&) = delete;
 
+  // kInPlaceWhenNew: when nothing stands at the path, the file is made there
+  // at once, as a new file (which no link can be), and removed again unless
+  // committed; a path where something stands is always replaced by a move.
+  enum class Where { kBeside, kInPlaceWhenNew };
+
   // Opens a new temporary file for writing beside `path`. kLink when `path`
   // shows as a link; kBlocked when it is a folder, read-only, hidden or a
   // system file (which Windows refuses to overwrite), or when no temporary
   // file can be made there. The system's last error then tells why.
-  Placing Create(const std::string& path);
+  Placing Create(const std::string& path, Where where = Where::kBeside);
   HANDLE handle() const { return file_.get(); }
   const std::string& temporary() const { return temporary_; }
   // Closes the temporary file, leaving it in place (for CopyFile to fill).
@@ -79,7 +85,8 @@ class ReplacingFile {
 
   UniqueHandle file_;
   std::string path_;
-  std::string temporary_;
+  std::string temporary_;  // the file being written: `path_` itself when in_place_
+  bool in_place_ = false;
 };
 
 // Copies `source` to `destination` through a temporary file and a move, as

@@ -187,7 +187,7 @@ ZipResult ZipArchive::ExtractEntry(int index, const char* path, size_t caller_le
   }
   if (MakeFoldersInside(path, caller_length) != Placing::kReady) return kZipNoFile;
   ReplacingFile file;
-  if (file.Create(path) != Placing::kReady) return kZipNoFile;
+  if (file.Create(path, ReplacingFile::Where::kInPlaceWhenNew) != Placing::kReady) return kZipNoFile;
   FileSink sink(file.handle());
   if ((result = unpacker.Stream(source_, entry, at, sink)) != kZipOk) return result;
   const FILETIME modified = DosTimeToUtc(entry.dos_date, entry.dos_time);

@@ -71,9 +71,10 @@ ZipResult GetZipItem(ZipHandle zip, int index, ZipEntry* entry);
 // kZipWriteError, kZipReadError, and kZipCorrupt for an entry that is damaged
 // or that this reader cannot unpack. Handle and index errors as for GetZipItem.
 //
-// The file is written under a temporary name beside `path` and moved over it
-// when complete, so a failed entry leaves no part of itself under its name and
-// a link of that name is replaced, never written through. When `path` ends
+// A file that stands at `path` is replaced by one written under a temporary
+// name beside it and moved over it when complete, so a link of that name is
+// replaced, never written through; a new one is made under its own name. A
+// failed entry leaves no part of itself under its name either way. When `path` ends
 // with the entry's name, the folders that name adds to the caller's are made
 // or entered only as real folders: one that stands as a link (a junction, a
 // folder symbolic link), or a file at `path` that shows as a link, gives
