@@ -122,8 +122,10 @@ DWORD CMbimChannel::ExchangeCommand(const std::string& command, std::string& ans
                                     std::string& answer_hex) {
   session_open_ = 0;
   report_ = ExchangeReport();
-  if (sink_) sink_->ClearStatuses();
-  if (sink_) sink_->ResetEvents();
+  if (sink_) {
+    sink_->ClearStatuses();
+    sink_->ResetEvents();
+  }
   HRESULT hr = E_OUTOFMEMORY;
   try {
     hr = CloseSession(SendInSession(command, answer_text, answer_hex));

@@ -34,10 +34,6 @@ void Tell(const FailureFn* failed, const Failure& failure) {
   if (failed != nullptr && *failed) (*failed)(failure);
 }
 
-}  // namespace
-
-namespace {
-
 // The copy neither enters nor writes into a link (a junction, a folder or file
 // symbolic link) on either side: the service copies as LocalSystem, and a link
 // left in an installation folder would otherwise carry the copy anywhere on the
@@ -126,8 +122,6 @@ bool ListsAsFolder(const PathBuffer& path) {
 // lists it: a package folder or a user may leave a link in the installation
 // folder, and the service runs as LocalSystem, so following it would delete
 // whatever it points to, anywhere on the machine.
-bool IsLink(DWORD attributes) { return IsLinkAttributes(attributes); }
-
 // True when `path`, opened without following it, is the link itself. Windows
 // opens every link so, and then RemoveDirectoryA and DeleteFileA remove the link
 // alone. Wine's links are Unix symbolic links, which it follows whatever the
@@ -141,7 +135,7 @@ bool OpensAsLink(const char* path) {
   FILE_ATTRIBUTE_TAG_INFO info = {};
   return link &&
          ::GetFileInformationByHandleEx(link.get(), FileAttributeTagInfo, &info, sizeof info) &&
-         IsLink(info.FileAttributes);
+         IsLinkAttributes(info.FileAttributes);
 }
 
 // Tells `failed`, if anyone asks, that `step` failed on `path` with the
@@ -179,7 +173,7 @@ void WalkContents(const std::string& folder, const DeleteStepFn* preview, const 
   while (listing && ::FindNextFileA(listing.get(), &found)) {
     if (IsDotOrDotDot(found.cFileName)) continue;
     const PathBuffer item = ItemPath(folder, found.cFileName);
-    if (IsLink(found.dwFileAttributes)) {
+    if (IsLinkAttributes(found.dwFileAttributes)) {
       if (preview != nullptr) {
         (*preview)(OpensAsLink(item.c_str()) ? DeleteStep::kLink : DeleteStep::kKeptLink, item.str());
       } else {
@@ -199,7 +193,7 @@ void WalkContents(const std::string& folder, const DeleteStepFn* preview, const 
 int Walk(const std::string& folder, const DeleteStepFn* preview, const FailureFn* failed) {
   bool removed;
   DWORD error = 0;
-  if (IsLink(::GetFileAttributesA(folder.c_str()))) {
+  if (IsLinkAttributes(::GetFileAttributesA(folder.c_str()))) {
     // A folder that is itself a link is not emptied: only the link goes.
     const bool link = OpensAsLink(folder.c_str());
     if (preview != nullptr) {

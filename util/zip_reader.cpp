@@ -179,7 +179,8 @@ ZipResult ZipArchive::ExtractEntry(int index, const char* path, size_t caller_le
   if (!entry.usable || CheckOutputPath(path) != kZipOk) return kZipNoFile;
   // Nor through a link that already stands in that folder: the folders the
   // entry's name adds are entered only when they are real folders, and the
-  // file is written beside its name and moved into place.
+  // file is made new under its name or, where one stands, written beside it
+  // and moved into place.
   if (entry.folder) {
     const std::string folder = std::string(path) + "\\";
     // A folder that cannot be made was never an entry's failure.
@@ -228,12 +229,18 @@ ZipResult CheckIndex(ZipHandle zip, int index) {
   return index >= 0 && static_cast<size_t>(index) < zip->count() ? kZipOk : kZipBadArguments;
 }
 
-// UnzipItem, with the length of the caller's folder in `path` known.
-ZipResult UnzipItemWithin(ZipHandle zip, int index, const char* path, size_t caller_length) {
+size_t CallerLength(ZipHandle zip, int index, const char* path);
+
+// UnzipItem, with the length of the caller's folder in `path` given, or
+// (null) taken from the entry's name.
+ZipResult UnzipItemWithin(ZipHandle zip, int index, const char* path, const size_t* caller_length) {
   ZipResult result = CheckHandle(zip);
   if (result == kZipOk && path == nullptr) result = kZipBadArguments;
   if (result == kZipOk) result = CheckIndex(zip, index);
-  if (result == kZipOk) result = zip->Extract(index, path, caller_length);
+  if (result == kZipOk) {
+    result = zip->Extract(index, path,
+                          caller_length != nullptr ? *caller_length : CallerLength(zip, index, path));
+  }
   return Keep(result);
 }
 
@@ -300,10 +307,7 @@ ZipResult GetZipItem(ZipHandle zip, int index, ZipEntry* entry) {
 }
 
 ZipResult UnzipItem(ZipHandle zip, int index, const char* path) {
-  if (CheckHandle(zip) != kZipOk || path == nullptr || CheckIndex(zip, index) != kZipOk) {
-    return UnzipItemWithin(zip, index, path, 0);  // gives the failure
-  }
-  return UnzipItemWithin(zip, index, path, CallerLength(zip, index, path));
+  return UnzipItemWithin(zip, index, path, nullptr);
 }
 
 unsigned DefaultUnzipThreads() {
@@ -425,7 +429,7 @@ ZipResult UnzipEntries(ZipHandle zip, const std::string& target_folder, unsigned
       ZipEntry item;
       GetZipItem(zip, i, &item);
       const PathBuffer path = OutputPath(target_folder, item.name);
-      result = UnzipItemWithin(zip, i, path.c_str(), caller_length);
+      result = UnzipItemWithin(zip, i, path.c_str(), &caller_length);
       tell(result, item.name, path.c_str());
     }
     return result;

@@ -29,17 +29,6 @@ std::string WithinTheWait() {
   return "within " + std::to_string(kAtWaitMs / 1000) + " s";
 }
 
-// The bytes as two hex digits each.
-std::string Hex(const std::string& bytes) {
-  std::string hex;
-  char cell[4];
-  for (const char c : bytes) {
-    std::snprintf(cell, sizeof cell, hex.empty() ? "%02X" : " %02X", static_cast<unsigned char>(c));
-    hex += cell;
-  }
-  return hex;
-}
-
 // The answer's lines, as the text form shows them: one "answer:" line each,
 // the empty lines between them left out.
 std::vector<std::string> AnswerLines(const std::string& text) {
@@ -124,7 +113,9 @@ int RunAt(const Common& common, const AtArgs& args) {
                                 exchange <= 1 ? std::to_string(exchange) : Hresult(trouble.exchange));
   out.JsonMember("output", Text(output));
   for (const std::string& line : AnswerLines(output)) out.TextLine("answer", Shown(line));
-  if (args.hex) out.Value("hex", Hex(answer.raw));
+  if (args.hex) {
+    out.Value("hex", HexBytes(reinterpret_cast<const unsigned char*>(answer.raw.data()), answer.raw.size()));
+  }
   if (args.raw) out.Field("raw", answer.raw);
   if (!trouble.why.empty()) {
     out.Failed(trouble.why);

@@ -92,6 +92,16 @@ nlohmann::json TableTexts(const std::vector<std::string>& list) {
   return array;
 }
 
+std::string HexBytes(const unsigned char* bytes, size_t count) {
+  std::string hex;
+  char cell[4];
+  for (size_t i = 0; i < count; ++i) {
+    std::snprintf(cell, sizeof cell, i == 0 ? "%02X" : " %02X", bytes[i]);
+    hex += cell;
+  }
+  return hex;
+}
+
 std::string Shown(const std::string& bytes) {
   std::string shown;
   for (const char c : bytes) {

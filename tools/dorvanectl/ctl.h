@@ -57,6 +57,9 @@ std::string Shown(const std::string& bytes);
 int Fail(const Common& common, int status, const std::string& message,
          nlohmann::json object = {{"result", nullptr}});
 
+// Bytes as two hex digits each, one blank between them: "0D 0A FF".
+std::string HexBytes(const unsigned char* bytes, size_t count);
+
 // The system's text for an error number: "Access is denied (error 5)".
 std::string SystemText(unsigned long error);
 

@@ -75,19 +75,6 @@ CLI::Validator ValueType() {
       "");
 }
 
-// Each byte as two hex digits and a blank, as the AT answer's hex looks for
-// bytes below 0x80; a value's bytes have no reason to be widened as the
-// answer's are.
-std::string ByteHex(const BYTE* data, size_t size) {
-  std::string hex;
-  char byte[4];
-  for (size_t i = 0; i < size; ++i) {
-    std::snprintf(byte, sizeof byte, "%02X ", data[i]);
-    hex += byte;
-  }
-  return hex;
-}
-
 const char kHive[] = "HKEY_LOCAL_MACHINE\\";
 
 // Why a registry helper gave 1, from the step that failed and its error.
@@ -170,8 +157,7 @@ int RegGet(const Common& common, const RegArgs& a) {
   DWORD size = static_cast<DWORD>(data.size());
   const DWORD result = GetRegKeyValue(a.key, a.name, data.data(), type, size);
   std::string hex;
-  if (result == 0) hex = ByteHex(data.data(), std::min<size_t>(size, data.size()));
-  while (!hex.empty() && hex.back() == ' ') hex.pop_back();
+  if (result == 0) hex = HexBytes(data.data(), std::min<size_t>(size, data.size()));
   return Answer(common, "reg-get")
       .Result(result)
       .Value("type", type, TypeText(type))
