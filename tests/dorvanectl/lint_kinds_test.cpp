@@ -176,8 +176,8 @@ TEST(LintSku, LaterSkuGuidsAreNeverRead) {
             FormatLine("t.xml", testing::On(findings, 3, {})[0]));
   EXPECT_FINDING(findings, 4, kError, "repeats the first SKU_GUID's ID (line 2), whose areas alone are read: "
                  "param-firmware-by-sku never returns for its area \"CN\"");
-  EXPECT_FINDING(findings, 5, kWarning, "its areas are never read; the first SKU_GUID's are returned");
-  EXPECT_FINDING(findings, 6, kWarning, "SKU_GUID without ID after the first (line 2) is never read");
+  EXPECT_FINDING(findings, 5, kError, "its areas are never read; the first SKU_GUID's are returned");
+  EXPECT_FINDING(findings, 6, kError, "SKU_GUID without ID after the first (line 2) is never read");
 }
 
 TEST(LintSku, AFirstSkuGuidWithoutIdOrAreasNeverReturns) {

@@ -184,7 +184,21 @@ std::string KindNames() {
 }
 
 const char* SeverityName(Severity severity) {
-  return severity == Severity::kError ? "error" : "warning";
+  switch (severity) {
+    case Severity::kError:
+      return "error";
+    case Severity::kWarning:
+      return "warning";
+    default:
+      return "note";
+  }
+}
+
+std::optional<Severity> SeverityByName(const std::string& name) {
+  for (Severity s : {Severity::kNote, Severity::kWarning, Severity::kError}) {
+    if (name == SeverityName(s)) return s;
+  }
+  return std::nullopt;
 }
 
 std::vector<Kind> Recognize(XMLElement* root, const std::string& file_name) {

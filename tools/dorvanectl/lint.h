@@ -5,8 +5,10 @@
 // table runs into.
 //
 // Everything here works on a document in memory and returns findings; nothing
-// prints, logs or throws. A finding is an error when it makes a lookup fail,
-// hang or never match, and a warning when it is merely surprising.
+// prints, logs or throws. A finding is an error when an entry or a part of
+// the table can never be used by the lookups, or a lookup hangs; a warning when
+// the table works, but probably not as meant; a note when the table lacks a
+// list, so that the lookup of it answers "not found".
 //
 //   lint::FileResult r = lint::LintFile("C:\\tables\\rules.xml", std::nullopt);
 //   for (const lint::Finding& f : r.findings) puts(lint::FormatLine(r.file, f).c_str());
@@ -45,13 +47,18 @@ std::optional<Kind> KindByName(const std::string& name);
 // Every kind's name, comma-separated, in the order above.
 std::string KindNames();
 
-enum class Severity { kWarning, kError };
-const char* SeverityName(Severity severity);  // "warning" or "error"
+// In rising order.
+enum class Severity { kNote, kWarning, kError };
+const char* SeverityName(Severity severity);  // "note", "warning" or "error"
+std::optional<Severity> SeverityByName(const std::string& name);
 
 struct Finding {
   int line = 0;  // of the element concerned (tinyxml2's line numbers, from 1)
   Severity severity = Severity::kWarning;
   std::string message;
+  // The message says that the element at `line` is never used: no call of the
+  // lookup returns this entry, or reads this part of the table.
+  bool unused = false;
 };
 
 // The kinds that a loaded document's structure fits: usually one; none when

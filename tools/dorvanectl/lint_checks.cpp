@@ -12,8 +12,8 @@ namespace dorvane::lint {
 
 using tinyxml2::XMLElement;
 
-void Report::Add(int line, Severity severity, std::string message) {
-  findings_.push_back({line, severity, std::move(message)});
+void Report::Add(int line, Severity severity, std::string message, bool unused) {
+  findings_.push_back({line, severity, std::move(message), unused});
 }
 
 void Report::Error(const XMLElement* at, std::string message) {
@@ -22,6 +22,14 @@ void Report::Error(const XMLElement* at, std::string message) {
 
 void Report::Warning(const XMLElement* at, std::string message) {
   Add(at->GetLineNum(), Severity::kWarning, std::move(message));
+}
+
+void Report::Note(const XMLElement* at, std::string message) {
+  Add(at->GetLineNum(), Severity::kNote, std::move(message));
+}
+
+void Report::Unused(const XMLElement* at, std::string message) {
+  Add(at->GetLineNum(), Severity::kError, std::move(message), true);
 }
 
 std::vector<Finding> Report::Take() {
@@ -100,7 +108,7 @@ void ReportRepeat(Report& report, const XMLElement* e, const XMLElement* first, 
   message += ": " + (rule.repeat_effect.empty()
                          ? "the first match wins, so " + rule.command + " never returns this entry"
                          : rule.repeat_effect);
-  report.Add(e->GetLineNum(), rule.repeat, std::move(message));
+  report.Add(e->GetLineNum(), rule.repeat, std::move(message), rule.repeat_effect.empty());
 }
 
 // The key checks of one entry; true when a lookup can find it.
@@ -108,7 +116,7 @@ bool CheckKey(Report& report, XMLElement* e, const ListRule& rule, KeyIndex& see
   const char* raw = e->Attribute(rule.key);
   if (raw == nullptr) {
     if (!stray) {
-      report.Error(e, std::string(e->Name()) + " has no " + rule.key + ": " + rule.command +
+      report.Unused(e, std::string(e->Name()) + " has no " + rule.key + ": " + rule.command +
                           " never finds it");
     }
     return false;
@@ -116,7 +124,7 @@ bool CheckKey(Report& report, XMLElement* e, const ListRule& rule, KeyIndex& see
   const std::string key = raw;
   const std::string what = Describe(e, rule.key);
   if (key.empty() && !rule.empty_key_found) {
-    report.Error(e, what + " has an empty " + rule.key + ": " + rule.command +
+    report.Unused(e, what + " has an empty " + rule.key + ": " + rule.command +
                         " refuses an empty key, so it never finds this entry");
     return false;
   }

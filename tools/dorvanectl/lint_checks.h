@@ -17,9 +17,12 @@ namespace dorvane::lint {
 // The findings of one table, handed out in document order.
 class Report {
  public:
-  void Add(int line, Severity severity, std::string message);
+  void Add(int line, Severity severity, std::string message, bool unused = false);
   void Error(const tinyxml2::XMLElement* at, std::string message);
   void Warning(const tinyxml2::XMLElement* at, std::string message);
+  void Note(const tinyxml2::XMLElement* at, std::string message);
+  // An error that says `at` is never used (never returned, never read).
+  void Unused(const tinyxml2::XMLElement* at, std::string message);
   std::vector<Finding> Take();
 
  private:

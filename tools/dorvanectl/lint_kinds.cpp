@@ -147,11 +147,11 @@ void CheckLaterSku(Report& report, XMLElement* sku, XMLElement* first) {
   std::vector<std::string> lost;
   for (const std::string& area : areas) lost.push_back(Quote(area));
   if (id == nullptr) {
-    report.Warning(sku, "SKU_GUID without ID after the first (" + first_line + ") is never read");
+    report.Unused(sku, "SKU_GUID without ID after the first (" + first_line + ") is never read");
     return;
   }
   if (!table::KeyIs(first, "ID", id)) {
-    report.Error(sku, Describe(sku, "ID") + " is not the table's first SKU_GUID (" + first_line +
+    report.Unused(sku, Describe(sku, "ID") + " is not the table's first SKU_GUID (" + first_line +
                           "), the only one param-firmware-by-sku reads: it never returns for SKU " +
                           Quote(id) + (lost.empty() ? "" : (lost.size() == 1 ? ", area " : ", areas ") + JoinWords(lost)));
     return;
@@ -162,11 +162,11 @@ void CheckLaterSku(Report& report, XMLElement* sku, XMLElement* first) {
     if (kept.count(area) == 0) lost.push_back(Quote(area));
   }
   if (lost.empty()) {
-    report.Warning(sku, Describe(sku, "ID") + " repeats the first SKU_GUID's ID (" + first_line +
-                            "): its areas are never read; the first SKU_GUID's are returned");
+    report.Unused(sku, Describe(sku, "ID") + " repeats the first SKU_GUID's ID (" + first_line +
+                           "): its areas are never read; the first SKU_GUID's are returned");
   } else {
-    report.Error(sku, Describe(sku, "ID") + " repeats the first SKU_GUID's ID (" + first_line +
-                          "), whose areas alone are read: param-firmware-by-sku never returns for " +
+    report.Unused(sku, Describe(sku, "ID") + " repeats the first SKU_GUID's ID (" + first_line +
+                           "), whose areas alone are read: param-firmware-by-sku never returns for " +
                           (lost.size() == 1 ? "its area " : "its areas ") + JoinWords(lost));
   }
 }
@@ -219,13 +219,13 @@ bool HasBlankEnd(const std::string& text) {
 void CheckRegistryPath(Report& report, XMLElement* e) {
   const char* raw = e->Attribute("RegistryPath");
   if (raw == nullptr) {
-    report.Error(e, "CustProductNamePath has no RegistryPath: device-config-id skips it");
+    report.Unused(e, "CustProductNamePath has no RegistryPath: device-config-id skips it");
     return;
   }
   const std::string what = Describe(e, "RegistryPath");
   std::string key_path, value_name;
   if (!SplitRegistryPath(raw, key_path, value_name)) {
-    report.Error(e, what + (raw[0] == ',' ? " begins with its comma" : " has no comma") +
+    report.Unused(e, what + (raw[0] == ',' ? " begins with its comma" : " has no comma") +
                         ": device-config-id needs \"key path,value name\" and skips it");
   } else if (value_name.empty()) {
     report.Warning(e, what + " ends with its comma: the value name is empty, so device-config-id "
@@ -273,7 +273,7 @@ void CheckDevFirmware(Report& report, XMLElement* standard, const std::string& c
   const std::string what = Describe(standard, "Value");
   XMLElement* firmware = table::Child(standard, "DEVFirmware");
   if (firmware == nullptr) {
-    report.Error(standard, what + " has no DEVFirmware: " + command + " " +
+    report.Unused(standard, what + " has no DEVFirmware: " + command + " " +
                                table::Attr(standard, "Value") +
                                " fails and logs \"getCfgPkInfo not find map.\"");
     return;

@@ -82,7 +82,7 @@ bool CheckDigits(Report& report, const Range& r) {
     const char c = (*bound)[at];
     const std::string shown = Quote(std::string(1, c));
     if (at < r.prefix) {
-      report.Error(r.element, r.What() + ": the shared prefix " + Quote(r.Prefix()) +
+      report.Unused(r.element, r.What() + ": the shared prefix " + Quote(r.Prefix()) +
                                   " holds the non-digit " + shown + ", so no ICCID of digits begins "
                                   "with it and " + kCommand + " never matches this range");
       return false;
@@ -113,7 +113,7 @@ bool CheckBounds(Report& report, const Range& r) {
     return true;
   }
   if (r.low > r.high) {
-    report.Error(r.element, r.What() + ": min's tail " + Quote(r.Tail(r.min)) + " " + r.After() +
+    report.Unused(r.element, r.What() + ": min's tail " + Quote(r.Tail(r.min)) + " " + r.After() +
                                 " reads " + Hex(r.low) + ", above max's tail " + Quote(r.Tail(r.max)) +
                                 " (" + Hex(r.high) + "), so " + kCommand + " never matches this range");
     return false;
@@ -226,7 +226,7 @@ void CheckShadow(Report& report, const Range& r, const Earlier& earlier) {
               [](const Range* a, const Range* b) { return a->element->GetLineNum() < b->element->GetLineNum(); });
     std::vector<std::string> lines;
     for (const Range* e : cover) lines.push_back(LineOf(*e));
-    report.Error(r.element, r.What() + " is shadowed by the earlier range" + (lines.size() > 1 ? "s" : "") +
+    report.Unused(r.element, r.What() + " is shadowed by the earlier range" + (lines.size() > 1 ? "s" : "") +
                                 " at line" + (lines.size() > 1 ? "s " : " ") + JoinWords(lines) +
                                 ": every ICCID it matches is matched there first, so " + kCommand +
                                 " never returns it");
@@ -260,7 +260,7 @@ void CheckRanges(Report& report, XMLElement* table) {
     const bool has_max = e->Attribute("max") != nullptr;
     if (!has_min || !has_max) {
       if (IsEntry(e, rule)) {
-        report.Error(e, std::string("Range has no ") + (has_min ? "max" : has_max ? "min" : "min and max") +
+        report.Unused(e, std::string("Range has no ") + (has_min ? "max" : has_max ? "min" : "min and max") +
                             ": " + kCommand + " skips it");
       }
       continue;
