@@ -21,7 +21,9 @@ TEST(LintFixedPaths, AMissingNodeNamesTheCommandThatFailsAndWhatItLogs) {
     const char* xml;
     int line;
     const char* words;
+    Severity severity = kError;
   };
+  const Severity kNote = Severity::kNote;
   const Case cases[] = {
       {Kind::kCarrierRules, "<R>\n<Other/></R>", 1,
        "R (the root) has no SwitchingRule: carrier-id-by-mccmnc fails and logs \"switchingRuleNode is null.\"; "
@@ -29,11 +31,11 @@ TEST(LintFixedPaths, AMissingNodeNamesTheCommandThatFailsAndWhatItLogs) {
       {Kind::kCarrierRules, "<R>\n<SwitchingRule/></R>", 2,
        "SwitchingRule has no SelectionRule: carrier-id-by-mccmnc fails and logs \"selectionRuleNode is null.\""},
       {Kind::kCarrierRules, "<R><SwitchingRule>\n<SelectionRule><MCCTable/><ICCIDTable/></SelectionRule></SwitchingRule></R>", 2,
-       "SelectionRule has no MCCMNCTable: carrier-id-by-mccmnc fails and logs \"MCCMNCTable node is null.\""},
+       "SelectionRule has no MCCMNCTable: carrier-id-by-mccmnc fails and logs \"MCCMNCTable node is null.\"", kNote},
       {Kind::kCarrierRules, "<R><SwitchingRule>\n<SelectionRule><MCCMNCTable/><ICCIDTable/></SelectionRule></SwitchingRule></R>", 2,
-       "SelectionRule has no MCCTable: carrier-id-by-mcc fails silently"},
+       "SelectionRule has no MCCTable: carrier-id-by-mcc fails silently", kNote},
       {Kind::kCarrierRules, "<R><SwitchingRule>\n<SelectionRule><MCCMNCTable/><MCCTable/></SelectionRule></SwitchingRule></R>", 2,
-       "SelectionRule has no ICCIDTable: carrier-id-by-iccid fails silently"},
+       "SelectionRule has no ICCIDTable: carrier-id-by-iccid fails silently", kNote},
       {Kind::kCarrierFirmware, "<F/>", 1, "F (the root) has no CarrierList: carrier-firmware fails silently"},
       {Kind::kCustomerModel, "<F/>", 1, "has no CarrierList: oem-firmware-by-model fails silently"},
       {Kind::kPackageInfo, "<P/>", 1, "has no CarrierList: package-info-firmware fails and logs \"CarrierList failed\""},
@@ -55,10 +57,10 @@ TEST(LintFixedPaths, AMissingNodeNamesTheCommandThatFailsAndWhatItLogs) {
       {Kind::kEsim, "<E><SKU_BlackList/><IMSI_BlackList/></E>", 1,
        "has no TableEnableFlag: esim-disable-type fails (0xFFFFFFFF) and logs \"TableEnableFlag xml item error.\""},
       {Kind::kEsim, "<E><TableEnableFlag FlagValue='true'/><IMSI_BlackList/></E>", 1,
-       "has no SKU_BlackList: esim-disable-type with a SKU fails (0xFFFFFFFF) and logs \"SKU black xml item error.\""},
+       "has no SKU_BlackList: esim-disable-type with a SKU fails (0xFFFFFFFF) and logs \"SKU black xml item error.\"", kNote},
       {Kind::kEsim, "<E><TableEnableFlag FlagValue='true'/><SKU_BlackList/></E>", 1,
        "has no IMSI_BlackList: esim-disable-type with an IMSI (and a SKU that is not black-listed) fails "
-       "(0xFFFFFFFF) and logs \"IMSI black xml item error.\""},
+       "(0xFFFFFFFF) and logs \"IMSI black xml item error.\"", kNote},
       {Kind::kRegion, "<R/>", 1, "has no SelectionRule: regulatory-by-mcc fails (0) and logs \"SelectionRule xml item error.\""},
       {Kind::kScatter, "<S><storage_type/></S>", 1, "has no general: update-scatter fails and leaves the file as it is"},
       {Kind::kScatter, "<S><general/></S>", 1, "has no storage_type: update-scatter fails"},
@@ -68,7 +70,7 @@ TEST(LintFixedPaths, AMissingNodeNamesTheCommandThatFailsAndWhatItLogs) {
     SCOPED_TRACE(c.xml);
     const auto findings = LintOf(c.xml, c.kind);
     EXPECT_EQ(1u, findings.size()) << Listing(findings);
-    EXPECT_FINDING(findings, c.line, kError, c.words);
+    EXPECT_FINDING(findings, c.line, c.severity, c.words);
   }
 }
 

@@ -182,12 +182,14 @@ std::vector<XMLElement*> CheckList(Report& report, XMLElement* list, const ListR
   return CheckList(report, list, rule, seen);
 }
 
-XMLElement* Require(Report& report, XMLElement* parent, const char* name, const std::string& consequence) {
+XMLElement* Require(Report& report, XMLElement* parent, const char* name, const std::string& consequence,
+                    Severity severity) {
   XMLElement* child = table::Child(parent, name);
   if (child == nullptr) {
     const bool root = parent->Parent() != nullptr && parent->Parent()->ToDocument() != nullptr;
-    report.Error(parent, std::string(parent->Name()) + (root ? " (the root)" : "") + " has no " +
-                             name + ": " + consequence);
+    report.Add(parent->GetLineNum(), severity,
+               std::string(parent->Name()) + (root ? " (the root)" : "") + " has no " + name + ": " +
+                   consequence);
   }
   return child;
 }

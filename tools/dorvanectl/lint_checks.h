@@ -75,10 +75,11 @@ std::vector<tinyxml2::XMLElement*> CheckList(Report& report, tinyxml2::XMLElemen
 // that the walk takes as an entry).
 bool IsEntry(const tinyxml2::XMLElement* e, const ListRule& rule);
 
-// The child of `parent` on a fixed path; an error naming `consequence` when
-// it is missing.
+// The child of `parent` on a fixed path; a finding naming `consequence` when
+// it is missing: an error by default, a note for a list that only one of the
+// kind's lookups reads (that lookup then answers "not found").
 tinyxml2::XMLElement* Require(Report& report, tinyxml2::XMLElement* parent, const char* name,
-                              const std::string& consequence);
+                              const std::string& consequence, Severity severity = Severity::kError);
 // Attributes that a lookup copies out of `e` (described as `what`): missing
 // ones read as empty texts.
 void CheckAttributes(Report& report, const tinyxml2::XMLElement* e, const std::string& what,

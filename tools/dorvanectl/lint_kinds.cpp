@@ -34,14 +34,16 @@ void CheckCarrierRules(Report& report, XMLElement* root) {
                                     "carrier-id-by-mcc and carrier-id-by-iccid fail silently");
     if (selection != nullptr) {
       if (XMLElement* t = Require(report, selection, "MCCMNCTable",
-                                  "carrier-id-by-mccmnc fails and logs \"MCCMNCTable node is null.\"")) {
+                                  "carrier-id-by-mccmnc fails and logs \"MCCMNCTable node is null.\"",
+                                  Severity::kNote)) {
         CheckItems(report, t, "mccmnc", "carrier-id-by-mccmnc");
       }
-      if (XMLElement* t = Require(report, selection, "MCCTable", std::string("carrier-id-by-mcc") + kSilently)) {
+      if (XMLElement* t = Require(report, selection, "MCCTable", std::string("carrier-id-by-mcc") + kSilently,
+                                  Severity::kNote)) {
         CheckItems(report, t, "mcc", "carrier-id-by-mcc");
       }
       if (XMLElement* t = Require(report, selection, "ICCIDTable",
-                                  std::string("carrier-id-by-iccid") + kSilently)) {
+                                  std::string("carrier-id-by-iccid") + kSilently, Severity::kNote)) {
         CheckRanges(report, t);
       }
     }
@@ -315,6 +317,9 @@ void CheckImageMapping(Report& report, XMLElement* root) {
 }
 
 void CheckEsim(Report& report, XMLElement* root) {
+  // Only a table switched on reaches its lists: a missing list is reported
+  // (with what the lookup then logs) only then.
+  bool on = false;
   if (XMLElement* flag = Require(report, root, "TableEnableFlag",
                                  "esim-disable-type fails (0xFFFFFFFF) and logs "
                                  "\"TableEnableFlag xml item error.\"")) {
@@ -327,25 +332,36 @@ void CheckEsim(Report& report, XMLElement* root) {
       report.Error(flag, (flag->Attribute("FlagValue") ? "FlagValue " + Quote(value) : "no FlagValue") +
                              " is neither True nor False (compared without regard to case): "
                              "esim-disable-type fails (0xFFFFFFFF) and logs \"Main disable error.\"");
+    } else {
+      on = true;
     }
   }
   const std::string changes_nothing = " stops at the first, so this one changes nothing";
-  if (XMLElement* list = Require(report, root, "SKU_BlackList",
-                                 "esim-disable-type with a SKU fails (0xFFFFFFFF) and logs "
-                                 "\"SKU black xml item error.\"")) {
+  XMLElement* skus = table::Child(root, "SKU_BlackList");
+  if (on && skus == nullptr) {
+    Require(report, root, "SKU_BlackList",
+            "esim-disable-type with a SKU fails (0xFFFFFFFF) and logs \"SKU black xml item error.\"",
+            Severity::kNote);
+  }
+  if (skus != nullptr) {
     ListRule rule{"SKU", "SKUValue", "esim-disable-type --sku"};
     rule.ignore_case = true;
     rule.repeat = Severity::kWarning;
     rule.repeat_effect = rule.command + changes_nothing;
-    CheckList(report, list, rule);
+    CheckList(report, skus, rule);
   }
-  if (XMLElement* list = Require(report, root, "IMSI_BlackList",
-                                 "esim-disable-type with an IMSI (and a SKU that is not black-listed) "
-                                 "fails (0xFFFFFFFF) and logs \"IMSI black xml item error.\"")) {
+  XMLElement* networks = table::Child(root, "IMSI_BlackList");
+  if (on && networks == nullptr) {
+    Require(report, root, "IMSI_BlackList",
+            "esim-disable-type with an IMSI (and a SKU that is not black-listed) fails (0xFFFFFFFF) "
+            "and logs \"IMSI black xml item error.\"",
+            Severity::kNote);
+  }
+  if (networks != nullptr) {
     ListRule rule{"MCCMNC", "MCCMNCValue", "esim-disable-type --imsi"};
     rule.repeat = Severity::kWarning;
     rule.repeat_effect = rule.command + changes_nothing;
-    CheckList(report, list, rule);
+    CheckList(report, networks, rule);
   }
 }
 
