@@ -130,8 +130,10 @@ bool CheckKey(Report& report, XMLElement* e, const ListRule& rule, KeyIndex& see
   }
   const std::string ends = BlankEnds(key);
   if (!ends.empty()) {
-    report.Warning(e, what + " " + ends + " with a blank: " + rule.command +
-                          " matches it only when the key " + ends + " with the same blank");
+    report.Add(e->GetLineNum(), rule.blank,
+               what + " " + ends + " with a blank: " + rule.command + " matches it only when the key " + ends +
+                   " with the same blank" +
+                   (rule.blank == Severity::kError ? ", and never returns for the key without it" : ""));
   }
   if (rule.fallback != nullptr && key == rule.fallback) return true;  // see CheckFallbacks
   const std::string folded = Folded(key);
@@ -153,6 +155,19 @@ bool CheckKey(Report& report, XMLElement* e, const ListRule& rule, KeyIndex& see
   return true;
 }
 
+// Elements before a list's first entry (all of them when it has none) that
+// were meant as entries: the walk never reaches them.
+void ReportUnwalked(Report& report, XMLElement* list, const XMLElement* first, const ListRule& rule) {
+  for (XMLElement* e = list->FirstChildElement(); e && e != first; e = e->NextSiblingElement()) {
+    if (!NearMiss(e->Name(), rule.entry)) continue;
+    report.Unused(e, Describe(e, rule.key) + " is never walked " + NearMissReason(e->Name(), rule.entry) +
+                         ": " + rule.command + " starts at the first " + rule.entry +
+                         (first == nullptr ? ", and " + std::string(list->Name()) + " has none"
+                                           : " (" + Line(first) + ")") +
+                         ", so it never finds this entry");
+  }
+}
+
 void ReportStray(Report& report, const XMLElement* e, const XMLElement* first, const ListRule& rule) {
   std::string message = std::string(e->Name()) + " after the first " + rule.entry + " (" +
                         Line(first) + ") is walked as an entry by " + rule.command;
@@ -164,11 +179,41 @@ void ReportStray(Report& report, const XMLElement* e, const XMLElement* first, c
 
 }  // namespace
 
+namespace {
+
+// Lower case, without underscores.
+std::string Loose(const std::string& name) {
+  std::string loose;
+  for (char c : name) {
+    if (c != '_') loose += c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  }
+  return loose;
+}
+
+std::string LocalName(const char* name) {
+  const char* colon = std::strrchr(name, ':');
+  return colon == nullptr ? name : colon + 1;
+}
+
+}  // namespace
+
+bool NearMiss(const char* actual, const char* wanted) {
+  return std::strcmp(actual, wanted) != 0 && Loose(LocalName(actual)) == Loose(wanted);
+}
+
+std::string NearMissReason(const char* actual, const char* wanted) {
+  if (LocalName(actual) != std::string(actual)) {
+    return std::string("(the lookups follow ") + wanted + ", and a namespace prefix is part of the name)";
+  }
+  return std::string("(the lookups follow ") + wanted + ", and compare element names exactly)";
+}
+
 bool IsEntry(const XMLElement* e, const ListRule& rule) { return std::strcmp(e->Name(), rule.entry) == 0; }
 
 std::vector<XMLElement*> CheckList(Report& report, XMLElement* list, const ListRule& rule, KeyIndex& seen) {
   std::vector<XMLElement*> found;
   XMLElement* first = table::FirstEntry(list, rule.entry);
+  ReportUnwalked(report, list, first, rule);
   for (XMLElement* e = first; e; e = table::NextEntry(e)) {
     const bool stray = !IsEntry(e, rule);
     if (stray) ReportStray(report, e, first, rule);
@@ -182,15 +227,48 @@ std::vector<XMLElement*> CheckList(Report& report, XMLElement* list, const ListR
   return CheckList(report, list, rule, seen);
 }
 
-XMLElement* Require(Report& report, XMLElement* parent, const char* name, const std::string& consequence,
-                    Severity severity) {
-  XMLElement* child = table::Child(parent, name);
-  if (child == nullptr) {
-    const bool root = parent->Parent() != nullptr && parent->Parent()->ToDocument() != nullptr;
-    report.Add(parent->GetLineNum(), severity,
-               std::string(parent->Name()) + (root ? " (the root)" : "") + " has no " + name + ": " +
-                   consequence);
+namespace {
+
+// True when the walk of `list` by `rule` reaches `e` and may return it.
+bool Walked(XMLElement* list, const XMLElement* e, const ListRule* rule) {
+  if (rule == nullptr) return false;
+  const XMLElement* first = table::FirstEntry(list, rule->entry);
+  if (first == nullptr || first->GetLineNum() > e->GetLineNum()) return false;
+  return rule->key == nullptr || e->Attribute(rule->key) != nullptr;
+}
+
+}  // namespace
+
+void NearMisses(Report& report, XMLElement* parent, const char* name, const ListRule* walk) {
+  for (XMLElement* e = parent->FirstChildElement(); e; e = e->NextSiblingElement()) {
+    if (NearMiss(e->Name(), name) && !Walked(parent, e, walk)) {
+      report.Unused(e, std::string(e->Name()) + " is never read " + NearMissReason(e->Name(), name));
+    }
   }
+}
+
+XMLElement* Fixed(Report& report, XMLElement* parent, const char* name, const ListRule* walk) {
+  XMLElement* child = table::Child(parent, name);
+  for (XMLElement* e = child ? child->NextSiblingElement(name) : nullptr; e; e = e->NextSiblingElement(name)) {
+    if (Walked(parent, e, walk)) continue;
+    report.Unused(e, "this " + std::string(name) + " is never read: the lookups read only the first " + name +
+                         " of " + parent->Name() + " (" + Line(child) + ")");
+  }
+  NearMisses(report, parent, name, walk);
+  return child;
+}
+
+void ReportMissing(Report& report, XMLElement* parent, const char* name, const std::string& consequence,
+                   Severity severity) {
+  const bool root = parent->Parent() != nullptr && parent->Parent()->ToDocument() != nullptr;
+  report.Add(parent->GetLineNum(), severity,
+             std::string(parent->Name()) + (root ? " (the root)" : "") + " has no " + name + ": " + consequence);
+}
+
+XMLElement* Require(Report& report, XMLElement* parent, const char* name, const std::string& consequence,
+                    Severity severity, const ListRule* walk) {
+  XMLElement* child = Fixed(report, parent, name, walk);
+  if (child == nullptr) ReportMissing(report, parent, name, consequence, severity);
   return child;
 }
 
@@ -214,7 +292,7 @@ void CheckAttributes(Report& report, const XMLElement* e, const std::string& wha
 
 XMLElement* CheckSlot(Report& report, XMLElement* entry, const char* key, const char* name,
                       std::initializer_list<const char*> attributes, const std::string& command) {
-  XMLElement* slot = table::Child(entry, name);
+  XMLElement* slot = Fixed(report, entry, name);
   const std::string owner = Describe(entry, key);
   if (slot == nullptr) {
     std::vector<std::string> words(attributes.begin(), attributes.end());
@@ -258,11 +336,18 @@ void CheckFallbacks(Report& report, XMLElement* list, const std::vector<XMLEleme
     report.Warning(list, std::string(list->Name()) + " has no " + row + ": " + rule.command +
                              " answers empty texts, and true, for every key it does not hold");
   }
+  // Asked for the fall-back key itself, the walk stops at the first such row;
+  // for any key it does not hold, it falls back to the last.
   for (size_t i = 0; i + 1 < rows.size(); ++i) {
-    report.Warning(rows[i], row + " is not the last of its kind (" + Line(rows.back()) +
-                                " is): " + rule.command +
-                                " falls back to the last one, and returns this one only when asked "
-                                "for " + Quote(fallback) + " itself");
+    const std::string not_last = row + " is not the last of its kind (" + Line(rows.back()) + " is): " +
+                                 rule.command + " falls back to the last one";
+    if (i == 0) {
+      report.Warning(rows[i], not_last + ", and returns this one only when asked for " + Quote(fallback) +
+                                  " itself");
+    } else {
+      report.Unused(rows[i], not_last + ", and when asked for " + Quote(fallback) + " itself returns the first (" +
+                                 Line(rows.front()) + "), so it never returns this one");
+    }
   }
 }
 

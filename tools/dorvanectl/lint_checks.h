@@ -52,6 +52,9 @@ struct ListRule {
   Severity repeat = Severity::kError;
   std::string repeat_effect;
   const char* fallback = nullptr;  // a key with a meaning of its own ("default")
+  // A key with a blank at an end: a warning, or an error where a key that
+  // misses makes the lookup hang.
+  Severity blank = Severity::kWarning;
 };
 
 // The keys met so far in one lookup's walk: as they are and folded to lower
@@ -71,15 +74,35 @@ std::vector<tinyxml2::XMLElement*> CheckList(Report& report, tinyxml2::XMLElemen
                                              const ListRule& rule, KeyIndex& seen);
 std::vector<tinyxml2::XMLElement*> CheckList(Report& report, tinyxml2::XMLElement* list,
                                              const ListRule& rule);
+// True when an element named `actual` was probably meant to be `wanted`, which
+// the lookups follow: the same name in another case, with a namespace prefix,
+// or with underscores added or left out.
+bool NearMiss(const char* actual, const char* wanted);
+// Why a near-miss name is not followed, in parentheses.
+std::string NearMissReason(const char* actual, const char* wanted);
+
 // True when `e` bears the rule's entry name (not an element of another name
 // that the walk takes as an entry).
 bool IsEntry(const tinyxml2::XMLElement* e, const ListRule& rule);
 
-// The child of `parent` on a fixed path; a finding naming `consequence` when
-// it is missing: an error by default, a note for a list that only one of the
-// kind's lookups reads (that lookup then answers "not found").
+// The child of `parent` on a fixed path (its first child of that name). Later
+// children of the name and children whose names are near misses of it are
+// never read: errors. `walk`, when the parent is also a list, names the walk
+// that takes every later sibling of its first entry, which may find them.
+tinyxml2::XMLElement* Fixed(Report& report, tinyxml2::XMLElement* parent, const char* name,
+                            const ListRule* walk = nullptr);
+// Only the near misses of Fixed.
+void NearMisses(Report& report, tinyxml2::XMLElement* parent, const char* name,
+                const ListRule* walk = nullptr);
+// The finding of a missing fixed child.
+void ReportMissing(Report& report, tinyxml2::XMLElement* parent, const char* name,
+                   const std::string& consequence, Severity severity = Severity::kError);
+// Fixed, and a finding naming `consequence` when the child is missing: an
+// error by default, a note for a list that only one of the kind's lookups
+// reads (that lookup then answers "not found").
 tinyxml2::XMLElement* Require(Report& report, tinyxml2::XMLElement* parent, const char* name,
-                              const std::string& consequence, Severity severity = Severity::kError);
+                              const std::string& consequence, Severity severity = Severity::kError,
+                              const ListRule* walk = nullptr);
 // Attributes that a lookup copies out of `e` (described as `what`): missing
 // ones read as empty texts.
 void CheckAttributes(Report& report, const tinyxml2::XMLElement* e, const std::string& what,

@@ -14,6 +14,11 @@ namespace {
 
 const char kSilently[] = " fails silently";
 
+bool HasBlankEnd(const std::string& text) {
+  auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
+  return !text.empty() && (blank(text.front()) || blank(text.back()));
+}
+
 // An Item list whose text is the answer (MCCMNCTable, MCCTable).
 void CheckItems(Report& report, XMLElement* table, const char* key, const char* command) {
   for (XMLElement* item : CheckList(report, table, {"Item", key, command})) {
@@ -29,9 +34,11 @@ void CheckCarrierRules(Report& report, XMLElement* root) {
                                   "carrier-id-by-mcc, carrier-id-by-iccid and param-firmware-by-mcc "
                                   "fail silently");
   if (switching != nullptr) {
+    const ListRule registered{"Registered", "mcc", "param-firmware-by-mcc"};
     XMLElement* selection = Require(report, switching, "SelectionRule",
                                     "carrier-id-by-mccmnc fails and logs \"selectionRuleNode is null.\"; "
-                                    "carrier-id-by-mcc and carrier-id-by-iccid fail silently");
+                                    "carrier-id-by-mcc and carrier-id-by-iccid fail silently",
+                                    Severity::kError, &registered);
     if (selection != nullptr) {
       if (XMLElement* t = Require(report, selection, "MCCMNCTable",
                                   "carrier-id-by-mccmnc fails and logs \"MCCMNCTable node is null.\"",
@@ -47,22 +54,21 @@ void CheckCarrierRules(Report& report, XMLElement* root) {
         CheckRanges(report, t);
       }
     }
-    const ListRule registered{"Registered", "mcc", "param-firmware-by-mcc"};
     for (XMLElement* e : CheckList(report, switching, registered)) {
       if (IsEntry(e, registered)) {
         CheckSlot(report, e, "mcc", "PARAMFirmware", {"File", "Ver", "Type", "Count"}, registered.command);
       }
     }
   }
-  if (XMLElement* rule = table::Child(root, "SelectionRule")) {
-    CheckList(report, rule, {"Item", "mcc", "selection-rule-by-mcc"});
-  }
+  // The root's SelectionRule is read by selection-rule-by-mcc, which answers
+  // false whatever the list holds (deployed callers only need the file read):
+  // nothing in the list changes an answer, so nothing in it is reported.
+  Fixed(report, root, "SelectionRule");
 }
 
 void CheckSelectionRules(Report& report, XMLElement* root) {
-  if (XMLElement* rule = Require(report, root, "SelectionRule", "selection-rule-by-mcc reads nothing")) {
-    CheckList(report, rule, {"Item", "mcc", "selection-rule-by-mcc"});
-  }
+  // Only its presence matters: see CheckCarrierRules.
+  Require(report, root, "SelectionRule", "selection-rule-by-mcc reads nothing");
 }
 
 void CheckCarrierFirmware(Report& report, XMLElement* root) {
@@ -176,17 +182,30 @@ void CheckLaterSku(Report& report, XMLElement* sku, XMLElement* first) {
 }  // namespace
 
 void CheckSku(Report& report, XMLElement* root) {
-  XMLElement* first = Require(report, root, "SKU_GUID", std::string("param-firmware-by-sku") + kSilently);
-  if (first == nullptr) return;
+  // Later SKU_GUIDs are judged one by one below.
+  XMLElement* first = table::Child(root, "SKU_GUID");
+  NearMisses(report, root, "SKU_GUID");
+  if (first == nullptr) {
+    ReportMissing(report, root, "SKU_GUID", std::string("param-firmware-by-sku") + kSilently);
+    return;
+  }
   const char* id = first->Attribute("ID");
   const std::string never = ": param-firmware-by-sku reads only the first SKU_GUID, so it never "
                             "returns, whatever it is asked";
   if (id == nullptr) {
     report.Error(first, "the first SKU_GUID has no ID" + never);
-  } else if (table::Child(first, "Area") == nullptr) {
-    report.Error(first, "the first SKU_GUID, " + Describe(first, "ID") + ", has no Area" + never);
   } else {
-    const ListRule rule{"Area", "ID", "param-firmware-by-sku " + std::string(id)};
+    if (table::Child(first, "Area") == nullptr) {
+      report.Error(first, "the first SKU_GUID, " + Describe(first, "ID") + ", has no Area" + never);
+    }
+    if (HasBlankEnd(id)) {
+      report.Error(first, "the ID of the first SKU_GUID, " + Quote(id) +
+                              ", has a blank at an end: param-firmware-by-sku answers only a SKU written "
+                              "with the same blank, and never returns for the SKU without it");
+    }
+    ListRule rule{"Area", "ID", "param-firmware-by-sku " + std::string(id)};
+    // An area the walk misses makes the lookup wait for ever.
+    rule.blank = Severity::kError;
     for (XMLElement* area : CheckList(report, first, rule)) {
       if (IsEntry(area, rule)) {
         CheckSlot(report, area, "ID", "PARAMFirmware", {"File", "Ver", "Type", "Count"}, rule.command);
@@ -201,21 +220,29 @@ void CheckSku(Report& report, XMLElement* root) {
 
 namespace {
 
-void CheckCombineMode(Report& report, XMLElement* paths) {
+// `reached`: the lookup gets as far as the mode (the mapping table is there),
+// so what it then logs can be named.
+void CheckCombineMode(Report& report, XMLElement* paths, bool reached) {
   const char* mode = paths->Attribute("CombineMode");
+  const std::string effect = std::string("device-config-id finds nothing") +
+                             (reached ? " and logs \"getWwanDeviceConfigID not find.\"" : "");
   if (mode == nullptr) {
-    report.Error(paths, "CustProductNamePathToUniqueSkuID has no CombineMode: device-config-id finds "
-                        "nothing and logs \"getWwanDeviceConfigID not find.\"");
+    report.Error(paths, "CustProductNamePathToUniqueSkuID has no CombineMode: " + effect);
   } else if (!table::EqualsIgnoringCase(mode, "Single") && !table::EqualsIgnoringCase(mode, "Combine")) {
     report.Error(paths, "CombineMode " + Quote(mode) +
-                            " is neither Single nor Combine (compared without regard to case): "
-                            "device-config-id finds nothing and logs \"getWwanDeviceConfigID not find.\"");
+                            " is neither Single nor Combine (compared without regard to case): " + effect);
   }
 }
 
-bool HasBlankEnd(const std::string& text) {
-  auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
-  return !text.empty() && (blank(text.front()) || blank(text.back()));
+// The hive at the start of a key path ("HKEY_LOCAL_MACHINE", "HKLM", ...), or
+// the empty text.
+std::string HiveName(const std::string& key_path) {
+  const std::string first = key_path.substr(0, key_path.find('\\'));
+  if (first.size() > 5 && table::EqualsIgnoringCase(first.substr(0, 5), "HKEY_")) return first;
+  for (const char* hive : {"HKLM", "HKCU", "HKCR", "HKU", "HKCC"}) {
+    if (table::EqualsIgnoringCase(first, hive)) return first;
+  }
+  return "";
 }
 
 void CheckRegistryPath(Report& report, XMLElement* e) {
@@ -229,6 +256,10 @@ void CheckRegistryPath(Report& report, XMLElement* e) {
   if (!SplitRegistryPath(raw, key_path, value_name)) {
     report.Unused(e, what + (raw[0] == ',' ? " begins with its comma" : " has no comma") +
                         ": device-config-id needs \"key path,value name\" and skips it");
+  } else if (const std::string hive = HiveName(key_path); !hive.empty()) {
+    report.Unused(e, what + " begins with the hive name " + Quote(hive) +
+                         ": device-config-id opens the key path under HKEY_LOCAL_MACHINE itself, where it "
+                         "never finds a key of that name, and skips the entry");
   } else if (value_name.empty()) {
     report.Warning(e, what + " ends with its comma: the value name is empty, so device-config-id "
                              "reads the key's default value");
@@ -244,14 +275,17 @@ void CheckDeviceConfig(Report& report, XMLElement* root) {
   XMLElement* table = Require(report, root, "WwanDeviceConfigureIDTable",
                               "device-config-id fails and logs \"WwanDeviceConfigureidTable xml item error.\"");
   if (table == nullptr) return;
+  // The lookup looks for the mapping table first and stops there without it.
   XMLElement* mapping = Require(report, table, "UniqueSkuIDToWwanDeviceConfigureIDMappingTable",
                                 "device-config-id fails and logs "
                                 "\"UniqueSkuIDToWwanDeviceConfigureIDMappingTable error.\"");
   XMLElement* paths = Require(report, table, "CustProductNamePathToUniqueSkuID",
-                              "device-config-id fails and logs "
-                              "\"CustProductNamePathToUniqueSkuID xml item error.\"");
+                              mapping != nullptr
+                                  ? "device-config-id fails and logs "
+                                    "\"CustProductNamePathToUniqueSkuID xml item error.\""
+                                  : "device-config-id would fail here too, once the mapping table is there");
   if (paths != nullptr) {
-    CheckCombineMode(report, paths);
+    CheckCombineMode(report, paths, mapping != nullptr);
     const ListRule rule{"CustProductNamePath", nullptr, "device-config-id"};
     for (XMLElement* e : CheckList(report, paths, rule)) {
       if (IsEntry(e, rule)) CheckRegistryPath(report, e);
@@ -273,7 +307,7 @@ namespace {
 // The DEVFirmware of a Standard, and its Count as getCfgPkInfo reads it.
 void CheckDevFirmware(Report& report, XMLElement* standard, const std::string& command) {
   const std::string what = Describe(standard, "Value");
-  XMLElement* firmware = table::Child(standard, "DEVFirmware");
+  XMLElement* firmware = Fixed(report, standard, "DEVFirmware");
   if (firmware == nullptr) {
     report.Unused(standard, what + " has no DEVFirmware: " + command + " " +
                                table::Attr(standard, "Value") +
@@ -337,11 +371,11 @@ void CheckEsim(Report& report, XMLElement* root) {
     }
   }
   const std::string changes_nothing = " stops at the first, so this one changes nothing";
-  XMLElement* skus = table::Child(root, "SKU_BlackList");
+  XMLElement* skus = Fixed(report, root, "SKU_BlackList");
   if (on && skus == nullptr) {
-    Require(report, root, "SKU_BlackList",
-            "esim-disable-type with a SKU fails (0xFFFFFFFF) and logs \"SKU black xml item error.\"",
-            Severity::kNote);
+    ReportMissing(report, root, "SKU_BlackList",
+                  "esim-disable-type with a SKU fails (0xFFFFFFFF) and logs \"SKU black xml item error.\"",
+                  Severity::kNote);
   }
   if (skus != nullptr) {
     ListRule rule{"SKU", "SKUValue", "esim-disable-type --sku"};
@@ -350,9 +384,9 @@ void CheckEsim(Report& report, XMLElement* root) {
     rule.repeat_effect = rule.command + changes_nothing;
     CheckList(report, skus, rule);
   }
-  XMLElement* networks = table::Child(root, "IMSI_BlackList");
+  XMLElement* networks = Fixed(report, root, "IMSI_BlackList");
   if (on && networks == nullptr) {
-    Require(report, root, "IMSI_BlackList",
+    ReportMissing(report, root, "IMSI_BlackList",
             "esim-disable-type with an IMSI (and a SKU that is not black-listed) fails (0xFFFFFFFF) "
             "and logs \"IMSI black xml item error.\"",
             Severity::kNote);
@@ -387,7 +421,7 @@ void CheckScatter(Report& report, XMLElement* root) {
   const ListRule rule{"partition_index", nullptr, "update-scatter"};
   for (XMLElement* partition : CheckList(report, storage, rule)) {
     if (!IsEntry(partition, rule)) continue;
-    XMLElement* flag = table::Child(partition, "is_download");
+    XMLElement* flag = Fixed(report, partition, "is_download");
     if (flag == nullptr) {
       report.Warning(partition, "partition_index has no is_download: update-scatter leaves it as it is");
       continue;
