@@ -49,28 +49,40 @@ TEST(LintIccid, ARangeWhoseMinReadsAboveItsMaxNeverMatches) {
 
 TEST(LintIccid, TailsTooLargeFor32BitsSaturate) {
   const auto findings = LintOf(Rules(Range("89012600000000000000", "89012609999999999999", "A") +
-                                     Range("89021000000000000", "89029999999999999", "B")));
-  EXPECT_EQ(2u, findings.size()) << Listing(findings);
+                                     Range("89021000000000000", "89029999999999999", "B") +
+                                     Range("893000000000", "893080000000", "C")));
+  EXPECT_EQ(3u, findings.size()) << Listing(findings);
   EXPECT_FINDING(findings, 3, kWarning, "max's tail \"9999999999999\" after the shared prefix \"8901260\" is too "
                  "large for a 32-bit number and reads 0x7FFFFFFF, so carrier-id-by-iccid takes every ICCID that "
-                 "begins with \"8901260\" and has nine digits or more after it (leading zeros aside), whatever "
-                 "its digits");
+                 "begins with \"8901260\" and has nine digits or more, or eight from 80000000 on (leading zeros "
+                 "aside) after it, whatever its digits");
   EXPECT_FINDING(findings, 4, kWarning, "both tails after the shared prefix \"8902\" are too large for a 32-bit "
                  "number and read 0x7FFFFFFF");
+  // Eight digits are enough from 80000000 on.
+  EXPECT_FINDING(findings, 5, kWarning, "max's tail \"80000000\" after the shared prefix \"8930\" is too large");
+  EXPECT_TRUE(iccid::RangeMatches("8930FFFFFFFF", "893000000000", "893080000000"));
   EXPECT_TRUE(iccid::RangeMatches("89012609999999999999999", "89012600000000000000", "89012609999999999999"))
       << "even an ICCID above max";
 }
 
-TEST(LintIccid, ShortBoundsMissEveryWholeIccid) {
+TEST(LintIccid, ShortBoundsMatchWholeIccidsOnlyWithZerosAfterThePrefix) {
   const auto findings = LintOf(Rules(Range("8901", "890123", "A") + Range("8901260000", "8901269999", "B") +
-                                     Range("8903000000000000000", "8903000000000099999", "C")));
-  EXPECT_EQ(2u, findings.size()) << Listing(findings);
-  EXPECT_FINDING(findings, 3, kError, "an ICCID of 19 or 20 digits has a tail of 19 digits or more (min and max "
-                 "share no prefix, so whole ICCIDs are read as numbers)", "above max's 0x890123",
-                 "matches no such ICCID with this range");
-  EXPECT_FINDING(findings, 4, kError, "has a tail of 13 digits or more after the shared prefix \"890126\"");
+                                     Range("8903000000000000000", "8903000000000099999", "C") +
+                                     Range("891000000000000001", "891000000079999999", "D")));
+  EXPECT_EQ(3u, findings.size()) << Listing(findings);
+  EXPECT_FINDING(findings, 3, kWarning, "an ICCID of 19 or 20 digits has 19 digits or more (min and max share no "
+                 "prefix, so whole ICCIDs are read as numbers), and nine of them without leading zeros read "
+                 "0x7FFFFFFF, above max's 0x890123: carrier-id-by-iccid matches such an ICCID only when that part "
+                 "begins with zeros");
+  EXPECT_FINDING(findings, 4, kWarning, "has 13 digits or more after the shared prefix \"890126\"");
+  EXPECT_FINDING(findings, 6, kWarning, "has 9 digits or more after the shared prefix \"8910000000\"");
   EXPECT_FALSE(iccid::RangeMatches("8901260123456789012", "8901260000", "8901269999"));
   EXPECT_TRUE(iccid::RangeMatches("8903000000000012345", "8903000000000000000", "8903000000000099999"));
+  // What the warning leaves open: keys of the bounds' own length, and longer
+  // ones whose remainder begins with zeros.
+  EXPECT_TRUE(iccid::RangeMatches("891000000012345678", "891000000000000001", "891000000079999999"));
+  EXPECT_TRUE(iccid::RangeMatches("8910000000012345678", "891000000000000001", "891000000079999999"));
+  EXPECT_FALSE(iccid::RangeMatches("8910000000123456789", "891000000000000001", "891000000079999999"));
 }
 
 TEST(LintIccid, CharactersOtherThanDigits) {
@@ -78,7 +90,7 @@ TEST(LintIccid, CharactersOtherThanDigits) {
                                      Range("8901260000000000000", "8901260000000000x99", "C")));
   EXPECT_EQ(4u, findings.size()) << Listing(findings);
   EXPECT_FINDING(findings, 3, kError, "the shared prefix \"89A\" holds the non-digit \"A\", so no ICCID of digits "
-                 "begins with it and carrier-id-by-iccid never matches this range");
+                 "begins with it: carrier-id-by-iccid matches this range only for keys that hold \"A\" there");
   EXPECT_FINDING(findings, 4, kWarning, "min's tail \"A0\" holds the non-digit \"A\"",
                  "reads tails as hexadecimal numbers, in which \"A\" is a digit worth 10");
   EXPECT_FINDING(findings, 4, kWarning, "max's tail \"F0\" holds the non-digit \"F\"", "worth 15");
@@ -107,6 +119,27 @@ TEST(LintIccid, ARangeThatEarlierRangesCoverIsNeverReturned) {
   EXPECT_FINDING(findings, 6, kError, "min=\"8901260000000000000\" max=\"8901260000000000059\" is shadowed by the "
                  "earlier range at line 3:");
   EXPECT_FINDING(findings, 7, kError, "is shadowed by the earlier range at line 3:");
+}
+
+TEST(LintIccid, AnEarlierRangeWithAShorterPrefixThatSaturatesTakesEveryLaterOne) {
+  const auto findings = LintOf(Rules(Range("89000000000000000000", "89999999999999999999", "A") +
+                                     Range("8901260000000000000", "8901260000000000099", "B") +
+                                     Range("8810", "8819", "C") + Range("881500", "881599", "D") +
+                                     Range("0", "99999999999999999999", "E") + Range("7700", "7799", "F")));
+  EXPECT_FINDING(findings, 4, kError, "is shadowed by the earlier range at line 3, whose shorter shared prefix "
+                 "\"89\" takes every ICCID this one matches (what follows that prefix always reads within its "
+                 "tails), so carrier-id-by-iccid never returns it");
+  EXPECT_FINDING(findings, 8, kError, "is shadowed by the earlier range at line 7, which shares no prefix, takes "
+                 "every ICCID this one matches (the whole ICCID always reads within its tails)");
+  // Line 5 ends below saturation: keys of line 6 that run longer than its
+  // bounds read above it.
+  EXPECT_TRUE(testing::On(findings, 6, {"shadowed"}).empty()) << Listing(findings);
+  EXPECT_TRUE(iccid::RangeMatches("881500000", "881500", "881599"));
+  EXPECT_FALSE(iccid::RangeMatches("881500000", "8810", "8819"));
+  for (const char* key : {"8901260000000000042", "89012600000000000990", "890126 5", "8901260000000000000000000"}) {
+    SCOPED_TRACE(key);
+    EXPECT_TRUE(iccid::RangeMatches(key, "89000000000000000000", "89999999999999999999"));
+  }
 }
 
 TEST(LintIccid, OverlapsNameAnIccidThatBothMatch) {

@@ -19,7 +19,7 @@ const char kCommand[] = "carrier-id-by-iccid";
 // What a tail too large for a 32-bit number reads as.
 constexpr long kSaturated = 2147483647;
 // ICCIDs have 19 or 20 digits: a tail of nine digits or more (not starting
-// with 0) saturates.
+// with 0) saturates, and so does one of eight from 80000000 on.
 constexpr size_t kShortestIccid = 19;
 constexpr size_t kSaturatingDigits = 9;
 
@@ -42,9 +42,9 @@ struct Range {
   }
   // The ICCIDs whose tails saturate.
   std::string LongTails() const {
-    return prefix > 0 ? "every ICCID that begins with " + Quote(Prefix()) +
-                            " and has nine digits or more after it (leading zeros aside)"
-                      : "every ICCID of nine digits or more (leading zeros aside)";
+    const std::string big = "nine digits or more, or eight from 80000000 on (leading zeros aside)";
+    return prefix > 0 ? "every ICCID that begins with " + Quote(Prefix()) + " and has " + big + " after it"
+                      : "every ICCID of " + big;
   }
 };
 
@@ -82,9 +82,11 @@ bool CheckDigits(Report& report, const Range& r) {
     const char c = (*bound)[at];
     const std::string shown = Quote(std::string(1, c));
     if (at < r.prefix) {
-      report.Unused(r.element, r.What() + ": the shared prefix " + Quote(r.Prefix()) +
+      // Not marked unused: a key holding the same non-digit still matches.
+      report.Error(r.element, r.What() + ": the shared prefix " + Quote(r.Prefix()) +
                                   " holds the non-digit " + shown + ", so no ICCID of digits begins "
-                                  "with it and " + kCommand + " never matches this range");
+                                  "with it: " + kCommand + " matches this range only for keys that hold " +
+                                  shown + " there");
       return false;
     }
     std::string how;
@@ -126,11 +128,12 @@ bool CheckBounds(Report& report, const Range& r) {
                                   (r.low == kSaturated ? "" : "s") + " 0x7FFFFFFF, so " + kCommand +
                                   " takes " + r.LongTails() + ", whatever its digits");
   } else if (r.prefix + kSaturatingDigits <= kShortestIccid) {
-    report.Error(r.element, r.What() + ": an ICCID of 19 or 20 digits has a tail of " +
-                                std::to_string(kShortestIccid - r.prefix) + " digits or more " +
-                                r.After() + ", which reads 0x7FFFFFFF unless it starts with zeros, "
-                                "above max's " + Hex(r.high) + ": " + kCommand +
-                                " matches no such ICCID with this range");
+    // Shorter keys, and long ones whose tail begins with zeros, still match.
+    report.Warning(r.element, r.What() + ": an ICCID of 19 or 20 digits has " +
+                                  std::to_string(kShortestIccid - r.prefix) + " digits or more " + r.After() +
+                                  ", and nine of them without leading zeros read 0x7FFFFFFF, above max's " +
+                                  Hex(r.high) + ": " + kCommand +
+                                  " matches such an ICCID only when that part begins with zeros");
   }
   return true;
 }
@@ -154,6 +157,21 @@ std::vector<const Range*> Cover(std::vector<const Range*> spans, const Range& r)
     next = static_cast<long long>(best->high) + 1;
   }
   return cover;
+}
+
+// True when `e`, whose shared prefix is a proper prefix of that of `r`, takes
+// every key that `r` matches, whatever the key holds. After the shorter prefix
+// the lookup reads r's remaining prefix digits D followed by the key's leading
+// hexadecimal run: D alone when the key's tail begins with anything else (a
+// blank or a sign), and up to saturation when the tail begins with zeros. So
+// `e` must take every value from D's to 0x7FFFFFFF (only D's when r admits
+// negative tails alone); D of zeros reads 0 and adds nothing.
+bool TakesAllOf(const Range& e, const Range& r) {
+  const std::string digits = r.Prefix().substr(e.prefix);
+  if (digits == "0") return false;  // "0" followed by "x" would start a 0x prefix
+  const long d = iccid::Tail(digits, 0);
+  if (d == 0) return e.low <= 0 && std::max(r.high, 0L) <= e.high;
+  return e.low <= d && (r.high < 0 ? d <= e.high : e.high == kSaturated);
 }
 
 // An ICCID that both ranges match, or the empty text. Ranges whose prefixes
@@ -230,6 +248,17 @@ void CheckShadow(Report& report, const Range& r, const Earlier& earlier) {
                                 " at line" + (lines.size() > 1 ? "s " : " ") + JoinWords(lines) +
                                 ": every ICCID it matches is matched there first, so " + kCommand +
                                 " never returns it");
+    return;
+  }
+  for (const Range* e : earlier.Related(r)) {
+    if (e->prefix >= r.prefix || !TakesAllOf(*e, r)) continue;
+    report.Unused(r.element, r.What() + " is shadowed by the earlier range at line " + LineOf(*e) + ", " +
+                                 (e->prefix > 0 ? "whose shorter shared prefix " + Quote(e->Prefix())
+                                                : "which shares no prefix,") +
+                                 " takes every ICCID this one matches (" +
+                                 (e->prefix > 0 ? "what follows that prefix" : "the whole ICCID") +
+                                 " always reads within its tails), so " + kCommand +
+                                 " never returns it");
     return;
   }
   // The first earlier range that shares an ICCID with this one. With the same
