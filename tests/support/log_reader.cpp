@@ -2,11 +2,23 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <fstream>
 #include <regex>
 #include <sstream>
 
 namespace dorvane::testing {
+
+namespace {
+
+// A test program's output goes to a pipe, which the C library buffers: a
+// process that dies before it flushes would leave no trace of how far it got.
+const bool kUnbufferedOutput = [] {
+  std::setvbuf(stdout, nullptr, _IONBF, 0);
+  return true;
+}();
+
+}  // namespace
 
 std::string ReadFileBytes(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
