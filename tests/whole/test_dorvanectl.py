@@ -432,21 +432,39 @@ class TableCommands(unittest.TestCase):
 
     # dorvanectl lint: the same tables, read as the lookups read them.
 
-    FINDING = re.compile(r"^(.+):(\d+): (error|warning): (.+)$")
+    FINDING = re.compile(r"^(.+):(\d+): (error|warning|note): (.+)$")
+    CLEAN = re.compile(r"^(.+): clean \(([a-z-]+)\)$")
 
     def lint(self, *args):
         return self.run_ctl("lint", *args)
 
-    def test_lint_is_silent_on_clean_tables(self):
+    def put_table(self, path, content):
+        """Writes text as UTF-8, bytes as they are; gives the path."""
+        with open(self.box.unix_path(path), "wb") as f:
+            f.write(content if isinstance(content, bytes) else content.encode())
+        return path
+
+    def linted_files(self, stdout):
+        """The files that the lines of a text listing name, in their order, each once."""
+        files = []
+        for line in stdout.splitlines():
+            match = self.FINDING.match(line) or self.CLEAN.match(line)
+            self.assertIsNotNone(match, line)
+            if match.group(1) not in files:
+                files.append(match.group(1))
+        return files
+
+    def test_lint_says_clean_of_clean_tables(self):
         t = r"C:\tables" + "\\"
         files = [t + name for name in ("esim.xml", "region.xml", "package_info.xml", "FwPackageInfo.xml")]
+        kinds = ["esim", "region", "package-info", "fw-package-info"]
         result = self.lint(*files)
-        self.assertEqual((0, "", ""), (result.returncode, result.stdout, result.stderr))
+        self.assertEqual((0, "".join("%s: clean (%s)\n" % fk for fk in zip(files, kinds)), ""),
+                         (result.returncode, result.stdout, result.stderr))
         result = self.lint(*files, "--json")
         self.assertEqual(0, result.returncode, result.stderr)
         objects = [json.loads(line) for line in result.stdout.splitlines()]
-        self.assertEqual([{"file": f, "kind": k, "findings": []} for f, k in
-                          zip(files, ["esim", "region", "package-info", "fw-package-info"])], objects)
+        self.assertEqual([{"file": f, "kind": k, "findings": []} for f, k in zip(files, kinds)], objects)
 
     def test_lint_reports_what_the_lookups_do_as_file_line_severity_message(self):
         t = r"C:\tables" + "\\"
@@ -493,28 +511,72 @@ class TableCommands(unittest.TestCase):
         self.assertEqual("error", broken[0]["severity"])
         self.assertTrue(broken[0]["message"].startswith("the table does not load (Error=XML_ERROR_"), broken)
 
-    def test_lint_exit_status_2_for_unreadable_files_unknown_kinds_and_usage(self):
+    def test_lint_exit_status_gates_on_the_lowest_failing_severity_and_is_2_for_files_not_checked(self):
         t = r"C:\tables" + "\\"
-        with open(self.box.unix_path(t + "unknown.xml"), "w") as f:
-            f.write("<Inventory><Thing/></Inventory>")
-        result = self.lint(t + "missing.xml", t + "region.xml")
-        self.assertEqual((2, ""), (result.returncode, result.stdout))
-        self.assertEqual("dorvanectl: lint: %smissing.xml: cannot read it (XML_ERROR_FILE_NOT_FOUND)" % t,
-                         result.stderr.strip())
+        notes = self.put_table(t + "notes.xml", "<Rules><SwitchingRule><SelectionRule><MCCMNCTable>"
+                               "<Item mccmnc=\"310260\">TMO</Item></MCCMNCTable></SelectionRule></SwitchingRule>"
+                               "</Rules>")
+        warnings = self.put_table(t + "warnings.xml", REGION.replace("\"460\"", "\"460 \""))
+        self.put_table(t + "unknown.xml", "<Inventory><Thing/></Inventory>")
+        # The arguments, the status, the severities of the findings printed and
+        # what standard error says.
+        cases = [
+            ([notes], 0, {"note"}, ""),
+            ([notes, "--fail-on", "note"], 1, {"note"}, ""),
+            ([warnings], 1, {"warning"}, ""),
+            ([warnings, "--fail-on", "error"], 0, {"warning"}, ""),
+            ([t + "skus.xml", "--fail-on", "error"], 1, {"error"}, ""),
+            ([t + "missing.xml", t + "rules.xml"], 2, {"error", "warning"},
+             t + "missing.xml: cannot read it (XML_ERROR_FILE_NOT_FOUND)"),
+            ([t + "unknown.xml"], 2, set(), t + "unknown.xml: cannot tell what table this is; name its kind with "
+             "--kind (carrier-rules, selection-rules, carrier-firmware, customer-model, package-info, "
+             "fw-package-info, sku, device-config, image-mapping, esim, region, scatter)"),
+            ([t + "*.cfg", notes], 2, {"note"}, t + "*.cfg: no file matches"),
+            ([r"C:\tab*\rules.xml"], 2, set(),
+             r"C:\tab*\rules.xml: * and ? are expanded only in the last part of a path, not in its folders"),
+        ]
+        for args, status, severities, problem in cases:
+            with self.subTest(args=args):
+                result = self.lint(*args)
+                self.assertEqual(status, result.returncode, result.stdout + result.stderr)
+                self.assertEqual(problem and "dorvanectl: lint: %s\n" % problem, result.stderr)
+                shown = [self.FINDING.match(line) for line in result.stdout.splitlines()]
+                self.assertNotIn(None, shown, result.stdout)
+                self.assertEqual(severities, {m.group(3) for m in shown})
         result = self.lint(t + "unknown.xml", "--json")
-        self.assertEqual(2, result.returncode)
-        self.assertIn("cannot tell what table this is; name its kind with --kind (carrier-rules, "
-                      "selection-rules, carrier-firmware, customer-model, package-info, fw-package-info, sku, "
-                      "device-config, image-mapping, esim, region, scatter)", result.stderr)
         self.assertEqual(None, json.loads(result.stdout)["kind"])
         result = self.lint(t + "unknown.xml", "--kind", "region")
         self.assertEqual(1, result.returncode)
         self.assertEqual(t + "unknown.xml:1: error: Inventory (the root) has no SelectionRule: regulatory-by-mcc "
                          "fails (0) and logs \"SelectionRule xml item error.\"\n", result.stdout)
-        for args in ([], [t + "region.xml", "--kind", "regions"], [t + "region.xml", "--kind"]):
+        for args in ([], [t + "region.xml", "--kind", "regions"], [t + "region.xml", "--kind"],
+                     [t + "region.xml", "--fail-on", "notes"]):
             with self.subTest(args=args):
                 result = self.lint(*args)
                 self.assertEqual((2, ""), (result.returncode, result.stdout))
+
+    def test_lint_checks_every_xml_file_of_a_folder_or_pattern_in_name_order(self):
+        release = r"C:\release"
+        for folder in (r"\sub.xml", r"\empty"):
+            os.makedirs(self.box.unix_path(release + folder), exist_ok=True)
+        self.put_table(release + r"\B.XML", REGION)
+        self.put_table(release + r"\a.xml", REGION.replace("\"460\"", "\"460 \""))
+        self.put_table(release + r"\readme.txt", "not a table")
+        self.put_table(release + r"\sub.xml\deeper.xml", REGION)
+        self.put_table(release + r"\empty\notes.txt", "")
+        found = [release + r"\a.xml", release + r"\B.XML"]
+        for args, files in [([release], found), ([release + "\\"], found), ([release + r"\*.XML"], found),
+                            ([release + r"\b*", release + r"\a.xml"], found[::-1])]:
+            with self.subTest(args=args):
+                result = self.lint(*args)
+                self.assertEqual((1, ""), (result.returncode, result.stderr), result.stdout)
+                self.assertEqual(files, self.linted_files(result.stdout))
+                self.assertIn(release + r"\B.XML: clean (region)", result.stdout.splitlines())
+        result = self.lint(release, "--json")
+        self.assertEqual(found, [json.loads(line)["file"] for line in result.stdout.splitlines()])
+        result = self.lint(release + r"\empty")
+        self.assertEqual((2, "", "dorvanectl: lint: %s\\empty: no .xml file in it\n" % release),
+                         (result.returncode, result.stdout, result.stderr))
 
 
 DEVICE_TABLE = r"""<T><WwanDeviceConfigureIDTable>

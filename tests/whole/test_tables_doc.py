@@ -184,7 +184,8 @@ class TablesDoc(unittest.TestCase):
             if block.findings:
                 self.assertEqual(1, result.returncode, result.stdout + result.stderr)
             else:
-                self.assertEqual((0, ""), (result.returncode, result.stdout), result.stderr)
+                self.assertEqual(0, result.returncode, result.stdout + result.stderr)
+                self.assertRegex(result.stdout, r"\A%s: clean \([a-z-]+\)\n\Z" % re.escape(block.file))
 
     def test_the_examples_do_what_the_document_says(self):
         self.assertTrue(self.blocks, "no marked examples in %s" % ARGS.doc)

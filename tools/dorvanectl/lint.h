@@ -77,8 +77,14 @@ struct FileResult {
   std::optional<Kind> kind;   // unknown when the table could not be read or recognised
   std::vector<Finding> findings;
   std::string problem;        // why the file was not checked at all, or empty
-  // 0 clean, 1 findings, 2 a problem.
-  int Status() const { return !problem.empty() ? 2 : findings.empty() ? 0 : 1; }
+  // 2 for a problem; else 1 when a finding is of `fail_on` or above; else 0.
+  int Status(Severity fail_on = Severity::kWarning) const {
+    if (!problem.empty()) return 2;
+    for (const Finding& f : findings) {
+      if (f.severity >= fail_on) return 1;
+    }
+    return 0;
+  }
 };
 
 // Reads the file as the lookups do and checks it as `kind`, or as the kind its

@@ -47,7 +47,8 @@ const std::map<std::string, const char*>& Examples() {
       {"zip-items", "dorvanectl --json zip-items C:\\pkg\\fw.zip"},
       {"install-usb-driver", "dorvanectl install-usb-driver"},
       {"zip-result-text", "dorvanectl zip-result-text 0x700"},
-      {"lint", "dorvanectl lint C:\\tables\\rules.xml C:\\tables\\skus.xml"},
+      {"lint", "dorvanectl lint C:\\tables\\rules.xml C:\\tables\\skus.xml\n"
+               "  dorvanectl lint --fail-on error C:\\release\\tables C:\\fw\\*.xml"},
       {"help", "dorvanectl help carrier-id-by-mcc"},
   };
   return examples;
