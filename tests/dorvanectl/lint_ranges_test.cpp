@@ -54,8 +54,8 @@ TEST(LintIccid, TailsTooLargeFor32BitsSaturate) {
   EXPECT_EQ(3u, findings.size()) << Listing(findings);
   EXPECT_FINDING(findings, 3, kWarning, "max's tail \"9999999999999\" after the shared prefix \"8901260\" is too "
                  "large for a 32-bit number and reads 0x7FFFFFFF, so carrier-id-by-iccid takes every ICCID that "
-                 "begins with \"8901260\" and has nine digits or more, or eight from 80000000 on (leading zeros "
-                 "aside) after it, whatever its digits");
+                 "begins with \"8901260\" and goes on with nine digits or more, or eight from 80000000 on (leading "
+                 "zeros aside), whatever its digits");
   EXPECT_FINDING(findings, 4, kWarning, "both tails after the shared prefix \"8902\" are too large for a 32-bit "
                  "number and read 0x7FFFFFFF");
   // Eight digits are enough from 80000000 on.

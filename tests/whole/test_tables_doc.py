@@ -128,6 +128,8 @@ def trimmed(lines):
 
 
 class TablesDoc(unittest.TestCase):
+    maxDiff = None  # a failing example shows its whole output
+
     @classmethod
     def setUpClass(cls):
         cls.box = WineBox(os.path.join(ARGS.work, "tables_doc"), base=ARGS.base)

@@ -43,7 +43,7 @@ struct Range {
   // The ICCIDs whose tails saturate.
   std::string LongTails() const {
     const std::string big = "nine digits or more, or eight from 80000000 on (leading zeros aside)";
-    return prefix > 0 ? "every ICCID that begins with " + Quote(Prefix()) + " and has " + big + " after it"
+    return prefix > 0 ? "every ICCID that begins with " + Quote(Prefix()) + " and goes on with " + big
                       : "every ICCID of " + big;
   }
 };
