@@ -495,21 +495,21 @@ class TableCommands(unittest.TestCase):
         for args in (["--json", "lint", t + "rules.xml", t + "broken.xml"],
                      ["lint", t + "rules.xml", t + "broken.xml", "--json"]):
             result = self.run_ctl(*args)
-            self.assertEqual(1, result.returncode, result.stderr)
+            self.assertEqual(2, result.returncode, result.stderr)
             objects = [json.loads(line) for line in result.stdout.splitlines()]
             self.assertEqual([t + "rules.xml", t + "broken.xml"], [o["file"] for o in objects])
             self.assertEqual(["carrier-rules", None], [o["kind"] for o in objects])
             again = []
             for o in objects:
-                self.assertEqual({"file", "kind", "findings"}, set(o))
                 for f in o["findings"]:
                     self.assertEqual({"line", "severity", "message"}, set(f))
                     again.append("%s:%d: %s: %s" % (o["file"], f["line"], f["severity"], f["message"]))
             self.assertEqual(text, again)
-        broken = objects[1]["findings"]
-        self.assertEqual(1, len(broken), broken)
-        self.assertEqual("error", broken[0]["severity"])
-        self.assertTrue(broken[0]["message"].startswith("the table does not load (Error=XML_ERROR_"), broken)
+        self.assertEqual({"file", "kind", "findings"}, set(objects[0]))
+        self.assertEqual({"file": t + "broken.xml", "kind": None, "findings": [],
+                          "problem": "the table does not load (Error=XML_ERROR_MISMATCHED_ELEMENT ErrorID=14 "
+                                     "(0xe) Line number=1: XMLElement name=SwitchingRule): every lookup of it "
+                                     "fails"}, objects[1])
 
     def test_lint_exit_status_gates_on_the_lowest_failing_severity_and_is_2_for_files_not_checked(self):
         t = r"C:\tables" + "\\"
@@ -517,7 +517,10 @@ class TableCommands(unittest.TestCase):
                                "<Item mccmnc=\"310260\">TMO</Item></MCCMNCTable></SelectionRule></SwitchingRule>"
                                "</Rules>")
         warnings = self.put_table(t + "warnings.xml", REGION.replace("\"460\"", "\"460 \""))
+        utf16 = self.put_table(t + "utf16.xml", b"\xff\xfe" + REGION.encode("utf-16-le"))
         self.put_table(t + "unknown.xml", "<Inventory><Thing/></Inventory>")
+        refused = "the table does not load (Error=XML_ERROR_MISMATCHED_ELEMENT ErrorID=14 (0xe) Line number=1: " \
+                  "XMLElement name=SwitchingRule): "
         # The arguments, the status, the severities of the findings printed and
         # what standard error says.
         cases = [
@@ -526,6 +529,13 @@ class TableCommands(unittest.TestCase):
             ([warnings], 1, {"warning"}, ""),
             ([warnings, "--fail-on", "error"], 0, {"warning"}, ""),
             ([t + "skus.xml", "--fail-on", "error"], 1, {"error"}, ""),
+            ([t + "broken.xml"], 2, set(), t + "broken.xml: " + refused + "every lookup of it fails"),
+            ([t + "broken.xml", "--kind", "carrier-rules"], 2, set(),
+             t + "broken.xml: " + refused + "carrier-id-by-mccmnc fails and logs \"load xml error.\"; "
+             "carrier-id-by-mcc, carrier-id-by-iccid and param-firmware-by-mcc fail silently"),
+            ([utf16], 2, set(), utf16 + ": it is UTF-16 (little-endian, by its byte-order mark); the lookups read "
+             "only 8-bit text (ASCII or UTF-8), so the table does not load (Error=XML_ERROR_PARSING ErrorID=15 "
+             "(0xf) Line number=1): every lookup of it fails"),
             ([t + "missing.xml", t + "rules.xml"], 2, {"error", "warning"},
              t + "missing.xml: cannot read it (XML_ERROR_FILE_NOT_FOUND)"),
             ([t + "unknown.xml"], 2, set(), t + "unknown.xml: cannot tell what table this is; name its kind with "

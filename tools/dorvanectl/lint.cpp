@@ -1,6 +1,7 @@
 #include "tools/dorvanectl/lint.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <initializer_list>
 
@@ -59,6 +60,9 @@ const KindInfo kKinds[] = {
     {Kind::kScatter, "scatter", "update-scatter fails and leaves the file as it is",
      "update-scatter fails and leaves the file as it is", CheckScatter},
 };
+
+// How many of a file's first bytes tell its encoding: four characters of UTF-32.
+constexpr size_t kEncodingBytes = 16;
 
 const KindInfo& InfoOf(Kind kind) {
   for (const KindInfo& info : kKinds) {
@@ -122,8 +126,17 @@ bool IsUnreadable(tinyxml2::XMLError error) {
          error == tinyxml2::XML_ERROR_FILE_READ_ERROR;
 }
 
+// Why a document that was read did not load, in tinyxml2's words (its error
+// and line), and what the lookups of `kind` then do.
+std::string Unloadable(tinyxml2::XMLDocument& doc, std::optional<Kind> kind) {
+  return "the table does not load (" + Escape(doc.ErrorStr() ? doc.ErrorStr() : "") + "): " +
+         (kind ? InfoOf(*kind).unloadable : "every lookup of it fails");
+}
+
 // Checks a document that was read (or not) by the reading convention.
-FileResult Examine(tinyxml2::XMLDocument& doc, std::optional<Kind> kind, const std::string& file) {
+// `encoding`: what ForeignEncoding found in its first bytes.
+FileResult Examine(tinyxml2::XMLDocument& doc, std::optional<Kind> kind, const std::string& file,
+                   const std::string& encoding) {
   FileResult result;
   result.file = file;
   result.kind = kind;
@@ -131,11 +144,13 @@ FileResult Examine(tinyxml2::XMLDocument& doc, std::optional<Kind> kind, const s
     result.problem = std::string("cannot read it (") + doc.ErrorName() + ")";
     return result;
   }
+  if (!encoding.empty()) {
+    result.problem = "it is " + encoding + "; the lookups read only 8-bit text (ASCII or UTF-8)";
+    if (doc.Error()) result.problem += ", so " + Unloadable(doc, kind);
+    return result;
+  }
   if (doc.Error()) {
-    Finding f{std::max(1, doc.ErrorLineNum()), Severity::kError,
-              "the table does not load (" + Escape(doc.ErrorStr() ? doc.ErrorStr() : "") + "): " +
-                  (kind ? InfoOf(*kind).unloadable : "every lookup of it fails")};
-    result.findings.push_back(std::move(f));
+    result.problem = Unloadable(doc, kind);
     return result;
   }
   XMLElement* root = doc.RootElement();
@@ -247,15 +262,65 @@ std::vector<Finding> Check(Kind kind, XMLElement* root) {
 }
 
 FileResult LintFile(const std::string& path, std::optional<Kind> kind) {
+  // The first bytes, for their encoding; a file that cannot be opened or read
+  // is named by tinyxml2's load below.
+  std::string head;
+  if (FILE* file = std::fopen(path.c_str(), "rb")) {
+    char bytes[kEncodingBytes];
+    head.assign(bytes, std::fread(bytes, 1, sizeof bytes, file));
+    std::fclose(file);
+  }
   table::Document doc;
   doc.Load(path);
-  return Examine(doc.doc(), kind, path);
+  return Examine(doc.doc(), kind, path, ForeignEncoding(head));
 }
 
 FileResult LintText(const std::string& xml, std::optional<Kind> kind, const std::string& file) {
   table::Document doc;
   doc.doc().Parse(xml.data(), xml.size());
-  return Examine(doc.doc(), kind, file);
+  return Examine(doc.doc(), kind, file, ForeignEncoding(xml.substr(0, kEncodingBytes)));
+}
+
+std::string ForeignEncoding(const std::string& first_bytes) {
+  static const struct {
+    const char* bytes;
+    size_t size;
+    const char* name;
+  } kMarks[] = {
+      // UTF-32's little-endian mark begins with UTF-16's: it comes first.
+      {"\xFF\xFE\0\0", 4, "UTF-32 (little-endian"},
+      {"\0\0\xFE\xFF", 4, "UTF-32 (big-endian"},
+      {"\xFF\xFE", 2, "UTF-16 (little-endian"},
+      {"\xFE\xFF", 2, "UTF-16 (big-endian"},
+  };
+  for (const auto& mark : kMarks) {
+    if (first_bytes.compare(0, mark.size, mark.bytes, mark.size) == 0) {
+      return std::string(mark.name) + ", by its byte-order mark)";
+    }
+  }
+  // Without a mark, the first characters of a table are ASCII ('<', blanks):
+  // in UTF-16 or UTF-32 each has its one byte that is not NUL in the same place.
+  static const struct {
+    size_t unit;
+    size_t text;  // the place of the byte that is not NUL
+    const char* name;
+  } kUnits[] = {
+      {4, 0, "UTF-32 (little-endian"},
+      {4, 3, "UTF-32 (big-endian"},
+      {2, 0, "UTF-16 (little-endian"},
+      {2, 1, "UTF-16 (big-endian"},
+  };
+  for (const auto& unit : kUnits) {
+    const size_t characters = std::min<size_t>(first_bytes.size() / unit.unit, 4);
+    bool fits = characters >= 2;
+    for (size_t c = 0; fits && c < characters; ++c) {
+      for (size_t b = 0; fits && b < unit.unit; ++b) {
+        fits = (first_bytes[c * unit.unit + b] == '\0') == (b != unit.text);
+      }
+    }
+    if (fits) return std::string(unit.name) + ", by the NUL bytes in its first characters)";
+  }
+  return std::string();
 }
 
 std::string FormatLine(const std::string& file, const Finding& finding) {

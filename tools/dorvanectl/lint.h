@@ -88,11 +88,18 @@ struct FileResult {
 };
 
 // Reads the file as the lookups do and checks it as `kind`, or as the kind its
-// structure shows. A file that cannot be opened or read, or whose kind cannot
-// be told, is a problem; a file that is read but does not parse is a finding.
+// structure shows. A file that cannot be opened, read or parsed, or whose kind
+// cannot be told, is a problem; so is one whose first bytes show an encoding
+// that the lookups cannot read (see ForeignEncoding).
 FileResult LintFile(const std::string& path, std::optional<Kind> kind);
 // The same over a table's text, as if read from a file named `file`.
 FileResult LintText(const std::string& xml, std::optional<Kind> kind, const std::string& file);
+
+// The encoding that a file's first bytes show when the lookups cannot read it,
+// e.g. "UTF-16 (little-endian, by its byte-order mark)": UTF-16 or UTF-32 by
+// their byte-order marks, or by NUL bytes in the same places of each of the
+// first characters; empty for 8-bit text (with or without UTF-8's mark).
+std::string ForeignEncoding(const std::string& first_bytes);
 
 // "file:line: severity: message".
 std::string FormatLine(const std::string& file, const Finding& finding);

@@ -184,8 +184,8 @@ void AddLintCommand(CLI::App& app, Common& common) {
       "table does not have, so that its lookup answers \"not found\". A folder stands for every "
       ".xml file directly in it, and a name with * or ? in its last part for the files it matches. "
       "Exit status: 1 when a finding is of --fail-on's severity or above (by default a warning or an "
-      "error), else 0; 2, before either, for a file that cannot be read or whose kind cannot be "
-      "told, and for a folder or name that gives no file");
+      "error), else 0; 2, before either, for a file that cannot be read or parsed or whose kind "
+      "cannot be told, and for a folder or name that gives no file");
   sub->add_option("file", args->files, "the tables, folders of tables or names with * and ?")->required();
   std::vector<std::string> kinds;
   for (lint::Kind kind : lint::AllKinds()) kinds.push_back(lint::KindName(kind));
