@@ -156,11 +156,16 @@ bool CheckKey(Report& report, XMLElement* e, const ListRule& rule, KeyIndex& see
 }
 
 // Elements before a list's first entry (all of them when it has none) that
-// were meant as entries: the walk never reaches them.
+// were meant as entries, by their name or their key: the walk never reaches
+// them.
 void ReportUnwalked(Report& report, XMLElement* list, const XMLElement* first, const ListRule& rule) {
   for (XMLElement* e = list->FirstChildElement(); e && e != first; e = e->NextSiblingElement()) {
-    if (!NearMiss(e->Name(), rule.entry)) continue;
-    report.Unused(e, Describe(e, rule.key) + " is never walked " + NearMissReason(e->Name(), rule.entry) +
+    const bool near = NearMiss(e->Name(), rule.entry);
+    const bool keyed = rule.key != nullptr && e->Attribute(rule.key) != nullptr &&
+                       (rule.fixed == nullptr || std::strcmp(e->Name(), rule.fixed) != 0);
+    if (!near && !keyed) continue;
+    report.Unused(e, Describe(e, rule.key) + (first == nullptr ? "" : " before the first " + std::string(rule.entry)) +
+                         " is never walked" + (near ? " " + NearMissReason(e->Name(), rule.entry) : "") +
                          ": " + rule.command + " starts at the first " + rule.entry +
                          (first == nullptr ? ", and " + std::string(list->Name()) + " has none"
                                            : " (" + Line(first) + ")") +

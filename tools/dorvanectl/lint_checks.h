@@ -55,6 +55,9 @@ struct ListRule {
   // A key with a blank at an end: a warning, or an error where a key that
   // misses makes the lookup hang.
   Severity blank = Severity::kWarning;
+  // A fixed element of the list's parent that may stand among its entries
+  // (SwitchingRule holds a SelectionRule beside its Registered entries).
+  const char* fixed = nullptr;
 };
 
 // The keys met so far in one lookup's walk: as they are and folded to lower

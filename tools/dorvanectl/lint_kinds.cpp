@@ -34,7 +34,8 @@ void CheckCarrierRules(Report& report, XMLElement* root) {
                                   "carrier-id-by-mcc, carrier-id-by-iccid and param-firmware-by-mcc "
                                   "fail silently");
   if (switching != nullptr) {
-    const ListRule registered{"Registered", "mcc", "param-firmware-by-mcc"};
+    ListRule registered{"Registered", "mcc", "param-firmware-by-mcc"};
+    registered.fixed = "SelectionRule";
     XMLElement* selection = Require(report, switching, "SelectionRule",
                                     "carrier-id-by-mccmnc fails and logs \"selectionRuleNode is null.\"; "
                                     "carrier-id-by-mcc and carrier-id-by-iccid fail silently",
