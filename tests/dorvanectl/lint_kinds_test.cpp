@@ -217,7 +217,8 @@ TEST(LintDeviceConfig, ModesPathsAndProductIdsAsTheLookupReadsThem) {
   EXPECT_EQ(8u, findings.size()) << Listing(findings);
   EXPECT_FINDING(findings, 2, kError, "CombineMode \"Both\" is neither Single nor Combine (compared without regard "
                  "to case): device-config-id finds nothing and logs \"getWwanDeviceConfigID not find.\"");
-  EXPECT_FINDING(findings, 3, kError, "has no comma: device-config-id needs \"key path,value name\" and skips it");
+  EXPECT_FINDING(findings, 3, kError, "has no comma: device-config-id needs \"key path,value name\", skips it and "
+                 "never reads a value for it");
   EXPECT_FINDING(findings, 4, kError, "RegistryPath=\",ProductName\" begins with its comma");
   EXPECT_FINDING(findings, 5, kWarning, "ends with its comma: the value name is empty, so device-config-id reads "
                  "the key's default value");

@@ -203,7 +203,12 @@ std::string LocalName(const char* name) {
 }  // namespace
 
 bool NearMiss(const char* actual, const char* wanted) {
-  return std::strcmp(actual, wanted) != 0 && Loose(LocalName(actual)) == Loose(wanted);
+  if (std::strcmp(actual, wanted) == 0) return false;
+  const std::string a = Loose(LocalName(actual));
+  const std::string w = Loose(wanted);
+  // One name the start of the other: Sku for SKU_GUID, Items for Item.
+  const size_t shorter = std::min(a.size(), w.size());
+  return a == w || (shorter >= 3 && a.compare(0, shorter, w, 0, shorter) == 0);
 }
 
 std::string NearMissReason(const char* actual, const char* wanted) {

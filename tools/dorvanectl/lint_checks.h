@@ -79,7 +79,8 @@ std::vector<tinyxml2::XMLElement*> CheckList(Report& report, tinyxml2::XMLElemen
                                              const ListRule& rule);
 // True when an element named `actual` was probably meant to be `wanted`, which
 // the lookups follow: the same name in another case, with a namespace prefix,
-// or with underscores added or left out.
+// with underscores added or left out, or shortened or lengthened at its end
+// (at least three letters in common).
 bool NearMiss(const char* actual, const char* wanted);
 // Why a near-miss name is not followed, in parentheses.
 std::string NearMissReason(const char* actual, const char* wanted);

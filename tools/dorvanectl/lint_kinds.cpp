@@ -249,14 +249,15 @@ std::string HiveName(const std::string& key_path) {
 void CheckRegistryPath(Report& report, XMLElement* e) {
   const char* raw = e->Attribute("RegistryPath");
   if (raw == nullptr) {
-    report.Unused(e, "CustProductNamePath has no RegistryPath: device-config-id skips it");
+    report.Unused(e, "CustProductNamePath has no RegistryPath: device-config-id skips it, so it never reads a value "
+                     "for it");
     return;
   }
   const std::string what = Describe(e, "RegistryPath");
   std::string key_path, value_name;
   if (!SplitRegistryPath(raw, key_path, value_name)) {
     report.Unused(e, what + (raw[0] == ',' ? " begins with its comma" : " has no comma") +
-                        ": device-config-id needs \"key path,value name\" and skips it");
+                        ": device-config-id needs \"key path,value name\", skips it and never reads a value for it");
   } else if (const std::string hive = HiveName(key_path); !hive.empty()) {
     report.Unused(e, what + " begins with the hive name " + Quote(hive) +
                          ": device-config-id opens the key path under HKEY_LOCAL_MACHINE itself, where it "
@@ -312,7 +313,7 @@ void CheckDevFirmware(Report& report, XMLElement* standard, const std::string& c
   if (firmware == nullptr) {
     report.Unused(standard, what + " has no DEVFirmware: " + command + " " +
                                table::Attr(standard, "Value") +
-                               " fails and logs \"getCfgPkInfo not find map.\"");
+                               " fails and logs \"getCfgPkInfo not find map.\", so it never returns this entry");
     return;
   }
   CheckAttributes(report, firmware, "DEVFirmware of " + what, {"File", "Ver", "Type", "Count"}, command);

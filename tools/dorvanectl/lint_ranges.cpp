@@ -290,7 +290,7 @@ void CheckRanges(Report& report, XMLElement* table) {
     if (!has_min || !has_max) {
       if (IsEntry(e, rule)) {
         report.Unused(e, std::string("Range has no ") + (has_min ? "max" : has_max ? "min" : "min and max") +
-                            ": " + kCommand + " skips it");
+                            ": " + kCommand + " skips it, so it never matches");
       }
       continue;
     }
