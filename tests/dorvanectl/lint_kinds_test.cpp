@@ -230,7 +230,8 @@ TEST(LintDeviceConfig, ModesPathsAndProductIdsAsTheLookupReadsThem) {
 }
 
 TEST(LintDeviceConfig, TheModeWordIgnoresCaseAndMayBeMissing) {
-  const std::string table = "<T><WwanDeviceConfigureIDTable>\n<CustProductNamePathToUniqueSkuID %s/>"
+  const std::string table = "<T><WwanDeviceConfigureIDTable>\n<CustProductNamePathToUniqueSkuID %s>"
+                            "<CustProductNamePath RegistryPath='SOFTWARE\\V,Name'/></CustProductNamePathToUniqueSkuID>"
                             "<UniqueSkuIDToWwanDeviceConfigureIDMappingTable/></WwanDeviceConfigureIDTable></T>";
   auto with = [&](const std::string& attribute) {
     std::string xml = table;
@@ -241,6 +242,27 @@ TEST(LintDeviceConfig, TheModeWordIgnoresCaseAndMayBeMissing) {
   EXPECT_EQ(0u, with("CombineMode='cOmBiNe'").size());
   EXPECT_FINDING(with("CombineMode='Single '"), 2, kError, "CombineMode \"Single \" is neither");
   EXPECT_FINDING(with(""), 2, kError, "has no CombineMode: device-config-id finds nothing");
+}
+
+TEST(LintDeviceConfig, PathsThatGiveNoProductNameOrTheSameOneTwice) {
+  const std::string mapping = "<UniqueSkuIDToWwanDeviceConfigureIDMappingTable><UniqueSkuID ProductID='A_B' "
+                              "WwanDeviceConfigID='C'/></UniqueSkuIDToWwanDeviceConfigureIDMappingTable>";
+  auto lint = [&](const std::string& mode, const std::string& paths) {
+    return LintOf("<T><WwanDeviceConfigureIDTable>\n<CustProductNamePathToUniqueSkuID CombineMode='" + mode + "'>\n" +
+                  paths + "</CustProductNamePathToUniqueSkuID>" + mapping + "</WwanDeviceConfigureIDTable></T>");
+  };
+  EXPECT_FINDING(lint("Single", ""), 2, kError, "has no CustProductNamePath whose value device-config-id can read: "
+                 "it reads no product name, so it finds nothing");
+  const auto unusable = lint("Combine", "<CustProductNamePath RegistryPath='HKLM\\SOFTWARE\\V,Name'/>\n");
+  EXPECT_FINDING(unusable, 2, kError, "so it finds only a ProductID that is empty");
+  EXPECT_FINDING(unusable, 3, kError, "begins with the hive name \"HKLM\"");
+  const std::string twice = "<CustProductNamePath RegistryPath='SOFTWARE\\V,Name'/>\n"
+                            "<CustProductNamePath RegistryPath='software\\v,NAME'/>\n";
+  const auto joined = lint("Combine", twice);
+  ASSERT_EQ(1u, joined.size()) << Listing(joined);
+  EXPECT_FINDING(joined, 4, kWarning, "names the value of line 3 again: in Combine mode device-config-id joins it "
+                 "twice (\"A_A\"), so a ProductID matches only when its parts are equal");
+  EXPECT_TRUE(lint("Single", twice).empty()) << "a second reading of one value changes nothing";
 }
 
 TEST(LintImageMapping, StandardsAcrossConfigurationsOfOneId) {

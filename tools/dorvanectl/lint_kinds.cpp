@@ -246,6 +246,19 @@ std::string HiveName(const std::string& key_path) {
   return "";
 }
 
+// True when the lookup can read a value through the RegistryPath of `e`, and
+// then `value` names it (key path and value name, folded to lower case as the
+// registry compares them).
+bool UsableRegistryPath(const XMLElement* e, std::string& value) {
+  std::string key_path, value_name;
+  if (!SplitRegistryPath(table::Attr(e, "RegistryPath"), key_path, value_name) || !HiveName(key_path).empty()) {
+    return false;
+  }
+  value.clear();
+  for (char c : key_path + "," + value_name) value += c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  return true;
+}
+
 void CheckRegistryPath(Report& report, XMLElement* e) {
   const char* raw = e->Attribute("RegistryPath");
   if (raw == nullptr) {
@@ -288,9 +301,25 @@ void CheckDeviceConfig(Report& report, XMLElement* root) {
                                   : "device-config-id would fail here too, once the mapping table is there");
   if (paths != nullptr) {
     CheckCombineMode(report, paths, mapping != nullptr);
+    const bool combine = table::EqualsIgnoringCase(table::Attr(paths, "CombineMode"), "Combine");
     const ListRule rule{"CustProductNamePath", nullptr, "device-config-id"};
+    std::unordered_map<std::string, const XMLElement*> values;
     for (XMLElement* e : CheckList(report, paths, rule)) {
       if (IsEntry(e, rule)) CheckRegistryPath(report, e);
+      std::string value;
+      if (!UsableRegistryPath(e, value)) continue;
+      auto [before, added] = values.emplace(value, e);
+      if (!added && combine) {
+        report.Warning(e, Describe(e, "RegistryPath") + " names the value of line " +
+                              std::to_string(before->second->GetLineNum()) +
+                              " again: in Combine mode device-config-id joins it twice (\"A_A\"), so a ProductID "
+                              "matches only when its parts are equal");
+      }
+    }
+    if (values.empty() && mapping != nullptr) {
+      report.Error(paths, std::string("CustProductNamePathToUniqueSkuID has no CustProductNamePath whose value "
+                                      "device-config-id can read: it reads no product name, so it finds ") +
+                              (combine ? "only a ProductID that is empty" : "nothing"));
     }
   }
   if (mapping != nullptr) {
