@@ -251,8 +251,8 @@ TEST(LintDeviceConfig, PathsThatGiveNoProductNameOrTheSameOneTwice) {
     return LintOf("<T><WwanDeviceConfigureIDTable>\n<CustProductNamePathToUniqueSkuID CombineMode='" + mode + "'>\n" +
                   paths + "</CustProductNamePathToUniqueSkuID>" + mapping + "</WwanDeviceConfigureIDTable></T>");
   };
-  EXPECT_FINDING(lint("Single", ""), 2, kError, "has no CustProductNamePath whose value device-config-id can read: "
-                 "it reads no product name, so it finds nothing");
+  EXPECT_FINDING(lint("Single", ""), 2, kError, "has no CustProductNamePath that names a value device-config-id can "
+                 "find", "it reads no product name, so it finds nothing");
   const auto unusable = lint("Combine", "<CustProductNamePath RegistryPath='HKLM\\SOFTWARE\\V,Name'/>\n");
   EXPECT_FINDING(unusable, 2, kError, "so it finds only a ProductID that is empty");
   EXPECT_FINDING(unusable, 3, kError, "begins with the hive name \"HKLM\"");

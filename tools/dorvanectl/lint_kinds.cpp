@@ -246,12 +246,14 @@ std::string HiveName(const std::string& key_path) {
   return "";
 }
 
-// True when the lookup can read a value through the RegistryPath of `e`, and
+// True when the RegistryPath of `e` names a value that the lookup can be
+// expected to find (a comma, no hive name, no blanks around the names), and
 // then `value` names it (key path and value name, folded to lower case as the
 // registry compares them).
 bool UsableRegistryPath(const XMLElement* e, std::string& value) {
   std::string key_path, value_name;
-  if (!SplitRegistryPath(table::Attr(e, "RegistryPath"), key_path, value_name) || !HiveName(key_path).empty()) {
+  if (!SplitRegistryPath(table::Attr(e, "RegistryPath"), key_path, value_name) || !HiveName(key_path).empty() ||
+      HasBlankEnd(key_path) || HasBlankEnd(value_name)) {
     return false;
   }
   value.clear();
@@ -317,8 +319,9 @@ void CheckDeviceConfig(Report& report, XMLElement* root) {
       }
     }
     if (values.empty() && mapping != nullptr) {
-      report.Error(paths, std::string("CustProductNamePathToUniqueSkuID has no CustProductNamePath whose value "
-                                      "device-config-id can read: it reads no product name, so it finds ") +
+      report.Error(paths, std::string("CustProductNamePathToUniqueSkuID has no CustProductNamePath that names a "
+                                      "value device-config-id can find (a RegistryPath with its comma, no hive name "
+                                      "and no blanks around its names): it reads no product name, so it finds ") +
                               (combine ? "only a ProductID that is empty" : "nothing"));
     }
   }
