@@ -498,6 +498,12 @@ class LintDifferential : public support::LogFixture {
   }
 
   void Run(Kind kind);
+  // Lints nothing: holds the run's findings against the lookups.
+  void Examine(const std::shared_ptr<TableRun>& run, std::mt19937& rng);
+  // The violations found in the findings `lint` gives for `xml` (entries as
+  // listed), printed or not; SKU calls are settled at once.
+  int ViolationsOf(Kind kind, const std::string& xml, const std::vector<gen::Entry>& entries,
+                   const std::vector<Finding>& findings);
 
  private:
   // Setting up and running calls.
@@ -533,6 +539,7 @@ class LintDifferential : public support::LogFixture {
   std::map<std::string, int> shapes_;
   std::vector<std::string> order_;
   int violations_ = 0;
+  bool quiet_ = false;  // violations counted, not printed
   size_t calls_made_ = 0;
   // What was held against the lookups: log lines quoted, unused findings,
   // entries lint is silent about.
@@ -568,7 +575,7 @@ void LintDifferential::Violation(const TableRun& run, const std::string& check, 
   const std::string key = check + " | " + KindName(kind_) + " | " + shape;
   if (shapes_[key]++ > 0) return;
   order_.push_back(key);
-  if (order_.size() > kPrinted) return;
+  if (order_.size() > kPrinted || quiet_) return;
   std::printf("\n=== VIOLATION %zu (%s) %s\n  %s\n%s", order_.size(), check.c_str(), KindName(kind_), what.c_str(),
               Context(run).c_str());
   std::fflush(stdout);
@@ -1046,7 +1053,10 @@ void LintDifferential::PollSku(bool final_wait) {
 void LintDifferential::CheckNeverReturned() {
   PollSku(true);
   for (PendingSku& p : pending_) {
-    if (!p.finished && Returned(p, 0)) Finish(p);
+    // A call that returns does so within milliseconds; one started just now
+    // is given a second before it counts as waiting.
+    const ULONGLONG spent = ::GetTickCount64() - p.started;
+    if (!p.finished && Returned(p, spent >= kOtherMs ? 0 : static_cast<DWORD>(kOtherMs - spent))) Finish(p);
     Call& c = p.run->calls[p.call];
     if (p.finished) {
       if (p.category == SkuCategory::kNever) {
@@ -1295,6 +1305,42 @@ void LintDifferential::CheckSilent(TableRun& run) {
 
 // ---------------------------------------------------------------------------
 
+void LintDifferential::Examine(const std::shared_ptr<TableRun>& run, std::mt19937& rng) {
+  if (run->doc.Parse(run->table.xml.data(), run->table.xml.size()) != tinyxml2::XML_SUCCESS) {
+    ADD_FAILURE() << "the generated table does not parse:\n" << gen::Numbered(run->table.xml);
+    return;
+  }
+  std::vector<const XMLElement*> stack;
+  if (run->doc.RootElement()) stack.push_back(run->doc.RootElement());
+  while (!stack.empty()) {
+    const XMLElement* e = stack.back();
+    stack.pop_back();
+    run->at[e->GetLineNum()] = e;
+    for (const XMLElement* k = e->FirstChildElement(); k; k = k->NextSiblingElement()) stack.push_back(k);
+  }
+  for (const Finding& f : run->lint.findings) {
+    if (f.severity != Severity::kNote) run->spoken.insert(f.line);
+  }
+  // The installation's fixed paths are shared by every process in the
+  // prefix: another run of this test waits while a table is there.
+  const bool fixed_path = kind_ == Kind::kImageMapping || kind_ == Kind::kScatter;
+  if (fixed_path) ::WaitForSingleObject(fixed_paths_, INFINITE);
+  Write(*run);
+  PlanCalls(*run, rng);
+  for (Call& c : run->calls) {
+    if (c.lookup != Lookup::kParamFirmwareBySku) Execute(*run, c);
+  }
+  CheckFindings(*run);
+  if (kind_ == Kind::kSku) {
+    StartSkuCalls(run);
+    sku_runs_.push_back(run);
+  } else {
+    CheckUnused(*run);
+    CheckSilent(*run);
+  }
+  if (fixed_path) ::ReleaseMutex(fixed_paths_);
+}
+
 void LintDifferential::Run(Kind kind) {
   kind_ = kind;
   const std::vector<Kind> kinds = AllKinds();
@@ -1323,39 +1369,7 @@ void LintDifferential::Run(Kind kind) {
     run->index = i;
     run->table = gen::GenerateTable(kind, rng, registry_root_);
     run->lint = LintText(run->table.xml, kind, "t.xml");
-    if (run->doc.Parse(run->table.xml.data(), run->table.xml.size()) != tinyxml2::XML_SUCCESS) {
-      ADD_FAILURE() << "the generated table does not parse:\n" << gen::Numbered(run->table.xml);
-      continue;
-    }
-    std::vector<const XMLElement*> stack;
-    if (run->doc.RootElement()) stack.push_back(run->doc.RootElement());
-    while (!stack.empty()) {
-      const XMLElement* e = stack.back();
-      stack.pop_back();
-      run->at[e->GetLineNum()] = e;
-      for (const XMLElement* k = e->FirstChildElement(); k; k = k->NextSiblingElement()) stack.push_back(k);
-    }
-    for (const Finding& f : run->lint.findings) {
-      if (f.severity != Severity::kNote) run->spoken.insert(f.line);
-    }
-    // The installation's fixed paths are shared by every process in the
-    // prefix: another run of this test waits while a table is there.
-    const bool fixed_path = kind == Kind::kImageMapping || kind == Kind::kScatter;
-    if (fixed_path) ::WaitForSingleObject(fixed_paths_, INFINITE);
-    Write(*run);
-    PlanCalls(*run, rng);
-    for (Call& c : run->calls) {
-      if (c.lookup != Lookup::kParamFirmwareBySku) Execute(*run, c);
-    }
-    CheckFindings(*run);
-    if (kind == Kind::kSku) {
-      StartSkuCalls(run);
-      sku_runs_.push_back(run);
-    } else {
-      CheckUnused(*run);
-      CheckSilent(*run);
-    }
-    if (fixed_path) ::ReleaseMutex(fixed_paths_);
+    Examine(run, rng);
     if (verbose) std::printf("\n--- table %d\n%s", i, Context(*run).c_str());
   }
   CheckNeverReturned();
@@ -1375,6 +1389,90 @@ void LintDifferential::Run(Kind kind) {
   }
   std::fflush(stdout);
   EXPECT_EQ(0, violations_) << "seed " << seed_ << ": lint's findings and the lookups disagree (see above)";
+}
+
+int LintDifferential::ViolationsOf(Kind kind, const std::string& xml, const std::vector<gen::Entry>& entries,
+                                   const std::vector<Finding>& findings) {
+  kind_ = kind;
+  quiet_ = true;
+  auto run = std::make_shared<TableRun>();
+  run->table.kind = kind;
+  run->table.xml = xml;
+  run->table.entries = entries;
+  run->lint.findings = findings;
+  std::mt19937 rng(1);
+  const int before = violations_;
+  Examine(run, rng);
+  CheckNeverReturned();
+  sku_runs_.clear();
+  pending_.clear();
+  return violations_ - before;
+}
+
+gen::Entry EntryAt(int line, Lookup lookup, const std::string& key, const std::string& key2 = "") {
+  gen::Entry e;
+  e.line = line;
+  e.lookup = lookup;
+  e.key = key;
+  if (!key2.empty()) e.key2 = key2;
+  return e;
+}
+
+// Each check fails when lint's findings are wrong, and stays quiet when they
+// are right: a table, lint's own findings for it, and findings made wrong.
+TEST_F(LintDifferential, ChecksFailOnWrongFindings) {
+  const std::string regions = R"(<RegionTable>
+  <SelectionRule>
+    <Region mcc="310" Regulatory="RL3"/>
+    <Region mcc="310" Regulatory="RL4"/>
+    <Region mcc="460" Regulatory="RL5"/>
+  </SelectionRule>
+</RegionTable>
+)";
+  const std::vector<gen::Entry> rows = {EntryAt(3, Lookup::kRegulatoryByMcc, "310"),
+                                        EntryAt(4, Lookup::kRegulatoryByMcc, "310"),
+                                        EntryAt(5, Lookup::kRegulatoryByMcc, "460")};
+  const std::vector<Finding> right = LintText(regions, Kind::kRegion, "t.xml").findings;
+  ASSERT_EQ(1u, right.size()) << "line 4 repeats line 3";
+  EXPECT_EQ(0, ViolationsOf(Kind::kRegion, regions, rows, right));
+  // (a) the row that answers called unused; (b) the row that never answers left unsaid.
+  EXPECT_EQ(2, ViolationsOf(Kind::kRegion, regions, rows, {{3, Severity::kError, "never returned", true}}));
+  // (c) a log line that regulatory-by-mcc never writes.
+  std::vector<Finding> claim = right;
+  claim.push_back({5, Severity::kWarning, "regulatory-by-mcc logs \"RegionMappingTable load faild.\"", false});
+  EXPECT_EQ(1, ViolationsOf(Kind::kRegion, regions, rows, claim));
+  // (d) an unused finding that is a warning.
+  std::vector<Finding> weak = right;
+  weak[0].severity = Severity::kWarning;
+  EXPECT_EQ(1, ViolationsOf(Kind::kRegion, regions, rows, weak));
+
+  // A number answer: taking the SKU's key away changes it.
+  const std::string esim = R"(<EsimTable>
+  <TableEnableFlag FlagValue="True"/>
+  <SKU_BlackList>
+    <SKU SKUValue="X13-CN"/>
+  </SKU_BlackList>
+  <IMSI_BlackList>
+  </IMSI_BlackList>
+</EsimTable>
+)";
+  const std::vector<gen::Entry> skus = {EntryAt(4, Lookup::kEsimBySku, "X13-CN")};
+  EXPECT_EQ(0, ViolationsOf(Kind::kEsim, esim, skus, LintText(esim, Kind::kEsim, "t.xml").findings));
+  EXPECT_EQ(1, ViolationsOf(Kind::kEsim, esim, skus, {{4, Severity::kError, "never black-lists", true}}));
+
+  // A call that lint says never returns, and that returns.
+  const std::string sku = R"(<Skus>
+  <SKU_GUID ID="A">
+    <Area ID="EU">
+      <PARAMFirmware File="fw_L4.bin" Ver="L4" Type="T" Count="1"/>
+    </Area>
+  </SKU_GUID>
+</Skus>
+)";
+  const std::vector<gen::Entry> areas = {EntryAt(3, Lookup::kParamFirmwareBySku, "A", "EU")};
+  EXPECT_EQ(0, ViolationsOf(Kind::kSku, sku, areas, LintText(sku, Kind::kSku, "t.xml").findings));
+  EXPECT_EQ(1, ViolationsOf(Kind::kSku, sku, areas,
+                            {{2, Severity::kError, "param-firmware-by-sku never returns, whatever it is asked", false}}));
 }
 
 TEST_F(LintDifferential, CarrierRules) { Run(Kind::kCarrierRules); }
