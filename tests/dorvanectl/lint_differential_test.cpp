@@ -80,8 +80,11 @@ const char kNoFlag[] = ";-;";
 // something else about before it counts as waiting.
 constexpr ULONGLONG kReturnMs = 10000;
 constexpr ULONGLONG kOtherMs = 1000;
-// Threads left waiting on purpose, and threads in flight at most.
+// Threads left waiting on purpose; calls that lint speaks of otherwise that
+// may be waiting (an entry lint calls never read, asked for all the same);
+// calls in flight at most.
 constexpr int kMaxNeverCalls = 250;
+constexpr int kMaxOtherWaiting = 150;
 constexpr int kMaxWaiting = 500;
 // Distinct violations printed in full.
 constexpr size_t kPrinted = 20;
@@ -535,6 +538,8 @@ class LintDifferential : public support::LogFixture {
   std::vector<SkuWorker*> idle_;
   std::vector<std::shared_ptr<TableRun>> sku_runs_;
   int never_calls_ = 0, skipped_sku_calls_ = 0, waiting_ = 0;
+  int other_waiting_ = 0;  // calls lint speaks of, without saying they never return, still waiting
+  int other_in_flight_ = 0;
   // Violations: by shape, how often, and the first of each in full.
   std::map<std::string, int> shapes_;
   std::vector<std::string> order_;
@@ -972,7 +977,8 @@ void LintDifferential::StartSkuCalls(const std::shared_ptr<TableRun>& run) {
     } else if (std::any_of(claims.begin(), claims.end(), [&](const HangClaim& h) { return h.Covers(c.a, c.b); })) {
       category = SkuCategory::kNever;
     }
-    const bool room = waiting_ < kMaxWaiting && (category != SkuCategory::kNever || never_calls_ < kMaxNeverCalls);
+    const bool room = waiting_ < kMaxWaiting && (category != SkuCategory::kNever || never_calls_ < kMaxNeverCalls) &&
+                      (category != SkuCategory::kOther || other_in_flight_ < kMaxOtherWaiting);
     if (!room) {
       c.status = "not run: too many threads waiting";
       ++skipped_sku_calls_;
@@ -998,6 +1004,7 @@ void LintDifferential::StartSkuCalls(const std::shared_ptr<TableRun>& run) {
       ::SetEvent(worker->go);
     }
     if (category == SkuCategory::kNever) ++never_calls_;
+    if (category == SkuCategory::kOther) ++other_in_flight_;
     ++waiting_;
     c.status = category == SkuCategory::kSilent ? "lint silent: must return"
                : category == SkuCategory::kNever ? "lint: never returns"
@@ -1011,6 +1018,7 @@ void LintDifferential::StartSkuCalls(const std::shared_ptr<TableRun>& run) {
 void LintDifferential::Finish(PendingSku& p) {
   p.finished = true;
   --waiting_;
+  if (p.category == SkuCategory::kOther) --other_in_flight_;
   Call& c = p.run->calls[p.call];
   c.ran = true;
   c.result = p.job->result;
@@ -1068,6 +1076,7 @@ void LintDifferential::CheckNeverReturned() {
     }
     // The thread sleeps for ever, and its job with it.
     c.status += p.category == SkuCategory::kSilent ? ", still waiting after 10 s" : ", still waiting";
+    if (p.category == SkuCategory::kOther) ++other_waiting_;
   }
   for (const auto& run : sku_runs_) {
     CheckUnused(*run);
@@ -1377,7 +1386,8 @@ void LintDifferential::Run(Kind kind) {
   std::printf("[ lint differential ] %s: %d tables, %zu calls in %.1f s (%.0f ms per 1000 tables)", KindName(kind),
               ran, calls_made_, seconds, ran ? seconds * 1e6 / ran : 0.0);
   if (kind == Kind::kSku) {
-    std::printf("; %d calls left waiting as lint says, %d skipped", never_calls_, skipped_sku_calls_);
+    std::printf("; %d calls left waiting as lint says, %d more that lint speaks of otherwise, %d not run", never_calls_,
+                other_waiting_, skipped_sku_calls_);
   }
   std::printf("\n[ lint differential ] %s: held against the lookups: %zu quoted log lines, %zu unused findings, "
               "%zu entries lint is silent about\n",

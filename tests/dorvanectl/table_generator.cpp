@@ -445,15 +445,26 @@ struct Builder {
     }
     if (!earlier.empty()) {  // made from an earlier range
       auto [a, b] = r.Pick(earlier);
-      switch (r.Int(0, 4)) {
+      const size_t p = iccid::SharedPrefix(a, b);
+      // Bounds of `length` digits that share `prefix` and then differ.
+      auto under = [&](const std::string& prefix, int length) {
+        const int tail = std::max(1, length - static_cast<int>(prefix.size()));
+        std::string x = r.Digits(tail), y = r.Digits(tail);
+        if (x > y) std::swap(x, y);
+        return std::make_pair(prefix + x, prefix + y);
+      };
+      switch (r.Int(0, 6)) {
         case 0: return {a, b};
         case 1: return {a, a.size() == b.size() && a < b ? a.substr(0, a.size() - 1) + b.back() : b};
         case 2: return {b, b.size() > 2 ? b.substr(0, b.size() - 2) + "99" : b + "9"};
         case 3: return {a + "0", a + "9"};
-        default: {
-          const size_t p = iccid::SharedPrefix(a, b);
-          return {a.substr(0, p) + std::string(a.size() - p, '0'), b.substr(0, p) + std::string(b.size() - p, '9')};
+        case 4: return {a.substr(0, p) + std::string(a.size() - p, '0'), b.substr(0, p) + std::string(b.size() - p, '9')};
+        case 5: {  // a longer prefix that begins with the earlier one's
+          const std::string prefix = a.substr(0, p) + (p < a.size() ? a.substr(p, static_cast<size_t>(r.Int(1, 3))) : r.Digits(2));
+          return under(prefix, r.Int(16, 20));
         }
+        default:  // a shorter prefix that the earlier one begins with
+          return under(a.substr(0, p > 2 ? static_cast<size_t>(r.Int(2, static_cast<int>(p) - 1)) : p), r.Int(16, 20));
       }
     }
     return same_length(r.Int(16, 20), r.Int(1, 8));
