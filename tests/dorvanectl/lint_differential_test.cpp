@@ -178,7 +178,7 @@ std::string CommandBefore(const std::string& message, size_t at) {
   return best;
 }
 
-// "… <command> … logs "a" and "b"": the lines a finding says a lookup logs.
+// "... <command> ... logs "a" and "b"": the lines a finding says a lookup logs.
 struct LogClaim {
   std::string command;
   std::vector<std::string> lines;
@@ -246,7 +246,7 @@ std::string Shape(const std::string& message) {
     std::string text;
     size_t end = 0;
     if (message[i] == '"' && Unquote(message, i, text, end)) {
-      out += "\"…\"";
+      out += "\"...\"";
       i = end - 1;
     } else if (std::isdigit(static_cast<unsigned char>(message[i]))) {
       if (out.empty() || out.back() != '#') out += '#';
@@ -260,7 +260,7 @@ std::string Shape(const std::string& message) {
   auto flush = [&] {
     const bool key = word.find('-') != std::string::npos &&
                      std::any_of(word.begin(), word.end(), [](char c) { return std::isupper(static_cast<unsigned char>(c)); });
-    shaped += key ? "…" : word;
+    shaped += key ? "..." : word;
     word.clear();
   };
   for (char c : out) {
@@ -343,6 +343,7 @@ std::string Shown(const std::string& text) {
   std::string out = "\"";
   for (char c : text) {
     if (c == '\n') out += "\\n";
+    else if (c == '\t') out += "\\t";
     else if (c == '\x01') out += "\\x01";
     else out += c;
   }
@@ -379,7 +380,7 @@ std::string Describe(const TableRun& run, const Call& c) {
     size_t n = 0;
     for (const std::string& l : c.log) {
       if (++n > 14) {
-        s += " | …";
+        s += " | ...";
         break;
       }
       s += " | " + Shown(l);
@@ -566,7 +567,7 @@ std::string LintDifferential::Context(const TableRun& run) const {
   size_t n = 0;
   for (const Call& c : run.calls) {
     if (++n > 90) {
-      s += "    … " + std::to_string(run.calls.size() - 90) + " more\n";
+      s += "    ... " + std::to_string(run.calls.size() - 90) + " more\n";
       break;
     }
     s += "    " + Describe(run, c) + "\n";
@@ -606,7 +607,7 @@ std::vector<std::string> Keyed(const std::string& key, std::mt19937& rng) {
   for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   if (upper != key) variants.push_back(upper);
   if (lower != key) variants.push_back(lower);
-  const size_t first = key.find_first_not_of(' '), last = key.find_last_not_of(' ');
+  const size_t first = key.find_first_not_of(" \t"), last = key.find_last_not_of(" \t");
   if (first != std::string::npos && (first > 0 || last + 1 < key.size())) {
     variants.push_back(key.substr(first, last - first + 1));
   } else {

@@ -126,11 +126,13 @@ std::string CaseVariant(Rng& r, const std::string& key) {
   }
 }
 
+// The key with a blank at one end or both: mostly a space, now and then a tab.
 std::string BlankVariant(Rng& r, const std::string& key) {
+  const std::string blank = r.Chance(0.8) ? " " : "\t";
   switch (r.Int(0, 2)) {
-    case 0: return " " + key;
-    case 1: return key + " ";
-    default: return " " + key + " ";
+    case 0: return blank + key;
+    case 1: return key + blank;
+    default: return blank + key + blank;
   }
 }
 
@@ -145,6 +147,7 @@ std::string Escape(const std::string& s) {
       case '<': out += "&lt;"; break;
       case '>': out += "&gt;"; break;
       case '"': out += "&quot;"; break;
+      case '\t': out += "&#9;"; break;  // a tab written as it is would read as a space in an attribute
       default: out += c;
     }
   }
