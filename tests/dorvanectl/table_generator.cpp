@@ -391,12 +391,12 @@ struct Builder {
   }
 
   // Bounds of an ICCID range, some of them made from the ranges before.
-  std::pair<std::string, std::string> Bounds(const std::vector<std::string>& issuers,
+  std::pair<std::string, std::string> Bounds(const std::vector<std::string>& networks,
                                              const std::vector<std::pair<std::string, std::string>>& earlier) {
-    const std::string issuer = r.Pick(issuers);
+    const std::string network = r.Pick(networks);
     auto same_length = [&](int length, int tail) {
-      const int fill = std::max(0, length - static_cast<int>(issuer.size()) - tail);
-      const std::string prefix = issuer + r.Digits(fill);
+      const int fill = std::max(0, length - static_cast<int>(network.size()) - tail);
+      const std::string prefix = network + r.Digits(fill);
       std::string a = r.Digits(tail), b = r.Digits(tail);
       if (a > b) std::swap(a, b);
       return std::make_pair(prefix + a, prefix + b);
@@ -416,12 +416,12 @@ struct Builder {
       return a == b ? std::make_pair(a, b + "1") : std::make_pair(b, a);
     }
     if (shape < 55) {  // min equals max
-      const std::string a = issuer + r.Digits(r.Int(0, 14));
+      const std::string a = network + r.Digits(r.Int(0, 14));
       return {a, a};
     }
     if (shape < 60) {  // no shared prefix
       if (r.Chance(0.5)) {
-        const std::string max = issuer + r.Digits(r.Int(1, 6));
+        const std::string max = network + r.Digits(r.Int(1, 6));
         return {max.substr(0, static_cast<size_t>(r.Int(1, static_cast<int>(max.size()) - 1))), max};
       }
       return {std::to_string(r.Int(1, 7)) + r.Digits(r.Int(3, 18)), "8" + r.Digits(r.Int(3, 19))};
@@ -433,7 +433,7 @@ struct Builder {
     }
     if (shape < 71) {  // leading zeros in the tails
       const int length = r.Int(18, 20), tail = r.Int(4, 9);
-      const std::string prefix = issuer + r.Digits(std::max(0, length - static_cast<int>(issuer.size()) - tail));
+      const std::string prefix = network + r.Digits(std::max(0, length - static_cast<int>(network.size()) - tail));
       auto zeroed = [&](int zeros) { return prefix + std::string(static_cast<size_t>(zeros), '0') + r.Digits(tail - zeros); };
       const int zeros = r.Int(1, tail - 1);
       std::string a = zeroed(zeros), b = zeroed(std::max(0, zeros - r.Int(0, 2)));
@@ -508,11 +508,11 @@ struct Builder {
 
   void IccidTable(const std::string& name) {
     w.Open(name);
-    std::vector<std::string> issuers;
-    for (int n = r.Int(1, 3); n > 0; --n) issuers.push_back("89" + r.Digits(r.Int(2, 5)));
+    std::vector<std::string> networks;
+    for (int n = r.Int(1, 3); n > 0; --n) networks.push_back("89" + r.Digits(r.Int(2, 5)));
     std::vector<std::pair<std::string, std::string>> earlier;
     List(r, "Range", {}, r.Int(0, 6), [&](const std::string& element, bool proper) {
-      auto [min, max] = Bounds(issuers, earlier);
+      auto [min, max] = Bounds(networks, earlier);
       earlier.push_back({min, max});
       Probes(min, max);
       Entry e;
@@ -524,8 +524,8 @@ struct Builder {
       AddEntry(e);
     });
     for (int n = r.Int(1, 3); n > 0; --n) {
-      const std::string issuer = r.Pick(issuers);
-      t.iccids.push_back(issuer + r.Digits(r.Int(16, 20) - static_cast<int>(issuer.size())));
+      const std::string network = r.Pick(networks);
+      t.iccids.push_back(network + r.Digits(r.Int(16, 20) - static_cast<int>(network.size())));
     }
     w.Close();
   }
