@@ -260,8 +260,8 @@ TEST(LintDeviceConfig, PathsThatGiveNoProductNameOrTheSameOneTwice) {
                             "<CustProductNamePath RegistryPath='software\\v,NAME'/>\n";
   const auto joined = lint("Combine", twice);
   ASSERT_EQ(1u, joined.size()) << Listing(joined);
-  EXPECT_FINDING(joined, 4, kWarning, "names the value of line 3 again: in Combine mode device-config-id joins it "
-                 "twice (\"A_A\"), so a ProductID matches only when its parts are equal");
+  EXPECT_FINDING(joined, 2, kWarning, "names one value twice, at lines 3 and 4: in Combine mode device-config-id "
+                 "joins it twice (\"A_A\"), so a ProductID matches only when those parts are equal");
   EXPECT_TRUE(lint("Single", twice).empty()) << "a second reading of one value changes nothing";
 }
 

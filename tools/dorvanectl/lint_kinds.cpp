@@ -311,11 +311,13 @@ void CheckDeviceConfig(Report& report, XMLElement* root) {
       std::string value;
       if (!UsableRegistryPath(e, value)) continue;
       auto [before, added] = values.emplace(value, e);
+      // Told on the list: it is what every row of the mapping table meets.
       if (!added && combine) {
-        report.Warning(e, Describe(e, "RegistryPath") + " names the value of line " +
-                              std::to_string(before->second->GetLineNum()) +
-                              " again: in Combine mode device-config-id joins it twice (\"A_A\"), so a ProductID "
-                              "matches only when its parts are equal");
+        report.Warning(paths, "CustProductNamePathToUniqueSkuID names one value twice, at lines " +
+                                  std::to_string(before->second->GetLineNum()) + " and " +
+                                  std::to_string(e->GetLineNum()) +
+                                  ": in Combine mode device-config-id joins it twice (\"A_A\"), so a ProductID "
+                                  "matches only when those parts are equal");
       }
     }
     if (values.empty() && mapping != nullptr) {
