@@ -13,6 +13,7 @@ import struct
 import subprocess
 import sys
 import unittest
+import zlib
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
 import winebox  # noqa: E402
@@ -137,8 +138,51 @@ class Installer(unittest.TestCase):
         self.assertFalse(os.path.exists(self.box.unix_path(INSTALL_DIR)))
 
 
+def section_names(path):
+    """The names of a PE file's sections; long ones ("/4") from its string table."""
+    with open(path, "rb") as f:
+        data = f.read()
+    pe = struct.unpack_from("<I", data, 0x3C)[0]
+    count, = struct.unpack_from("<H", data, pe + 6)
+    symbols, symbol_count = struct.unpack_from("<II", data, pe + 12)
+    optional, = struct.unpack_from("<H", data, pe + 20)
+    strings = symbols + 18 * symbol_count
+    names = []
+    for i in range(count):
+        raw = data[pe + 24 + optional + 40 * i:][:8].rstrip(b"\0").decode("ascii")
+        if raw.startswith("/"):
+            start = strings + int(raw[1:])
+            raw = data[start:data.index(b"\0", start)].decode("ascii")
+        names.append(raw)
+    return names
+
+
 class PackageTables(unittest.TestCase):
     """The package as msitools reads it."""
+
+    def test_small_programs_whose_symbols_are_kept_apart(self):
+        self.assertLessEqual(os.path.getsize(ARGS.msi), 3 * 1024 * 1024)
+        work = os.path.join(ARGS.work, "msi-files")
+        subprocess.run(["rm", "-rf", work], check=True)
+        os.makedirs(work)
+        subprocess.run(["msiextract", "-C", work, ARGS.msi], check=True, stdout=subprocess.DEVNULL)
+        symbols = os.path.join(os.path.dirname(ARGS.msi), "symbols")
+        for name in ("dorvane.exe", "dorvanectl.exe"):
+            [path] = [os.path.join(d, name) for d, _, files in os.walk(work) if name in files]
+            sections = section_names(path)
+            self.assertEqual([], [s for s in sections if s.startswith(".debug")], name)
+            self.assertIn(".gnu_debuglink", sections, name)
+            debug = os.path.join(symbols, name + ".debug")
+            self.assertIn(".debug_info", section_names(debug), debug)
+            # The link names the symbol file, and its checksum matches.
+            out = subprocess.run(["x86_64-w64-mingw32-objcopy", "--dump-section", ".gnu_debuglink=/dev/stdout",
+                                  path, os.path.join(work, "copy")], check=True,
+                                 stdout=subprocess.PIPE).stdout
+            linked = out[:out.index(b"\0")].decode("ascii")
+            self.assertEqual(name + ".debug", linked)
+            with open(debug, "rb") as f:
+                crc = zlib.crc32(f.read()) & 0xFFFFFFFF
+            self.assertEqual(crc, struct.unpack_from("<I", out, len(out) - 4)[0], name)
 
     def table(self, name):
         out = subprocess.run(["msiinfo", "export", ARGS.msi, name], check=True,
