@@ -23,6 +23,7 @@ ARGS = None
 INSTALL_DIR = "C:\\Program Files\\Dorvane"
 WATCHED_KEY = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\WWAN\\Dorvane"
 SERVICE_KEY = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\WWAN Dorvane"
+ENVIRONMENT_KEY = "HKLM\\SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Environment"
 UNINSTALL_KEY = "HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall"
 START_DONE = "[Information][CServiceStart::StartWork] StartWork Done."
 STOP_DONE = "[Infomation][CServiceStart::StopWork] Stop work success.\r\n\r\n"
@@ -72,6 +73,12 @@ class Installer(unittest.TestCase):
         out = self.reg("query", UNINSTALL_KEY, "/s").stdout
         return re.findall(r"DisplayName\s+REG_SZ\s+(WWAN Dorvane)\s*$", out, re.M)
 
+    def machine_path(self):
+        """The folders of the machine's PATH, as the registry holds it."""
+        out = self.reg("query", ENVIRONMENT_KEY, "/v", "PATH").stdout
+        value = re.search(r"PATH\s+REG_(?:EXPAND_)?SZ\s+(.*)$", out, re.M | re.I).group(1).strip()
+        return [part.rstrip("\\").lower() for part in value.split(";") if part]
+
     def log_messages(self):
         return winebox.messages(winebox.parse_log(self.box.read_log() or b""))
 
@@ -85,8 +92,15 @@ class Installer(unittest.TestCase):
         self.assertEqual((0, "dorvanectl " + version), (out.returncode, out.stdout.strip()))
 
     def test_install_again_and_remove(self):
+        path_before = self.machine_path()
         self.assertMsiexec(0, "/i", self.msi)
         self.assertInstalled(ARGS.version)
+        # The install folder ends the machine's PATH: dorvanectl runs by its
+        # name in a new process.
+        self.assertEqual(path_before + [INSTALL_DIR.lower()], self.machine_path())
+        out = self.box.run(["cmd", "/c", "dorvanectl", "--version"])
+        self.assertEqual(0, out.returncode, out.stderr)
+        self.assertIn(ARGS.version, out.stdout)
         records = winebox.parse_log(self.box.read_log())
         self.assertEqual("banner", records[0].tag, "the log starts with the start banner")
         # Wine's sc has no "qc": the service's configuration from its key.
@@ -107,6 +121,7 @@ class Installer(unittest.TestCase):
         self.assertMsiexec(0, "/x", self.msi)
         self.assertIsNone(self.box.query(), "the service is deleted")
         self.assertEqual([], self.products())
+        self.assertEqual(path_before, self.machine_path(), "the PATH as it was")
         self.assertFalse(os.path.exists(self.box.unix_path(INSTALL_DIR)))
         messages = self.log_messages()
         self.assertIn(START_DONE, messages)
@@ -202,6 +217,10 @@ class PackageTables(unittest.TestCase):
         # delete at removal (0x80); waiting for each.
         self.assertEqual(("WWAN Dorvane", "163", "1"),
                          (control["Name"], control["Event"], control["Wait"]))
+        [path] = self.table("Environment")
+        self.assertEqual(("=-*PATH", "[~];[INSTALLDIR]", "Ctl"), (path["Name"], path["Value"], path["Component_"]))
+        actions = {row["Action"] for row in self.table("InstallExecuteSequence")}
+        self.assertLessEqual({"WriteEnvironmentStrings", "RemoveEnvironmentStrings"}, actions)
         [key] = self.table("Registry")
         self.assertEqual(("2", "SYSTEM\\CurrentControlSet\\Services\\WWAN\\Dorvane", "+"),
                          (key["Root"], key["Key"], key["Name"]))
