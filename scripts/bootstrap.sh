@@ -23,7 +23,7 @@ packages=(
   nlohmann-json3-dev libcli11-dev
   time
   clang-14 libclang-rt-14-dev zlib1g-dev
-  wixl msitools
+  wixl msitools osslsigncode openssl
   libarchive-tools p7zip-full
 )
 

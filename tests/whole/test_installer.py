@@ -175,15 +175,49 @@ def section_names(path):
 class PackageTables(unittest.TestCase):
     """The package as msitools reads it."""
 
-    def test_small_programs_whose_symbols_are_kept_apart(self):
-        self.assertLessEqual(os.path.getsize(ARGS.msi), 3 * 1024 * 1024)
+    def extracted(self):
+        """The programs as the package holds them, by name."""
         work = os.path.join(ARGS.work, "msi-files")
         subprocess.run(["rm", "-rf", work], check=True)
         os.makedirs(work)
         subprocess.run(["msiextract", "-C", work, ARGS.msi], check=True, stdout=subprocess.DEVNULL)
+        found = {name: os.path.join(d, name) for d, _, files in os.walk(work) for name in files}
+        return work, {name: found[name] for name in ("dorvane.exe", "dorvanectl.exe")}
+
+    def verify(self, path):
+        return subprocess.run(["osslsigncode", "verify", "-CAfile", ARGS.signing_ca, "-in", path],
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+
+    def test_programs_and_package_carry_the_build_signature(self):
+        work, programs = self.extracted()
+        with open(ARGS.signing_cert) as f:
+            used = re.search(r"-----BEGIN CERTIFICATE-----(.*?)-----END", f.read(), re.S).group(1).split()
+        for path in [ARGS.msi] + sorted(programs.values()):
+            result = self.verify(path)
+            self.assertEqual(0, result.returncode, path + ":\n" + result.stdout)
+            # The signer is the certificate the build was given (or made).
+            signature = os.path.join(work, os.path.basename(path) + ".signature")
+            subprocess.run(["osslsigncode", "extract-signature", "-in", path, "-out", signature],
+                           check=True, stdout=subprocess.DEVNULL)
+            certs = subprocess.run(["openssl", "pkcs7", "-inform", "DER", "-in", signature, "-print_certs"],
+                                   check=True, stdout=subprocess.PIPE, text=True).stdout
+            self.assertIn("".join(used), "".join(certs.split()), path)
+        # A byte changed after signing, in a program's code and in the
+        # package's cabinet, fails the verification.
+        for path, at in ((programs["dorvane.exe"], 0x1000), (ARGS.msi, os.path.getsize(ARGS.msi) // 2)):
+            with open(path, "rb") as f:
+                data = bytearray(f.read())
+            data[at] ^= 0xFF
+            changed = os.path.join(work, "changed-" + os.path.basename(path))
+            with open(changed, "wb") as f:
+                f.write(data)
+            self.assertNotEqual(0, self.verify(changed).returncode, changed)
+
+    def test_small_programs_whose_symbols_are_kept_apart(self):
+        self.assertLessEqual(os.path.getsize(ARGS.msi), 3 * 1024 * 1024)
+        work, programs = self.extracted()
         symbols = os.path.join(os.path.dirname(ARGS.msi), "symbols")
-        for name in ("dorvane.exe", "dorvanectl.exe"):
-            [path] = [os.path.join(d, name) for d, _, files in os.walk(work) if name in files]
+        for name, path in sorted(programs.items()):
             sections = section_names(path)
             self.assertEqual([], [s for s in sections if s.startswith(".debug")], name)
             self.assertIn(".gnu_debuglink", sections, name)
@@ -245,7 +279,7 @@ def main():
     versions.add_argument("--previous-version", required=True)
     known, rest = versions.parse_known_args()
     sys.argv = [sys.argv[0]] + rest
-    ARGS, run = winebox.test_main("msi", "previous-msi", "work", "base")
+    ARGS, run = winebox.test_main("msi", "previous-msi", "signing-cert", "signing-ca", "work", "base")
     ARGS.version, ARGS.previous_version = known.version, known.previous_version
     run()
 
