@@ -114,9 +114,15 @@ class Installer(unittest.TestCase):
         self.assertRegex(config, r"\bDescription\s+REG_SZ\s+\S.*modem")
         self.assertEqual(0, self.reg("query", WATCHED_KEY).returncode, "the watched key")
 
-        # The same version again: one product, one service, still running.
+        # The same version again: one product, one service, running. Windows
+        # Installer opens the installed product for maintenance and changes
+        # no feature, so the service is left alone; Wine's msiexec reinstalls
+        # the components, which stops the service and starts it again.
         self.assertMsiexec(0, "/i", self.msi)
         self.assertInstalled(ARGS.version)
+        messages = self.log_messages()
+        self.assertEqual((1, 2), (messages.count(STOP_DONE), messages.count(START_DONE)),
+                         "under Wine: stopped once and started again")
 
         self.assertMsiexec(0, "/x", self.msi)
         self.assertIsNone(self.box.query(), "the service is deleted")
