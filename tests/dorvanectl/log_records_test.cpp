@@ -1,0 +1,137 @@
+// The log reader against the logger itself, and against logs as the field
+// hands them over: torn lines, a turn of the year, bytes in pieces of any size.
+#include "tools/dorvanectl/log_records.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "log/logger.h"
+#include "support/log_reader.h"
+
+namespace dorvane::logread {
+namespace {
+
+struct Read {
+  std::vector<LogRecord> records;
+  size_t unreadable = 0;
+};
+
+// Reads `files` in turn, each handed over in pieces of random sizes.
+Read ReadPieces(const std::vector<std::string>& files, unsigned seed) {
+  Read read;
+  LogRecordReader reader([&read](const LogRecord& r) { read.records.push_back(r); });
+  std::mt19937 random(seed);
+  for (const std::string& bytes : files) {
+    for (size_t at = 0; at < bytes.size();) {
+      const size_t n = std::min<size_t>(bytes.size() - at, 1 + random() % 97);
+      reader.Feed(bytes.data() + at, n);
+      at += n;
+    }
+    reader.Finish();
+  }
+  read.unreadable = reader.unreadable_lines();
+  EXPECT_EQ(read.records.size(), reader.records());
+  return read;
+}
+
+TEST(LogRecords, WhatTheLoggerWritesIsReadBackWhole) {
+  const std::string path = testing::MakeTempDir("logread") + "\\Dorvane.log";
+  Logger log;
+  log.SetLogPath(path);
+  log.Enable(true);
+  log.Write(kLogError, "RegOpenKeyEx error");
+  log.Write(kLogWarning, "warn %d", 7);
+  log.Write(kLogDetail, "\n\n----sep----\n");
+  log.Write(kLogDetail, "done.\r\n\r\n");
+  log.Close();
+  log.Write(kLogDetail, "after the reopen");
+  log.Close();
+  const std::string bytes = testing::ReadFileBytes(path);
+
+  for (unsigned seed = 1; seed <= 20; ++seed) {
+    SCOPED_TRACE(seed);
+    const Read read = ReadPieces({bytes}, seed);
+    ASSERT_EQ(7u, read.records.size());
+    EXPECT_EQ(0u, read.unreadable);
+    const std::vector<std::pair<LogLevel, std::string>> expected = {
+        {LogLevel::kBanner, ""},           {LogLevel::kError, "RegOpenKeyEx error"},
+        {LogLevel::kWarning, "warn 7"},    {LogLevel::kDetail, "\n\n----sep----\n"},
+        {LogLevel::kDetail, "done.\r\n\r\n"},  {LogLevel::kBanner, ""},
+        {LogLevel::kDetail, "after the reopen"},
+    };
+    for (size_t i = 0; i < expected.size(); ++i) {
+      EXPECT_EQ(expected[i].first, read.records[i].level) << i;
+      EXPECT_EQ(expected[i].second, read.records[i].text) << i;
+    }
+    // Lines of the file: banner 1, error 2, warning 3, the separator's
+    // record 4 (with its own lines 5 to 7), "done." 8 (9, 10), banner 11.
+    EXPECT_EQ((std::vector<size_t>{1, 2, 3, 4, 8, 11, 12}),
+              (std::vector<size_t>{read.records[0].line, read.records[1].line, read.records[2].line,
+                                   read.records[3].line, read.records[4].line, read.records[5].line,
+                                   read.records[6].line}));
+  }
+  // The stamp is the writer's: today's month and day.
+  SYSTEMTIME now;
+  ::GetLocalTime(&now);
+  const LogRecord& last = ReadPieces({bytes}, 1).records.back();
+  EXPECT_EQ(now.wMonth, last.month);
+  EXPECT_EQ(now.wDay, last.day);
+}
+
+TEST(LogRecords, FieldLogs) {
+  struct Case {
+    const char* name;
+    std::vector<std::string> files;
+    std::vector<std::string> texts;  // "year/MM-DD text" of each record
+    size_t unreadable;
+  };
+  const std::string banner = "---------------log start------------------\r\n";
+  const Case cases[] = {
+      {"a month that goes back starts a year; files go on with it",
+       {"[DETAIL] 12-31 23:59:59:999: old\r\n[DETAIL] 01-01 00:00:00:001: new\r\n",
+        "[DETAIL] 01-02 10:00:00:000: next file\r\n[DETAIL] 12-01 10:00:00:000: later\r\n"},
+       {"0/12-31 old", "1/01-01 new", "1/01-02 next file", "1/12-01 later"},
+       0},
+      {"the cut start of a backup and a torn prefix are counted, not taken as text",
+       {"of a text whose start was cut\r\n[DETAIL] 11-2\r\n" + banner + "torn after a banner\r\n"
+                                                                         "[ERROR]  11-24 08:00:00:000: Esim disable xml load faild.\r\n"},
+       {"0/00-00 ", "0/11-24 Esim disable xml load faild."},
+       3},
+      {"a last line without its line end is read; a torn prefix inside a text stays text",
+       {"[WARNING]  03-04 05:06:07:008: first\n[DETAIL] 03-0\n[DETAIL] 03-04 05:06:07:009: end"},
+       {"0/03-04 first\n[DETAIL] 03-0", "0/03-04 end"},
+       0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const Read read = ReadPieces(c.files, 7);
+    std::vector<std::string> texts;
+    for (const LogRecord& r : read.records) {
+      char stamp[16];
+      std::snprintf(stamp, sizeof stamp, "%d/%02d-%02d ", r.year, r.month, r.day);
+      texts.push_back(stamp + r.text);
+    }
+    EXPECT_EQ(c.texts, texts);
+    EXPECT_EQ(c.unreadable, read.unreadable);
+  }
+}
+
+TEST(LogRecords, AHugeRecordKeepsItsStartAndIsMarkedCut) {
+  const std::string text(3 * LogRecordReader::kMaxText, 'x');
+  const std::string bytes = "[DETAIL] 01-01 00:00:00:000: " + text + "\r\n" + text + "\r\n" +
+                            "[DETAIL] 01-01 00:00:00:001: next\r\n";
+  const Read read = ReadPieces({bytes}, 3);
+  ASSERT_EQ(2u, read.records.size());
+  EXPECT_TRUE(read.records[0].truncated);
+  EXPECT_EQ(LogRecordReader::kMaxText, read.records[0].text.size());
+  EXPECT_EQ("next", read.records[1].text);
+  EXPECT_FALSE(read.records[1].truncated);
+  EXPECT_EQ(3u, read.records[1].line);
+}
+
+}  // namespace
+}  // namespace dorvane::logread
