@@ -13,7 +13,7 @@ cd "$repo"
 if [ ! -f build-native/build.ninja ]; then cmake --preset native >/dev/null; fi
 cmake --build --preset native
 
-targets=(zip_reader entry_name)
+targets=(zip_reader entry_name log_records)
 pids=()
 for t in "${targets[@]}"; do
   work="build-native/fuzz-work/$t"
