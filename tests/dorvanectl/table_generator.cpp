@@ -70,6 +70,9 @@ class Rng {
   explicit Rng(std::mt19937& g) : g_(g) {}
   int Int(int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(g_); }
   bool Chance(double p) { return std::uniform_real_distribution<double>(0.0, 1.0)(g_) < p; }
+  // How many copies of an element to write: none now and then, two now and
+  // then, else one.
+  int Copies(double none, double two) { return Chance(none) ? 0 : Chance(two) ? 2 : 1; }
   template <class T>
   const T& Pick(const std::vector<T>& v) {
     return v[static_cast<size_t>(Int(0, static_cast<int>(v.size()) - 1))];
@@ -537,7 +540,7 @@ struct Builder {
     Attrs attrs;
     Key(attrs, e, "mcc", mccs.Next(r));
     e.line = w.Open(name, attrs);
-    const int copies = r.Chance(0.05) ? 0 : r.Chance(0.05) ? 2 : 1;
+    const int copies = r.Copies(0.05, 0.05);
     for (int i = 0; i < copies; ++i) {
       AddHolder(Firmware(w, r, "PARAMFirmware", {"File", "Ver", "Type", "Count"}), e.line);
     }
@@ -552,7 +555,7 @@ struct Builder {
     if (r.Chance(0.15)) std::shuffle(order.begin(), order.end(), std::mt19937(static_cast<unsigned>(r.Int(0, 1 << 30))));
     for (int part : order) {
       if (only_mccmnc && part != 0) continue;
-      const int copies = r.Chance(0.07) ? 0 : r.Chance(0.05) ? 2 : 1;
+      const int copies = r.Copies(0.07, 0.05);
       for (int i = 0; i < copies; ++i) {
         switch (part) {
           case 0:
@@ -592,7 +595,7 @@ struct Builder {
     const bool root_rule = r.Chance(0.6);
     const bool root_rule_first = r.Chance(0.2);
     if (root_rule && root_rule_first) Items("SelectionRule", "mcc", Lookup::kSelectionRuleByMcc, rule_items);
-    const int copies = r.Chance(0.04) ? 0 : r.Chance(0.04) ? 2 : 1;
+    const int copies = r.Copies(0.04, 0.04);
     for (int i = 0; i < copies; ++i) SwitchingRule(mccmncs, mccs, registered);
     if (root_rule && !root_rule_first) Items("SelectionRule", "mcc", Lookup::kSelectionRuleByMcc, rule_items);
     w.Close();
@@ -603,7 +606,7 @@ struct Builder {
   void SelectionRules() {
     Keys mccs(Mcc);
     w.Open("Rules");
-    const int copies = r.Chance(0.04) ? 0 : r.Chance(0.06) ? 2 : 1;
+    const int copies = r.Copies(0.04, 0.06);
     for (int i = 0; i < copies; ++i) Items("SelectionRule", "mcc", Lookup::kSelectionRuleByMcc, mccs);
     w.Close();
     OtherKeys(mccs, 2);
@@ -614,7 +617,7 @@ struct Builder {
   void CarrierList(const std::string& entry_name, const std::vector<std::string>& near, Lookup lookup, Keys& keys,
                    const std::function<void(int entry_line)>& body,
                    const std::function<std::optional<std::string>(std::optional<std::string>)>& special = nullptr) {
-    const int copies = r.Chance(0.04) ? 0 : r.Chance(0.04) ? 2 : 1;
+    const int copies = r.Copies(0.04, 0.04);
     if (copies == 0 && r.Chance(0.3)) {
       w.Open("Carrierlist");
       w.Leaf(entry_name, {{"id", keys.Fresh(r)}});
@@ -659,7 +662,7 @@ struct Builder {
     Keys ids(CarrierName);
     w.Open("Models");
     CarrierList("CustModel", {}, Lookup::kOemFirmwareByModel, ids, [&](int entry) {
-      const int copies = r.Chance(0.05) ? 0 : r.Chance(0.05) ? 2 : 1;
+      const int copies = r.Copies(0.05, 0.05);
       for (int i = 0; i < copies; ++i) {
         std::function<void(Writer&)> inside;
         if (r.Chance(0.5)) {
@@ -701,7 +704,7 @@ struct Builder {
     Keys ids(CarrierName);
     w.Open("FwPackage");
     for (const char* name : {"PackageVer", "PackageType"}) {
-      const int copies = r.Chance(0.04) ? 0 : r.Chance(0.05) ? 2 : 1;
+      const int copies = r.Copies(0.04, 0.05);
       for (int i = 0; i < copies; ++i) {
         Entry e;
         e.lookup = Lookup::kFwPackageInfo;
@@ -734,7 +737,7 @@ struct Builder {
       attrs.push_back({written, area});
       if (written == "ID") e.key2 = area; else e.stray_key = area;
       e.line = w.Open(element, attrs);
-      const int copies = r.Chance(0.05) ? 0 : r.Chance(0.05) ? 2 : 1;
+      const int copies = r.Copies(0.05, 0.05);
       for (int i = 0; i < copies; ++i) {
         AddHolder(Firmware(w, r, "PARAMFirmware", {"File", "Ver", "Type", "Count"}), e.line);
       }
@@ -774,20 +777,26 @@ struct Builder {
     w.Close();
   }
 
+  // `copies` sections named `name`, each written by `body`; with none, now
+  // and then one under the near miss `misnamed` instead.
+  void Sections(int copies, const char* misnamed, const char* name, const std::function<void()>& body) {
+    if (copies == 0 && r.Chance(0.5)) {
+      w.Open(misnamed);
+      body();
+      w.Close();
+    }
+    for (int i = 0; i < copies; ++i) {
+      w.Open(name);
+      body();
+      w.Close();
+    }
+  }
+
   void DeviceConfig() {
     Keys products(ProductName);
     w.Open("DeviceConfig");
-    const int tables = r.Chance(0.03) ? 0 : r.Chance(0.03) ? 2 : 1;
-    if (tables == 0 && r.Chance(0.5)) {
-      w.Open("WwanDeviceConfigureIdTable");
-      DeviceConfigParts(products);
-      w.Close();
-    }
-    for (int i = 0; i < tables; ++i) {
-      w.Open("WwanDeviceConfigureIDTable");
-      DeviceConfigParts(products);
-      w.Close();
-    }
+    Sections(r.Copies(0.03, 0.03), "WwanDeviceConfigureIdTable", "WwanDeviceConfigureIDTable",
+             [&] { DeviceConfigParts(products); });
     w.Close();
     OtherKeys(products, 2);
   }
@@ -797,7 +806,7 @@ struct Builder {
   void DeviceConfigParts(Keys& products) {
     const bool neither = r.Chance(0.03);
     const bool paths = !neither && !r.Chance(0.04);
-    const int mappings = neither || r.Chance(0.04) ? 0 : r.Chance(0.04) ? 2 : 1;
+    const int mappings = neither ? 0 : r.Copies(0.04, 0.04);
     const bool mapping_first = r.Chance(0.2);
     if (mapping_first && mappings > 0) Mapping(products);
     if (paths) Paths();
@@ -861,7 +870,7 @@ struct Builder {
     Keys configs(ConfigName);
     Keys mccs(Mcc);
     w.Open("ImageMapping");
-    const int copies = r.Chance(0.03) ? 0 : r.Chance(0.03) ? 2 : 1;
+    const int copies = r.Copies(0.03, 0.03);
     for (int i = 0; i < copies; ++i) {
       w.Open("WwanDeviceConfigureIDToImageMappingTable");
       List(r, "WwanDeviceConfigID", {"WwanDeviceConfigId"}, r.Int(0, 4),
@@ -886,7 +895,7 @@ struct Builder {
                attrs.push_back({value_name, value});
                if (value_name == "Value") e.key2 = value; else e.stray_key = value;
                e.line = w.Open(element, attrs);
-               const int firmware = r.Chance(0.06) ? 0 : r.Chance(0.04) ? 2 : 1;
+               const int firmware = r.Copies(0.06, 0.04);
                for (int f = 0; f < firmware; ++f) {
                  AddHolder(Firmware(w, r, "DEVFirmware", {"File", "Ver", "Type", "Count"}), e.line);
                }
@@ -953,17 +962,7 @@ struct Builder {
   void Region() {
     Keys mccs(Mcc);
     w.Open("RegionTable");
-    const int copies = r.Chance(0.03) ? 0 : r.Chance(0.05) ? 2 : 1;
-    if (copies == 0 && r.Chance(0.5)) {
-      w.Open("Selectionrule");
-      RegionRows(mccs);
-      w.Close();
-    }
-    for (int i = 0; i < copies; ++i) {
-      w.Open("SelectionRule");
-      RegionRows(mccs);
-      w.Close();
-    }
+    Sections(r.Copies(0.03, 0.05), "Selectionrule", "SelectionRule", [&] { RegionRows(mccs); });
     w.Close();
     OtherKeys(mccs, 3);
   }
@@ -997,14 +996,14 @@ struct Builder {
       w.Close();
     };
     if (general && !general_last) write_general();
-    const int copies = r.Chance(0.04) ? 0 : r.Chance(0.04) ? 2 : 1;
+    const int copies = r.Copies(0.04, 0.04);
     for (int i = 0; i < copies; ++i) {
       w.Open("storage_type", {{"name", "EMMC"}});
       int index = 0;
       List(r, "partition_index", {}, r.Int(0, 5), [&](const std::string& name, bool proper) {
         w.Open(name, {{"n", "{L}"}, {"name", "SYS" + std::to_string(index++)}});
         w.Leaf("partition_name", {}, std::string("part") + std::to_string(index));
-        const int flags = r.Chance(0.06) ? 0 : r.Chance(0.05) ? 2 : 1;
+        const int flags = r.Copies(0.06, 0.05);
         for (int f = 0; f < flags; ++f) {
           static const std::vector<std::string> kTexts = {"true", "false", "", " true", "TRUE", "yes", "md1"};
           const std::string text = r.Chance(0.8) ? kTexts[static_cast<size_t>(r.Int(0, 1))] : r.Pick(kTexts);
