@@ -25,6 +25,7 @@ packages=(
   clang-14 libclang-rt-14-dev zlib1g-dev
   wixl msitools osslsigncode openssl
   libarchive-tools p7zip-full
+  chromium fonts-dejavu-core python3-pil
 )
 
 # A deb-src entry for bookworm main, so that tinyxml2's source package can be fetched.

@@ -282,6 +282,7 @@ int Run(int argc, char** argv) {
   AddRegistryCommands(app, common);
   AddFileCommands(app, common);
   AddLintCommand(app, common);
+  AddLogCommand(app, common);
   AddHelp(app, common);
 
   // The logger needs a usable file before the first line: a write that finds

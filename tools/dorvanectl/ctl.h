@@ -118,5 +118,6 @@ void AddTableCommands(CLI::App& app, Common& common);
 void AddRegistryCommands(CLI::App& app, Common& common);
 void AddFileCommands(CLI::App& app, Common& common);
 void AddLintCommand(CLI::App& app, Common& common);
+void AddLogCommand(CLI::App& app, Common& common);
 
 }  // namespace dorvane::ctl

@@ -85,7 +85,10 @@ void LogRecordReader::Feed(const char* data, size_t size) {
 void LogRecordReader::Finish() {
   if (!partial_.empty()) {
     if (partial_.back() == '\r') partial_.pop_back();
-    Line(partial_);  // a last line without its line end: torn, but still read
+    // A last line without its line end is torn: still read when it starts a
+    // record, but never taken for a line of the record before it, whose own
+    // lines all end (the logger ends every text with a line end).
+    Line(partial_, /*complete=*/false);
     partial_.clear();
     partial_cut_ = false;
   }
@@ -93,7 +96,7 @@ void LogRecordReader::Finish() {
   line_number_ = 0;
 }
 
-void LogRecordReader::Line(const std::string& line) {
+void LogRecordReader::Line(const std::string& line, bool complete) {
   ++line_number_;
   LogRecord record;
   size_t text_at = 0;
@@ -118,8 +121,9 @@ void LogRecordReader::Line(const std::string& line) {
     have_current_ = true;
     return;
   }
-  if (!have_current_ || current_.level == LogLevel::kBanner) {
+  if (!have_current_ || current_.level == LogLevel::kBanner || !complete) {
     ++unreadable_;
+    if (on_unreadable_) on_unreadable_(line_number_);
     return;
   }
   // A line of the current record's own text.

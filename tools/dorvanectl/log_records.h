@@ -20,6 +20,7 @@
 #include <cstddef>
 #include <functional>
 #include <string>
+#include <utility>
 
 namespace dorvane::logread {
 
@@ -53,12 +54,17 @@ class LogRecordReader {
   size_t records() const { return records_; }
   // Lines that start no record and follow none.
   size_t unreadable_lines() const { return unreadable_; }
+  // Told the line number (in the current file) of each unreadable line.
+  void OnUnreadable(std::function<void(size_t line)> on_unreadable) {
+    on_unreadable_ = std::move(on_unreadable);
+  }
 
  private:
-  void Line(const std::string& line);
+  void Line(const std::string& line, bool complete = true);
   void Flush();
 
   std::function<void(const LogRecord&)> on_record_;
+  std::function<void(size_t)> on_unreadable_;
   std::string partial_;  // the current line, up to kMaxText + a prefix
   bool partial_cut_ = false;
   size_t line_number_ = 0;

@@ -49,6 +49,10 @@ const std::map<std::string, const char*>& Examples() {
       {"zip-result-text", "dorvanectl zip-result-text 0x700"},
       {"lint", "dorvanectl lint C:\\tables\\rules.xml C:\\tables\\skus.xml\n"
                "  dorvanectl lint --fail-on error C:\\release\\tables C:\\fw\\*.xml"},
+      {"log", "dorvanectl log\n"
+              "  dorvanectl log --since 11-20 --errors D:\\case-4711\\Dorvane.logbk D:\\case-4711\\Dorvane.log\n"
+              "  dorvanectl --json log --year 2026 > events.jsonl\n"
+              "  dorvanectl log --html week.html"},
       {"help", "dorvanectl help carrier-id-by-mcc"},
   };
   return examples;
