@@ -25,7 +25,7 @@ packages=(
   clang-14 libclang-rt-14-dev zlib1g-dev
   wixl msitools osslsigncode openssl
   libarchive-tools p7zip-full
-  chromium fonts-dejavu-core python3-pil
+  chromium fonts-dejavu-core
 )
 
 # A deb-src entry for bookworm main, so that tinyxml2's source package can be fetched.

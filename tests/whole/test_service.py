@@ -9,11 +9,14 @@ query fail with their logged texts and the service keeps running.
 """
 import json
 import os
+import subprocess
 import sys
 import time
 import unittest
+import xml.etree.ElementTree as ET
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
+import png  # noqa: E402
 import winebox  # noqa: E402
 from winebox import RUNNING, STOP_PENDING, STOPPED, WineBox  # noqa: E402
 
@@ -286,6 +289,155 @@ class WithModem(ModemCase):
         self.assertNotIn(SEPARATOR, msgs)
         # The stop still unadvises, with the cookie 0 the failed Advise left.
         self.assertNothingLeft(bad_unadvises=1)
+
+
+class LogReader(ModemCase):
+    """dorvanectl log on the log this service wrote: the reader never drifts
+    from the writer."""
+
+    def ctl(self, *args):
+        if not hasattr(self, "_ctl"):
+            self._ctl = self.box.put_file(ARGS.dorvanectl, winebox.INSTALL_DIR)
+        return self.box.run([self._ctl] + list(args))
+
+    def happenings(self, *args):
+        result = self.ctl("--json", "log", *args)
+        self.assertEqual(0, result.returncode, result.stderr)
+        objects = [json.loads(line) for line in result.stdout.splitlines()]
+        self.assertIn("summary", objects[-1])
+        return objects[:-1], objects[-1]["summary"]
+
+    def test_a_week_of_the_service_read_back(self):
+        self.box.simctl("reset", 1)
+        self.start_service()
+        self.wait_for(SEPARATOR)
+        self.box.simctl("remove", 0)
+        self.wait_for(REMOVAL)
+        self.box.simctl("arrive")
+        self.wait_for(ARRIVAL)
+        self.box.reg_add(winebox.SERVICE_KEY, "Probe", int(time.time()) % 100000, "REG_DWORD")
+        self.wait_for(REGISTER)
+        self.stop_service()
+        self.box.sc("start", winebox.SERVICE_NAME)
+        self.box.wait_state(RUNNING)
+        deadline = time.monotonic() + 30
+        while winebox.messages(winebox.parse_log(self.box.read_log())).count(SEPARATOR) < 2:
+            self.assertLess(time.monotonic(), deadline, "the second run never read the SIM")
+            time.sleep(0.1)
+        self.stop_service()
+
+        raw = self.box.read_log().decode("latin-1").split("\r\n")
+        homes = [m[len(HOME):] for m in winebox.messages(winebox.parse_log(self.box.read_log()))
+                 if m.startswith(HOME)]
+        self.assertEqual(2, len(homes))
+
+        # Without a file: the service's own log (there is no backup yet).
+        found, summary = self.happenings()
+        self.assertEqual(["service-start", "sim", "modem-removal", "modem-arrival", "registry-change",
+                          "service-stop", "service-start", "sim", "service-stop"],
+                         [h["happening"] for h in found])
+        self.assertEqual(homes, [h["mccmnc"] for h in found if h["happening"] == "sim"])
+        for h in found:
+            self.assertEqual(winebox.LOG_PATH, h["file"])
+            line = raw[h["line"] - 1]
+            if h["happening"] == "service-start":
+                self.assertEqual(winebox.BANNER, line)
+                line = raw[h["line"]]  # its time is the first line's after it
+                self.assertIn(START_ENTER, line)
+            stamp = line.split(": ", 1)[0][-18:]
+            self.assertEqual(stamp[:14] + "." + stamp[15:], h["time"], line)
+            self.assertEqual(0, h["year"])
+        self.assertEqual(0, summary["unreadable_lines"])
+        self.assertEqual(["stopped", "stopped"], [r["ended"] for r in summary["runs"]])
+        self.assertEqual([], summary["errors"])
+        self.assertEqual(1, summary["counts"]["registry-change"])
+
+        text = self.ctl("log")
+        self.assertEqual(0, text.returncode, text.stderr)
+        self.assertIn("Service runs: 2\n", text.stdout)
+        self.assertEqual(2, text.stdout.count(" stopped\n"), text.stdout)
+        self.assertIn("Modem: 1 arrival, 1 removal\n", text.stdout)
+        self.assertIn("Errors: 0 texts, 0 lines\n", text.stdout)
+        self.assertIn("Registry changes: 1 (first %s" % found[4]["time"], text.stdout)
+
+        self.see_the_page(found)
+
+    def see_the_page(self, found):
+        """The page as a person sees it: rendered by Chromium into a picture."""
+        page = "C:\\log.html"
+        result = self.ctl("log", "--html", page)
+        self.assertEqual(0, result.returncode, result.stderr)
+        html_path = self.box.unix_path(page)
+        with open(html_path, encoding="utf-8") as f:
+            html = f.read()
+        for outside in ("<script", "src=", "href=", "@import", "url("):
+            self.assertNotIn(outside, html, "the page is self-contained")
+        svg = ET.fromstring(html[html.index("<svg"):html.index("</svg>") + 6])
+        ns = "{http://www.w3.org/2000/svg}"
+        runs = [e for e in svg.iter(ns + "rect") if e.get("class") == "run"]
+        self.assertEqual(2, len(runs))
+        sims = [e for e in svg.iter(ns + "rect") if e.get("class") == "sim"]
+        self.assertEqual(2, len(sims), "a segment per SIM run")
+        marks = [g for g in svg.iter(ns + "g") if "registry-change" in g.get("class", "")]
+        self.assertEqual(1, len(marks))
+        raw = self.box.read_log().decode("latin-1").split("\r\n")
+        registry = [h for h in found if h["happening"] == "registry-change"][0]
+        self.assertEqual(str(registry["line"]), marks[0].get("data-line"))
+        # Its hover text is the line as logged (the text's own line breaks included).
+        self.assertEqual("\n".join(raw[registry["line"] - 1:registry["line"] + 3]),
+                         marks[0].find(ns + "title").text)
+
+        shot_path = self.box.unix_path("C:\\log.png")
+        profile = self.box.unix_path("C:\\chromium-profile")
+        shot = subprocess.run(
+            ["chromium", "--headless", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
+             "--disable-background-networking", "--no-first-run", "--hide-scrollbars",
+             "--user-data-dir=" + profile, "--window-size=1200,900", "--screenshot=" + shot_path,
+             "file://" + html_path],
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=120)
+        self.assertTrue(os.path.exists(shot_path), shot.stdout.decode("latin-1")[-2000:])
+        width, height, rows = png.read_png(shot_path)
+
+        def where(colour):
+            """The rows and columns of the pixels of `colour` (hex) in the picture."""
+            rgb = bytes(int(colour[i:i + 2], 16) for i in (1, 3, 5))
+            ys, xs = [], []
+            for y, row in enumerate(rows):
+                at = row.find(rgb)
+                while at >= 0:
+                    if at % 3 == 0:
+                        ys.append(y)
+                        xs.append(at // 3)
+                    at = row.find(rgb, at + 1)
+            self.assertTrue(ys, "no %s in the picture" % colour)
+            return ys, xs
+
+        service_rows, service_cols = where("#2e7d32")
+        modem_rows, _ = where("#1565c0")
+        sim_rows, _ = where("#8e24aa")
+        registry_rows, _ = where("#ef6c00")
+        # The lanes from top to bottom: service, modem, SIM, marks.
+        self.assertLess(max(service_rows), min(modem_rows))
+        self.assertLess(max(modem_rows), min(sim_rows))
+        self.assertLess(max(sim_rows), min(registry_rows))
+        # The runs span the timeline: the first starts at its left end and the
+        # second ends at its right end.
+        self.assertLess(max(service_cols) - min(service_cols), 1000 + 2)
+        self.assertGreater(max(service_cols) - min(service_cols), 1000 - 4)
+
+    def test_failures_are_the_error_lines_but_the_home_provider(self):
+        self.box.simctl("reset", 1)
+        self.box.simctl("inject", "Advise", "0x80040202")
+        self.start_service()
+        self.wait_for(HOME + "310260")
+        self.stop_service()
+        logged = [r.message for r in winebox.parse_log(self.box.read_log())
+                  if r.tag == "[ERROR] " and not r.message.startswith(HOME)]
+        self.assertEqual(2, len(logged))
+        found, summary = self.happenings("--errors")
+        self.assertEqual(logged, [h["text"] for h in found])
+        self.assertEqual({"error"}, {h["happening"] for h in found})
+        self.assertEqual([(t, 1) for t in logged], [(e["text"], e["count"]) for e in summary["errors"]])
 
 
 class Churn(ModemCase):
