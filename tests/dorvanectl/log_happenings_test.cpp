@@ -247,8 +247,8 @@ TEST(LogHappenings, TimesAndTextsAsTheyAreGivenAndShown) {
                                                    {"1124", false}, {"11-24 08:30 ", false}}) {
     EXPECT_EQ(c.valid, ParseClockTime(c.text).has_value()) << c.text;
   }
-  EXPECT_EQ("&lt;a href=&quot;x&quot;&gt;&amp;&#39; \\x1B\\x7F\xC3\xA9 \\xE9\\xC3 \\xED\\xA0\\x80",
-            HtmlText("<a href=\"x\">&' \x1B\x7F\xC3\xA9 \xE9\xC3 \xED\xA0\x80"));
+  EXPECT_EQ("&lt;a href=&quot;x&quot;&gt;&amp;&#39; \\x1B\\x7F\xC3\xA9 \\xE9\\xC3 \\xED\\xA0\\x80 \\xF8\\x88\\x80\\x80",
+            HtmlText("<a href=\"x\">&' \x1B\x7F\xC3\xA9 \xE9\xC3 \xED\xA0\x80 \xF8\x88\x80\x80"));
   EXPECT_EQ("9 h 58 min", LengthText((9 * 60 + 58) * 60000LL + 999));
   EXPECT_EQ("0.250 s", LengthText(250));
   Stamp t;

@@ -19,7 +19,7 @@ const char* const kSimColours[] = {"#8e24aa", "#f9a825", "#00838f", "#6d4c41", "
 
 size_t Utf8Length(const std::string& s, size_t at) {
   const unsigned char c = static_cast<unsigned char>(s[at]);
-  size_t n = c >= 0xF0 && c <= 0xF4 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 && c < 0xE0 ? 2 : 0;
+  const size_t n = c > 0xF4 ? 0 : c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 ? 2 : 0;
   if (n == 0 || at + n > s.size()) return 0;
   for (size_t i = 1; i < n; ++i) {
     if ((static_cast<unsigned char>(s[at + i]) & 0xC0) != 0x80) return 0;
