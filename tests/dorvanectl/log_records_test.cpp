@@ -105,6 +105,11 @@ TEST(LogRecords, FieldLogs) {
        {"[DETAIL] 03-04 05:06:07:008: whole\r\ngarbage torn li"},
        {"0/03-04 whole"},
        1},
+      {"a line torn by a crash with the next start's banner glued on: the torn record, then the banner",
+       {"[DETAIL] 03-04 05:06:07:008: whole\r\n[DETAIL] 03-04 05:06:07:009: tor" + banner +
+        "[DETAIL] 03-05 01:00:00:000: a\r\nline of its text, tor" + banner + "[DETAIL] 03-06 01:00:00:000: b\r\n"},
+       {"0/03-04 whole", "0/03-04 tor", "0/00-00 ", "0/03-05 a", "0/00-00 ", "0/03-06 b"},
+       1},
       {"a last line without its line end is read; a torn prefix inside a text stays text",
        {"[WARNING]  03-04 05:06:07:008: first\n[DETAIL] 03-0\n[DETAIL] 03-04 05:06:07:009: end"},
        {"0/03-04 first\n[DETAIL] 03-0", "0/03-04 end"},

@@ -255,6 +255,10 @@ bool JsonOnCommandLine(int argc, char** argv) {
 }
 
 int Run(int argc, char** argv) {
+  // The C runtime leaves standard output unbuffered on a console and on NUL,
+  // where every byte then costs a WriteFile of its own (seconds for the JSON
+  // of a long log). Every exit path flushes, the time-out's ExitProcess too.
+  std::setvbuf(stdout, nullptr, _IOFBF, 1 << 16);
   CLI::App app("dorvanectl: the command line of the WWAN Dorvane library.\n"
                "Exit status: 0 success, 1 failure or not found, 2 usage or unreadable\n"
                "argument, 3 no modem, 4 the operation did not return in time.",

@@ -134,10 +134,10 @@ class Reading {
                              {"time", TimeJson(h.time, args_.year)},
                              {"year", args_.year + h.time.year}};
     if (h.kind == Kind::kSim) {
-      object["mccmnc"] = TableText(h.mccmnc);
-      if (!h.iccid.empty()) object["iccid"] = TableText(h.iccid);
+      object["mccmnc"] = Text(h.mccmnc);
+      if (!h.iccid.empty()) object["iccid"] = Text(h.iccid);
     }
-    object["text"] = TableText(h.kind == Kind::kServiceStart ? logread::OriginalLine(h) : h.text);
+    object["text"] = Text(h.kind == Kind::kServiceStart ? logread::OriginalLine(h) : h.text);
     PrintJson(object);
   }
 
@@ -289,7 +289,7 @@ nlohmann::json SummaryJson(const LogArgs& args, const Input& input, const Readin
   if (!args.until.empty()) summary["until"] = args.until;
   nlohmann::json errors = nlohmann::json::array();
   for (const Summary::Error& e : s.errors) {
-    errors.push_back({{"text", TableText(e.text)},
+    errors.push_back({{"text", Text(e.text)},
                       {"count", e.count},
                       {"first", TimeJson(e.first.time, y)},
                       {"last", TimeJson(e.last.time, y)},
@@ -315,11 +315,11 @@ nlohmann::json SummaryJson(const LogArgs& args, const Input& input, const Readin
   summary["runs_not_listed"] = s.runs.dropped;
   nlohmann::json sims = nlohmann::json::array();
   for (const Summary::Sim& sim : s.sims) {
-    nlohmann::json one = {{"mccmnc", TableText(sim.mccmnc)},
+    nlohmann::json one = {{"mccmnc", Text(sim.mccmnc)},
                           {"count", sim.count},
                           {"first", TimeJson(sim.first.time, y)},
                           {"last", TimeJson(sim.last.time, y)}};
-    if (!sim.iccid.empty()) one["iccid"] = TableText(sim.iccid);
+    if (!sim.iccid.empty()) one["iccid"] = Text(sim.iccid);
     sims.push_back(one);
   }
   summary["sims"] = sims;

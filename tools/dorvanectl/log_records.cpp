@@ -100,6 +100,16 @@ void LogRecordReader::Line(const std::string& line, bool complete) {
   ++line_number_;
   LogRecord record;
   size_t text_at = 0;
+  // A line torn by a crash gets the next start's banner glued on, as the
+  // logger appends: the torn part, then the banner.
+  const size_t banner_size = sizeof kBannerLine - 1;
+  if (line.size() > banner_size && line.compare(line.size() - banner_size, banner_size, kBannerLine) == 0) {
+    --line_number_;
+    Line(line.substr(0, line.size() - banner_size), /*complete=*/false);
+    --line_number_;
+    Line(kBannerLine);
+    return;
+  }
   if (line == kBannerLine) {
     Flush();
     record.level = LogLevel::kBanner;
@@ -116,7 +126,7 @@ void LogRecordReader::Line(const std::string& line, bool complete) {
     record.line = line_number_;
     record.year = year_;
     record.text = line.substr(text_at, kMaxText);
-    record.truncated = partial_cut_ || line.size() - text_at > kMaxText;
+    record.truncated = partial_cut_ || line.size() - text_at > kMaxText || !complete;
     current_ = std::move(record);
     have_current_ = true;
     return;

@@ -8,7 +8,11 @@
 // at every (re)open. Lines that follow a record without a prefix belong to
 // its text (the service writes texts with line breaks of their own). Lines
 // that neither start a record nor follow one (the cut start of a file, a line
-// torn by a crash) are counted as unreadable, never silently dropped.
+// torn by a crash) are counted as unreadable, never silently dropped. A line
+// torn by a crash carries the next start's banner at its end (the logger
+// appends): it is read as the torn line and then the banner; a torn line, and
+// the last line of a file when it has no line end, is a record when it starts
+// one (marked truncated), else unreadable.
 //
 // The log has no year: records come in file order, and a month lower than the
 // one before starts a new year (`year` counts them from 0).
