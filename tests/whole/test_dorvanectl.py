@@ -392,7 +392,7 @@ class TableCommands(unittest.TestCase):
         self.assertNotRegex(listing.stdout, r"\{false\}|=C:")
         self.assertEqual(listing.stdout, self.run_ctl("--help").stdout)
         commands = re.findall(r"^  ([a-z][a-z-]+) {2,}", listing.stdout.split("Subcommands:")[1], re.M)
-        self.assertEqual(31, len(commands), commands)
+        self.assertEqual(32, len(commands), commands)
         for command in commands:
             with self.subTest(command=command):
                 result = self.run_ctl("help", command)
