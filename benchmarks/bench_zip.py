@@ -59,6 +59,18 @@ def run_peer(command, archive, out):
     return seconds
 
 
+def cpu_model():
+    """The processor's name as Linux gives it, or "unknown processor"."""
+    try:
+        with open("/proc/cpuinfo") as f:
+            for line in f:
+                if line.startswith("model name"):
+                    return line.split(":", 1)[1].strip()
+    except OSError:
+        pass
+    return "unknown processor"
+
+
 def run_ours(exe, archive, out, threads=None):
     shutil.rmtree(out, ignore_errors=True)
     wine = os.path.join(REPO, "scripts", "wine-run")
@@ -106,12 +118,14 @@ def main():
     outs = {name: os.path.join(args.work, "out-" + name.split()[-1]) for name, _ in peers}
     out_ours = os.path.join(args.work, "out-ours")
 
+    out_one = os.path.join(args.work, "out-one")
     times = {name: [] for name, _ in peers}
     ours_s, inside_s, reports = [], [], []
+    one_s, one_inside_s = [], []
     same = {}
     for round_ in range(args.rounds):
         # Each round starts with another tool, so that none always runs first.
-        order = [None] + peers
+        order = [None, "one"] + peers
         order = order[round_ % len(order):] + order[:round_ % len(order)]
         for tool in order:
             if tool is None:
@@ -119,14 +133,20 @@ def main():
                 ours_s.append(seconds)
                 inside_s.append(report["seconds"])
                 reports.append(report)
+            elif tool == "one":
+                seconds, report = run_ours(args.exe, big, out_one, threads=1)
+                one_s.append(seconds)
+                one_inside_s.append(report["seconds"])
             else:
                 name, command = tool
                 times[name].append(run_peer(command, big, outs[name]))
     for name, _ in peers:
         same[name] = subprocess.run(["diff", "-rq", outs[name], out_ours],
                                     stdout=subprocess.PIPE).returncode == 0
+    same["ours on one thread"] = subprocess.run(["diff", "-rq", out_one, out_ours],
+                                                stdout=subprocess.PIPE).returncode == 0
     _, tiny_report = run_ours(args.exe, tiny, os.path.join(args.work, "out-tiny"))
-    for folder in list(outs.values()) + [out_ours, os.path.join(args.work, "out-tiny")]:
+    for folder in list(outs.values()) + [out_ours, out_one, os.path.join(args.work, "out-tiny")]:
         shutil.rmtree(folder, ignore_errors=True)
 
     mib = 1024.0 * 1024.0
@@ -135,6 +155,7 @@ def main():
     peak_big = max(r["peak_working_set"] for r in reports)
     peak_tiny = tiny_report["peak_working_set"]
     threads = reports[0].get("threads", 1)
+    print("machine: %d cores, %s" % (os.cpu_count(), cpu_model()))
     print("package: %s, %.1f MiB, %d entries, %.1f MiB unpacked; %d rounds, %d cores"
           % (os.path.basename(big), os.path.getsize(big) / mib, reports[0]["entries"], unpacked,
              args.rounds, os.cpu_count()))
@@ -148,8 +169,14 @@ def main():
         print("%-28s median %.3f s (%s) = %.0f MiB/s; ours is %.2fx as fast; tree %s"
               % (name + " (native):", m, ", ".join("%.3f" % s for s in times[name]), unpacked / m,
                  m / o, "identical" if same[name] else "DIFFERENT"))
+    one = statistics.median(one_s)
+    print("%-28s median %.3f s (%s) = %.0f MiB/s; %.3f s inside the call; tree %s"
+          % ("... on one thread:", one, ", ".join("%.3f" % s for s in one_s), unpacked / one,
+             statistics.median(one_inside_s),
+             "identical" if same["ours on one thread"] else "DIFFERENT"))
     if fastest is not None:
-        print("against the fastest peer: %.2fx (target: at least 1.5)" % (fastest / o))
+        print("against the fastest peer: %.2fx (target: at least 1.5); on one thread %.2fx "
+              "(target: at least 1.0)" % (fastest / o, fastest / one))
     print("peak working set: %.1f MiB on the package, %.1f MiB on the tiny archive: +%.1f MiB "
           "(target: at most +16 MiB per thread, %d MiB here)"
           % (peak_big / mib, peak_tiny / mib, (peak_big - peak_tiny) / mib, 16 * threads))
