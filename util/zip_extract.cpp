@@ -5,6 +5,7 @@
 #include <new>
 
 #include "util/zip_core.h"
+#include "util/zip_crc.h"
 
 namespace dorvane::zip {
 
@@ -27,7 +28,7 @@ class Checked {
     if (size > limit_ - written_) return kZipCorrupt;
     const ZipResult result = sink_.Write(data, size);
     if (result != kZipOk) return result;
-    crc_ = static_cast<uint32_t>(crc32(crc_, data, static_cast<uInt>(size)));
+    crc_ = Crc32(crc_, data, size);
     written_ += size;
     return kZipOk;
   }
