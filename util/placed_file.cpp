@@ -82,22 +82,14 @@ ReplacingFile::~ReplacingFile() { Discard(); }
 
 Placing ReplacingFile::Create(const std::string& path, Where where) {
   Discard();
-  const DWORD attributes = ::GetFileAttributesA(path.c_str());
-  // As the write in place would have failed, and with its error.
-  if (IsLinkAttributes(attributes) ||
-      (attributes != INVALID_FILE_ATTRIBUTES &&
-       (attributes & (FILE_ATTRIBUTE_DIRECTORY | kNotOverwritten)))) {
-    ::SetLastError(ERROR_ACCESS_DENIED);
-    return IsLinkAttributes(attributes) ? Placing::kLink : Placing::kBlocked;
-  }
   const size_t folder = CallerFolderLength(path, path.size());
-  if (folder >= path.size() || path.size() > kLongestPath) {
-    ::SetLastError(ERROR_FILENAME_EXCED_RANGE);
-    return Placing::kBlocked;
-  }
+  const bool fits = folder < path.size() && path.size() <= kLongestPath;
   // Nothing stands there: made new under its own name, it cannot be anything
-  // else's file, and the move is saved (most of a package's files).
-  if (where == Where::kInPlaceWhenNew && attributes == INVALID_FILE_ATTRIBUTES) {
+  // else's file, and the move is saved (most of a package's files). Tried
+  // before asking what stands there: CREATE_NEW fails when anything does (a
+  // link included), and the question costs as much as the creation again
+  // (under Wine a scan of the folder for the name in another case).
+  if (where == Where::kInPlaceWhenNew && fits) {
     file_.reset(::CreateFileA(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
                               FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
     if (file_) {
@@ -106,7 +98,19 @@ Placing ReplacingFile::Create(const std::string& path, Where where) {
       in_place_ = true;
       return Placing::kReady;
     }
-    // Something came meanwhile (or cannot be made there): the other way.
+    // Something stands there, came meanwhile, or cannot be made there: the other way.
+  }
+  const DWORD attributes = ::GetFileAttributesA(path.c_str());
+  // As the write in place would have failed, and with its error.
+  if (IsLinkAttributes(attributes) ||
+      (attributes != INVALID_FILE_ATTRIBUTES &&
+       (attributes & (FILE_ATTRIBUTE_DIRECTORY | kNotOverwritten)))) {
+    ::SetLastError(ERROR_ACCESS_DENIED);
+    return IsLinkAttributes(attributes) ? Placing::kLink : Placing::kBlocked;
+  }
+  if (!fits) {
+    ::SetLastError(ERROR_FILENAME_EXCED_RANGE);
+    return Placing::kBlocked;
   }
   const size_t room = kLongestPath - folder;
   const unsigned seed = static_cast<unsigned>(::GetCurrentProcessId()) << 16;
