@@ -45,7 +45,9 @@ const char kRows[] =
     "<UniqueSkuID ProductID=\"Beta\" WwanDeviceConfigID=\"CFG-B\"/>"
     "<Other ProductID=\"alpha_beta\" WwanDeviceConfigID=\"CFG-AB\"/>"
     "<UniqueSkuID ProductID=\"\" WwanDeviceConfigID=\"CFG-EMPTY\"/>"
-    "<UniqueSkuID ProductID=\"Alpha_\" WwanDeviceConfigID=\"CFG-A_\"/>";
+    "<UniqueSkuID ProductID=\"Alpha_\" WwanDeviceConfigID=\"CFG-A_\"/>"
+    // The same ProductID in another case: the first row of the two wins.
+    "<UniqueSkuID ProductID=\"alpha\" WwanDeviceConfigID=\"CFG-A-LATER\"/>";
 
 TEST_F(DeviceConfigTest, ModesPathsAndValuesDecideTheId) {
   struct Case {
