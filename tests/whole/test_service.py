@@ -9,6 +9,7 @@ query fail with their logged texts and the service keeps running.
 """
 import json
 import os
+import shutil
 import subprocess
 import sys
 import time
@@ -81,6 +82,11 @@ class ServiceCase(unittest.TestCase):
 
 class StartAndStop(ServiceCase):
     def test_start_without_modem_then_registry_change_then_stop(self):
+        # WinExec looks for sc.exe beside the program first: this one records
+        # the recovery command (Wine's sc stores no failure actions).
+        recorder = os.path.join(self.box.unix_path("C:\\"), "sc.exe")
+        shutil.copy(ARGS.sc_recorder, recorder)
+        self.box.put_file(recorder, winebox.INSTALL_DIR)
         self.start_service()
         records = self.wait_for(SIM_FAIL)
         self.assertEqual("banner", records[0].tag)
@@ -95,6 +101,9 @@ class StartAndStop(ServiceCase):
         code = int(recovery[0][len("service Properties->recovery ,Code="):].split("(")[0])
         self.assertGreater(code, 31, "WinExec must have started sc")
         self.assertEqual("(should >31)", recovery[0][recovery[0].index("("):])
+        with open(self.box.unix_path("C:\\sc-calls.txt"), encoding="latin-1") as f:
+            self.assertEqual(['sc failure "WWAN Dorvane" reset= 86400 actions= '
+                              'restart/30000/restart/30000/restart/30000'], f.read().splitlines())
         self.assertInOrder(msgs, [THREAD_ENTER, recovery[0], COM_DONE, CHECK_ENTER,
                                   "OpenService failed (1060)", SIM_FAIL])
         tags = {r.message: r.tag for r in records}
@@ -535,7 +544,8 @@ class Faults(ServiceCase):
 
 def main():
     global ARGS
-    ARGS, run = winebox.test_main("exe", "lumarix", "mbnsim-dir", "dorvanectl", "work", "base")
+    ARGS, run = winebox.test_main("exe", "lumarix", "sc-recorder", "mbnsim-dir", "dorvanectl", "work",
+                                   "base")
     run()
 
 
