@@ -26,3 +26,6 @@ ctest --preset mingw "$@"
 if [ ! -f build-native/build.ninja ]; then cmake --preset native >/dev/null; fi
 cmake --build --preset native
 ctest --preset native -j 2 "$@"
+
+# How much of the code is tests (lines that are neither blank nor comments).
+python3 "$repo/scripts/test-share.py"
