@@ -82,13 +82,16 @@ namespace {
 
 bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
-// Which ends of a text are blank: "", "begins", "ends" or "begins and ends".
+}  // namespace
+
 std::string BlankEnds(const std::string& text) {
   if (text.empty()) return "";
   const bool front = IsBlank(text.front());
   const bool back = IsBlank(text.back());
   return front && back ? "begins and ends" : front ? "begins" : back ? "ends" : "";
 }
+
+namespace {
 
 // Lower case A-Z, as the lookups that ignore case compare.
 std::string Folded(std::string text) {

@@ -14,6 +14,10 @@
 
 namespace dorvane::lint {
 
+// Which ends of a text are blank (a blank, tab or line end): "", "begins",
+// "ends" or "begins and ends".
+std::string BlankEnds(const std::string& text);
+
 // The findings of one table, handed out in document order.
 class Report {
  public:

@@ -14,11 +14,6 @@ namespace {
 
 const char kSilently[] = " fails silently";
 
-bool HasBlankEnd(const std::string& text) {
-  auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
-  return !text.empty() && (blank(text.front()) || blank(text.back()));
-}
-
 // An Item list whose text is the answer (MCCMNCTable, MCCTable).
 void CheckItems(Report& report, XMLElement* table, const char* key, const char* command) {
   for (XMLElement* item : CheckList(report, table, {"Item", key, command})) {
@@ -199,7 +194,7 @@ void CheckSku(Report& report, XMLElement* root) {
     if (table::Child(first, "Area") == nullptr) {
       report.Error(first, "the first SKU_GUID, " + Describe(first, "ID") + ", has no Area" + never);
     }
-    if (HasBlankEnd(id)) {
+    if (!BlankEnds(id).empty()) {
       report.Error(first, "the ID of the first SKU_GUID, " + Quote(id) +
                               ", has a blank at an end: param-firmware-by-sku answers only a SKU written "
                               "with the same blank, and never returns for the SKU without it");
@@ -253,7 +248,7 @@ std::string HiveName(const std::string& key_path) {
 bool UsableRegistryPath(const XMLElement* e, std::string& value) {
   std::string key_path, value_name;
   if (!SplitRegistryPath(table::Attr(e, "RegistryPath"), key_path, value_name) || !HiveName(key_path).empty() ||
-      HasBlankEnd(key_path) || HasBlankEnd(value_name)) {
+      !BlankEnds(key_path).empty() || !BlankEnds(value_name).empty()) {
     return false;
   }
   value.clear();
@@ -280,7 +275,7 @@ void CheckRegistryPath(Report& report, XMLElement* e) {
   } else if (value_name.empty()) {
     report.Warning(e, what + " ends with its comma: the value name is empty, so device-config-id "
                              "reads the key's default value");
-  } else if (HasBlankEnd(key_path) || HasBlankEnd(value_name)) {
+  } else if (!BlankEnds(key_path).empty() || !BlankEnds(value_name).empty()) {
     report.Warning(e, what + " has blanks around its key path or value name: device-config-id "
                              "reads the names with them");
   }
