@@ -337,4 +337,24 @@ def test_main(*names):
         setattr(args, attr, os.path.abspath(getattr(args, attr)))
     if "work" in names:
         os.makedirs(args.work, exist_ok=True)
-    return args, lambda: unittest.main(argv=[sys.argv[0]] + rest, verbosity=2)
+    return args, lambda: unittest.main(argv=[sys.argv[0]] + rest, verbosity=2,
+                                       testRunner=unittest.TextTestRunner(resultclass=_TimedResult,
+                                                                          verbosity=2))
+
+
+class _TimedResult(unittest.TextTestResult):
+    """Also prints the five slowest tests at the end, for keeping the run short."""
+
+    def startTest(self, test):
+        self._started = time.monotonic()
+        super().startTest(test)
+
+    def stopTest(self, test):
+        super().stopTest(test)
+        self.__dict__.setdefault("_seconds", []).append((time.monotonic() - self._started, test.id()))
+
+    def printErrors(self):
+        super().printErrors()
+        slowest = sorted(self.__dict__.get("_seconds", []), reverse=True)[:5]
+        self.stream.writeln("slowest: " + ", ".join("%s %.1f s" % (name.rsplit(".", 1)[-1], seconds)
+                                                    for seconds, name in slowest))
