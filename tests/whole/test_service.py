@@ -371,6 +371,13 @@ class LogReader(ModemCase):
 
         self.see_the_page(found)
 
+        # Just after a rotation the backup stands alone until the next line.
+        log = self.box.unix_path(winebox.LOG_PATH)
+        os.rename(log, log + "bk")
+        rotated, summary = self.happenings()
+        self.assertEqual([winebox.LOG_PATH + "bk"], [f["file"] for f in summary["files"]])
+        self.assertEqual([h["happening"] for h in found], [h["happening"] for h in rotated])
+
     def see_the_page(self, found):
         """The page as a person sees it: rendered by Chromium into a picture."""
         page = "C:\\log.html"

@@ -326,12 +326,13 @@ nlohmann::json SummaryJson(const LogArgs& args, const Input& input, const Readin
   return {{"summary", summary}};
 }
 
-// The default input: the backup, when there is one, then the log.
+// The default input: the backup, when there is one, then the log (which a
+// rotation leaves missing until the service writes its next line).
 std::vector<std::string> DefaultFiles() {
   const std::string backup = std::string(kServiceLog) + "bk";
   std::vector<std::string> files;
   if (::GetFileAttributesA(backup.c_str()) != INVALID_FILE_ATTRIBUTES) files.push_back(backup);
-  files.push_back(kServiceLog);
+  if (files.empty() || ::GetFileAttributesA(kServiceLog) != INVALID_FILE_ATTRIBUTES) files.push_back(kServiceLog);
   return files;
 }
 
