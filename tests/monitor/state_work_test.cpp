@@ -106,9 +106,11 @@ TEST(WorkerLoop, SuspendThenResumeArriveThroughThePowerCallback) {
   CStateWork* w = f.worker.get();
   EXPECT_EQ(0u, CStateWork::PowerCallback(w, PBT_APMSUSPEND, nullptr));
   ASSERT_TRUE(testing::WaitForMessage(f.path, kSuspendLine, 10000));
-  // Automatic resume and power-setting changes are ignored.
+  // Automatic resume and power-setting changes are ignored: no line follows
+  // them while the loop waits.
   EXPECT_EQ(0u, CStateWork::PowerCallback(w, PBT_APMRESUMEAUTOMATIC, nullptr));
   EXPECT_EQ(0u, CStateWork::PowerCallback(w, PBT_POWERSETTINGCHANGE, nullptr));
+  EXPECT_FALSE(testing::WaitForMessage(f.path, kResumeLine, 500));
   EXPECT_EQ(0u, CStateWork::PowerCallback(w, PBT_APMRESUMESUSPEND, nullptr));
   ASSERT_TRUE(testing::WaitForMessage(f.path, kResumeLine, 10000));
   w->Stop();  // no thread of its own here: only signals STOP_EVENT
