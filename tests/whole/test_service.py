@@ -203,6 +203,12 @@ class ModemCase(ServiceCase):
         self.assertEqual((STOPPED, 0), self.box.wait_state(STOPPED))
         return winebox.messages(self.wait_for(STOP_DONE))
 
+    def ctl(self, *args):
+        """Runs dorvanectl.exe, copied beside the service, with `args`."""
+        if not hasattr(self, "_ctl"):
+            self._ctl = self.box.put_file(ARGS.dorvanectl, winebox.INSTALL_DIR)
+        return self.box.run([self._ctl] + list(args))
+
     LEFTOVERS = ("LiveObjects", "AdvisedSinks", "BadReleases", "BadUnadvises",
                  "PendingCompletions")
 
@@ -303,11 +309,6 @@ class WithModem(ModemCase):
 class LogReader(ModemCase):
     """dorvanectl log on the log this service wrote: the reader never drifts
     from the writer."""
-
-    def ctl(self, *args):
-        if not hasattr(self, "_ctl"):
-            self._ctl = self.box.put_file(ARGS.dorvanectl, winebox.INSTALL_DIR)
-        return self.box.run([self._ctl] + list(args))
 
     def happenings(self, *args):
         result = self.ctl("--json", "log", *args)
@@ -491,11 +492,6 @@ class Churn(ModemCase):
 
 class AtTool(ModemCase):
     """dorvanectl at: the AT command line against the simulated module."""
-
-    def ctl(self, *args):
-        if not hasattr(self, "_ctl"):
-            self._ctl = self.box.put_file(ARGS.dorvanectl, winebox.INSTALL_DIR)
-        return self.box.run([self._ctl] + list(args))
 
     def test_answers_exit_status_and_json(self):
         self.box.simctl("reset", 1)

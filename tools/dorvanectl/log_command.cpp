@@ -157,11 +157,6 @@ nlohmann::json PointJson(const std::optional<Summary::Point>& p, int year) {
   return p ? TimeJson(p->time, year) : nlohmann::json(nullptr);
 }
 
-int64_t RunMs(const Summary::Run& run) {
-  if (!run.start || !run.end || !run.start->time.known || !run.end->time.known) return -1;
-  return run.end->time.Ms() - run.start->time.Ms();
-}
-
 void PrintText(const LogArgs& args, const Input& input, const Reading& reading) {
   const Summary& s = reading.summary();
   const HappeningReader& r = reading.reader();
@@ -201,7 +196,7 @@ void PrintText(const LogArgs& args, const Input& input, const Reading& reading) 
   if (!args.errors) {
     std::printf("\nService runs: %s\n", Count(s.runs.total()).c_str());
     for (const Summary::Run& run : s.runs.items) {
-      const int64_t ms = RunMs(run);
+      const int64_t ms = run.Ms();
       std::printf("  %-18s  to  %-18s  %-12s  %s\n",
                   run.start ? PointText(run.start, y).c_str() : "(before the log)",
                   PointText(run.end, y).c_str(), ms >= 0 ? logread::LengthText(ms).c_str() : "?",
@@ -305,7 +300,7 @@ nlohmann::json SummaryJson(const LogArgs& args, const Input& input, const Readin
   summary["counts"] = counts;
   nlohmann::json runs = nlohmann::json::array();
   for (const Summary::Run& run : s.runs.items) {
-    const int64_t ms = RunMs(run);
+    const int64_t ms = run.Ms();
     runs.push_back({{"start", PointJson(run.start, y)},
                     {"end", PointJson(run.end, y)},
                     {"ended", EndName(run.how)},

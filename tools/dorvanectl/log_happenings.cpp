@@ -1,6 +1,8 @@
 #include "tools/dorvanectl/log_happenings.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -215,21 +217,17 @@ void HappeningReader::Record(const LogRecord& record) {
   h.level = record.level;
   const std::string& text = record.text;
   if (record.level == LogLevel::kDetail) {
+    static const std::pair<const char*, Kind> kExact[] = {
+        {kArrival, Kind::kModemArrival}, {kRemoval, Kind::kModemRemoval},
+        {kRegister, Kind::kRegistryChange}, {kSuspend, Kind::kSuspend},
+        {kResume, Kind::kResume}, {kReopen, Kind::kLogReopen}};
+    const auto exact = std::find_if(std::begin(kExact), std::end(kExact),
+                                    [&text](const auto& known) { return text == known.first; });
     if (StartsWith(text, kStopDone)) {
       h.kind = Kind::kServiceStop;
-    } else if (text == kArrival) {
-      h.kind = Kind::kModemArrival;
-    } else if (text == kRemoval) {
-      h.kind = Kind::kModemRemoval;
-    } else if (text == kRegister) {
-      h.kind = Kind::kRegistryChange;
-    } else if (text == kSuspend) {
-      h.kind = Kind::kSuspend;
-    } else if (text == kResume) {
-      h.kind = Kind::kResume;
-    } else if (text == kReopen) {
-      h.kind = Kind::kLogReopen;
-      reopen_pending_ = true;
+    } else if (exact != std::end(kExact)) {
+      h.kind = exact->second;
+      reopen_pending_ = reopen_pending_ || h.kind == Kind::kLogReopen;
     } else if (!IsFailure(record)) {
       return;
     }

@@ -177,6 +177,11 @@ struct Summary {
     // The stop line; or, when there is none, the run's last timed record.
     std::optional<Point> end;
     RunEnd how = RunEnd::kLogEnds;
+    // From start to end in milliseconds; -1 when either is not known.
+    int64_t Ms() const {
+      if (!start || !end || !start->time.known || !end->time.known) return -1;
+      return end->time.Ms() - start->time.Ms();
+    }
   };
   struct Sim {
     std::string mccmnc, iccid;

@@ -32,6 +32,15 @@ size_t Utf8Length(const std::string& s, size_t at) {
   return n;
 }
 
+const char* HowItEnded(const Summary::Run& run) {
+  switch (run.how) {
+    case Summary::RunEnd::kStopped: return "stopped";
+    case Summary::RunEnd::kRestarted: return "ended without a stop line (at its last line)";
+    case Summary::RunEnd::kLogEnds: return "running when the log ends";
+  }
+  return "";
+}
+
 std::string Number(double value) {
   char text[32];
   std::snprintf(text, sizeof text, "%.1f", value);
@@ -207,12 +216,8 @@ class Page {
       std::string title = "Service run: ";
       title += run.start ? TimeText(run.start->time, in_.year) + " (" + Where(*run.start) + ")" : "before the log";
       title += " to " + (run.end ? TimeText(run.end->time, in_.year) : std::string("?"));
-      title += run.how == Summary::RunEnd::kStopped     ? ", stopped"
-               : run.how == Summary::RunEnd::kRestarted ? ", ended without a stop line (at its last line)"
-                                                        : ", running when the log ends";
-      if (run.start && run.start->time.known && run.end && run.end->time.known) {
-        title += " (" + LengthText(run.end->time.Ms() - run.start->time.Ms()) + ")";
-      }
+      title += std::string(", ") + HowItEnded(run);
+      if (run.Ms() >= 0) title += " (" + LengthText(run.Ms()) + ")";
       Bar(0, "run", "#2e7d32", from, to, title, "");
     }
     // Presence of the modem and the SIM: opened by an arrival or a SIM read,
@@ -270,14 +275,10 @@ class Page {
     if (!in_.errors_only) {
       out_ += "<h2>Service runs</h2>\n<table id=\"runs\"><tr><th>Start</th><th>End</th><th>Length</th><th>How it ended</th></tr>\n";
       for (const Summary::Run& run : s_.runs.items) {
-        const bool both = run.start && run.start->time.known && run.end && run.end->time.known;
         out_ += "<tr><td>" + (run.start ? HtmlText(TimeText(run.start->time, y)) : std::string("before the log")) +
                 "</td><td>" + (run.end ? HtmlText(TimeText(run.end->time, y)) : std::string("?")) +
                 "</td><td class=\"n\">" +
-                (both ? LengthText(run.end->time.Ms() - run.start->time.Ms()) : std::string("?")) + "</td><td>" +
-                (run.how == Summary::RunEnd::kStopped     ? "stopped"
-                 : run.how == Summary::RunEnd::kRestarted ? "ended without a stop line (at its last line)"
-                                                          : "running when the log ends") +
+                (run.Ms() >= 0 ? LengthText(run.Ms()) : std::string("?")) + "</td><td>" + HowItEnded(run) +
                 "</td></tr>\n";
       }
       out_ += "</table>\n<h2>SIMs</h2>\n<table id=\"sims\"><tr><th>ICCID</th><th>Home provider</th><th>Read</th><th>First</th><th>Last</th></tr>\n";
