@@ -15,12 +15,10 @@
 namespace dorvane {
 namespace {
 
-using testing::CountOf;
 using testing::FileExists;
 using testing::FileSize;
 using testing::MakeFileOfSize;
 using testing::MakeTempDir;
-using testing::Messages;
 using testing::ReadFileBytes;
 using testing::ReadLog;
 
@@ -44,6 +42,8 @@ TEST(LoggerFormat, BannerTagsWidthsAndExpansion) {
   log->Write(3, "three");
   EXPECT_EQ(25, log->Write(4, "Code=%d(should >31) and %s", 42, "x"));
   EXPECT_EQ(11, log->Write(4, std::string("100% ready.")));
+  log->Write(4, "\n\n----sep----\n");  // own line breaks are written as they are
+  log->Write(4, "done.\r\n\r\n");
 
   const std::string bytes = ReadFileBytes(path);
   ASSERT_EQ(0u, bytes.find(kBannerLine)) << bytes;
@@ -52,8 +52,12 @@ TEST(LoggerFormat, BannerTagsWidthsAndExpansion) {
                             "error\r\n" + R"(\[WARNING\]  )" + stamp + "warn\r\n" +
                             R"(\[DETAIL\] )" + stamp + "three\r\n" + R"(\[DETAIL\] )" + stamp +
                             R"(Code=42\(should >31\) and x)" + "\r\n" + R"(\[DETAIL\] )" + stamp +
-                            "100% ready.\r\n$");
+                            "100% ready.\r\n" + R"([\s\S]*$)");
   EXPECT_TRUE(std::regex_match(bytes, expected)) << bytes;
+  const auto messages = testing::Messages(ReadLog(path));
+  ASSERT_EQ(7u, messages.size());
+  EXPECT_EQ("\n\n----sep----\n", messages[5]);
+  EXPECT_EQ("done.\r\n\r\n", messages[6]);
 
   // The date is today's (month and day, no year).
   SYSTEMTIME now;
@@ -63,38 +67,21 @@ TEST(LoggerFormat, BannerTagsWidthsAndExpansion) {
   EXPECT_EQ(md, ReadLog(path).back().stamp.substr(0, 5));
 }
 
-TEST(LoggerFormat, OwnLineBreaksAreWrittenAsTheyAre) {
-  const std::string path = MakeTempDir("breaks") + "\\x.log";
-  auto log = OpenLogger(path);
-  log->Write(4, "\n\n----sep----\n");
-  log->Write(4, "done.\r\n\r\n");
-  const auto msgs = Messages(ReadLog(path));
-  ASSERT_EQ(2u, msgs.size());
-  EXPECT_EQ("\n\n----sep----\n", msgs[0]);
-  EXPECT_EQ("done.\r\n\r\n", msgs[1]);
-}
-
-TEST(LoggerLifecycle, CloseThenWriteReopensWithNewBanner) {
+TEST(LoggerLifecycle, AppendsAndAWriteAfterCloseReopensWithNewBanner) {
   const std::string path = MakeTempDir("reopen") + "\\x.log";
+  testing::WriteFileBytes(path, "older line\r\n");
   auto log = OpenLogger(path);
   log->Write(4, "first");
   log->Close();
   log->Close();  // closing a closed log does nothing
   log->Write(4, "second");
-  const auto records = ReadLog(path);
-  ASSERT_EQ(4u, records.size());
-  EXPECT_EQ("banner", records[0].tag);
-  EXPECT_EQ("first", records[1].message);
-  EXPECT_EQ("banner", records[2].tag);
-  EXPECT_EQ("second", records[3].message);
-}
-
-TEST(LoggerLifecycle, ExistingLogIsAppendedTo) {
-  const std::string path = MakeTempDir("append") + "\\x.log";
-  testing::WriteFileBytes(path, "older line\r\n");
-  auto log = OpenLogger(path);
-  log->Write(4, "newer");
   EXPECT_EQ(0u, ReadFileBytes(path).find(std::string("older line\r\n") + kBannerLine));
+  const auto records = ReadLog(path);
+  ASSERT_EQ(5u, records.size());
+  EXPECT_EQ("banner", records[1].tag);
+  EXPECT_EQ("first", records[2].message);
+  EXPECT_EQ("banner", records[3].tag);
+  EXPECT_EQ("second", records[4].message);
 }
 
 TEST(LoggerRotation, RotatesAtExactlyFiftyMebibytes) {
@@ -119,32 +106,6 @@ TEST(LoggerRotation, RotatesAtExactlyFiftyMebibytes) {
   const auto records = ReadLog(path);
   ASSERT_EQ(2u, records.size());
   EXPECT_EQ("after rotation", records[1].message);
-}
-
-TEST(LoggerConcurrency, LinesFromManyThreadsNeverInterleaveOrGetLost) {
-  const std::string path = MakeTempDir("threads") + "\\x.log";
-  auto log = OpenLogger(path);
-  constexpr int kThreads = 8;
-  constexpr int kLines = 300;
-  std::vector<std::thread> writers;
-  for (int t = 0; t < kThreads; ++t) {
-    writers.emplace_back([&log, t] {
-      for (int i = 0; i < kLines; ++i) log->Write(4, "writer %d line %d payload-%s", t, i, "abcdefgh");
-    });
-  }
-  for (auto& w : writers) w.join();
-
-  const auto records = ReadLog(path);
-  ASSERT_EQ(1u + kThreads * kLines, records.size());
-  std::vector<int> next(kThreads, 0);
-  const std::regex line(R"(writer (\d) line (\d+) payload-abcdefgh)");
-  for (size_t i = 1; i < records.size(); ++i) {
-    std::smatch m;
-    ASSERT_TRUE(std::regex_match(records[i].message, m, line)) << records[i].message;
-    const int t = std::stoi(m[1].str());
-    EXPECT_EQ(next[t]++, std::stoi(m[2].str())) << "each writer's lines stay in order";
-  }
-  for (int t = 0; t < kThreads; ++t) EXPECT_EQ(kLines, next[t]);
 }
 
 // What a mirror was given, line by line; the mirror is a plain function, so
@@ -197,27 +158,23 @@ TEST(LoggerMirror, GetsEveryWrittenLineOnceInTheFilesOrder) {
   EXPECT_NE(std::string::npos, Mirrored()[1].find(": 100% ready.\r\n\n"));
 }
 
-// Eight writers while the worker's three-hourly check (close, set the path
+// Four writers while the worker's three-hourly check (close, set the path
 // again) runs without pause, over a log just short of the rotation size: every
 // line ends up whole in the log or its backup. While writers keep the log open
 // the rename cannot happen; so they pause together now and then, and the log
 // is rotated during one of those pauses, right before they reopen it.
 TEST(LoggerConcurrency, PeriodicCheckDuringWritesLosesAndTearsNothing) {
   const std::string path = MakeTempDir("check") + "\\Dorvane.log";
-  const std::string filler_line = "[DETAIL] 01-01 00:00:00:000: filler\r\n";
-  std::string filler;
-  while (filler.size() + filler_line.size() < static_cast<size_t>(kLogRotateSize) - 1500000) {
-    filler += filler_line;
-  }
-  testing::WriteFileBytes(path, filler);
-  std::string().swap(filler);
+  // One long filler line keeps the reading back cheap.
+  testing::WriteFileBytes(path, "[DETAIL] 01-01 00:00:00:000: " +
+                                    std::string(kLogRotateSize - 300000, 'f') + "\r\n");
 
   // Leaked on purpose: should a writer stay blocked inside it, the watchdog ends
   // the process and nothing may destroy it under that writer.
   Logger* log = OpenLogger(path).release();
-  constexpr int kThreads = 8;
-  constexpr int kLines = 12500;
-  constexpr int kPauseEvery = 2000;
+  constexpr int kThreads = 4;
+  constexpr int kLines = 2500;
+  constexpr int kPauseEvery = 500;
   std::atomic<int> running{kThreads};
   std::atomic<int> written{0};
   std::atomic<int> paused{0};
@@ -271,7 +228,7 @@ TEST(LoggerConcurrency, PeriodicCheckDuringWritesLosesAndTearsNothing) {
   const std::regex line(R"(w(\d) n(\d+) 0123456789abcdef)");
   for (const std::string& file : {path + "bk", path}) {
     for (const auto& record : ReadLog(file)) {
-      if (record.tag == "banner" || record.message == "filler") continue;
+      if (record.tag == "banner" || record.message.size() > 1000) continue;
       std::smatch m;
       ASSERT_TRUE(std::regex_match(record.message, m, line)) << "torn: " << record.message;
       const int t = std::stoi(m[1].str());
@@ -289,6 +246,10 @@ TEST(LoggerConcurrency, PeriodicCheckDuringWritesLosesAndTearsNothing) {
 
 TEST(LoggerFailure, AFailedOpenLocksEveryLaterWrite) {
   const std::string dir = MakeTempDir("locked");
+  auto* early = new Logger();  // leaked: it ends up locked
+  early->SetLogPath(dir + "\\early.log");
+  EXPECT_EQ(0, early->Write(4, "before Enable"));
+  EXPECT_FALSE(FileExists(dir + "\\early.log"));
   // A file where a folder of the chain should be: neither the folder nor the log
   // can be created.
   testing::WriteFileBytes(dir + "\\blocker", "x");
@@ -310,14 +271,6 @@ TEST(LoggerFailure, AFailedOpenLocksEveryLaterWrite) {
       << "the second write must block for ever";
   ::TerminateThread(second, 0);
   ::CloseHandle(second);
-}
-
-TEST(LoggerFailure, WritesBeforeEnableFindNoFile) {
-  const std::string path = MakeTempDir("disabled") + "\\x.log";
-  auto* log = new Logger();  // leaked: it ends up locked
-  log->SetLogPath(path);
-  EXPECT_EQ(0, log->Write(4, "too early"));
-  EXPECT_FALSE(FileExists(path));
 }
 
 }  // namespace
