@@ -106,18 +106,21 @@ class ServiceHostTest : public ::testing::Test {
   std::thread main_;
 };
 
+// A second stop request is reported again with new check-points.
 TEST_F(ServiceHostTest, StartRunStopReportsTheFixedSequence) {
   rec_.stop_gate = ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
   RunMain();
   ASSERT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(rec_.start_left, 10000));
   host_.Control(SERVICE_CONTROL_STOP);
-  // Both stop-pending reports are made before the stop work is let go.
+  host_.Control(SERVICE_CONTROL_STOP);
+  // The stop-pending reports are made before the stop work is let go.
   ::SetEvent(rec_.stop_gate);
   main_.join();
-  ExpectReports({{2, 0, 1, 3000}, {4, 1, 0, 0}, {3, 1, 2, 0}, {3, 1, 3, 0}, {1, 1, 0, 0}});
+  ExpectReports({{2, 0, 1, 3000}, {4, 1, 0, 0}, {3, 1, 2, 0}, {3, 1, 3, 0}, {3, 1, 4, 0}, {3, 1, 5, 0},
+                 {1, 1, 0, 0}});
   EXPECT_EQ((std::vector<std::string>{"register WWAN Dorvane", "report 2", "report 4",
                                       "start work", "start work done", "report 3", "report 3",
-                                      "stop work", "report 1"}),
+                                      "report 3", "report 3", "stop work", "report 1"}),
             rec_.calls);
 }
 
@@ -139,23 +142,6 @@ TEST_F(ServiceHostTest, StopDuringStartWorkWaitsForTheStartToFinish) {
             rec_.calls);
 }
 
-TEST_F(ServiceHostTest, SecondStopRequestIsReportedWithNewCheckPoints) {
-  rec_.stop_gate = ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
-  RunMain();
-  WaitForStartWork();
-  host_.Control(SERVICE_CONTROL_STOP);
-  host_.Control(SERVICE_CONTROL_STOP);
-  ::SetEvent(rec_.stop_gate);
-  main_.join();
-  ExpectReports({{2, 0, 1, 3000},
-                 {4, 1, 0, 0},
-                 {3, 1, 2, 0},
-                 {3, 1, 3, 0},
-                 {3, 1, 4, 0},
-                 {3, 1, 5, 0},
-                 {1, 1, 0, 0}});
-}
-
 TEST_F(ServiceHostTest, ControlsOtherThanStopAreIgnored) {
   RunMain();
   WaitForStartWork();
@@ -171,18 +157,24 @@ TEST_F(ServiceHostTest, ControlsOtherThanStopAreIgnored) {
   EXPECT_EQ(SERVICE_STOPPED, host_.status().dwCurrentState);
 }
 
-TEST_F(ServiceHostTest, FailedHandlerRegistrationReportsNothing) {
-  rec_.register_fails = true;
-  host_.Main();
-  ExpectReports({});
-  EXPECT_EQ((std::vector<std::string>{"register WWAN Dorvane"}), rec_.calls);
-}
-
-TEST_F(ServiceHostTest, FailedStopEventGoesStraightToStopped) {
-  rec_.event_fails = true;
-  host_.Main();
-  ExpectReports({{2, 0, 1, 3000}, {1, 1, 0, 0}});
-  EXPECT_EQ((std::vector<std::string>{"register WWAN Dorvane", "report 2", "report 1"}), rec_.calls);
+// A failed handler registration reports nothing; a failed stop event goes
+// straight to stopped.
+TEST_F(ServiceHostTest, FailedSetUpStepsReportNoRunningService) {
+  for (bool registration : {true, false}) {
+    SCOPED_TRACE(registration ? "registration" : "stop event");
+    rec_.reports.clear();
+    rec_.calls.clear();
+    rec_.register_fails = registration;
+    rec_.event_fails = !registration;
+    host_.Main();
+    if (registration) {
+      ExpectReports({});
+      EXPECT_EQ((std::vector<std::string>{"register WWAN Dorvane"}), rec_.calls);
+    } else {
+      ExpectReports({{2, 0, 1, 3000}, {1, 1, 0, 0}});
+      EXPECT_EQ((std::vector<std::string>{"register WWAN Dorvane", "report 2", "report 1"}), rec_.calls);
+    }
+  }
 }
 
 }  // namespace
