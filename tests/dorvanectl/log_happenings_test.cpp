@@ -1,18 +1,14 @@
 // What the log reader makes of the service's lines: which are happenings and
 // which failures, starts told from the reopened log, runs and windows across
-// a turn of the year; and the worker's own lines, written by the worker.
+// a turn of the year. The texts are the worker's and housekeeping's exact
+// lines, which their own tests pin down.
 #include "tools/dorvanectl/log_happenings.h"
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "log/logger.h"
-#include "monitor/state_work.h"
-#include "support/log_reader.h"
 #include "tools/dorvanectl/log_html.h"
 
 namespace dorvane::logread {
@@ -259,56 +255,6 @@ TEST(LogHappenings, TimesAndTextsAsTheyAreGivenAndShown) {
   t.hour = 3;
   EXPECT_EQ("2027-01-02T03:00:00.000", TimeText(t, 2026));
   EXPECT_EQ("01-02 03:00:00.000", TimeText(t, 0));
-}
-
-// The worker's own lines, written by the worker: its registry, suspend and
-// resume lines, and the periodic reopen, whose banner starts no run.
-TEST(LogHappenings, WhatTheWorkerWritesIsRead) {
-  HKEY key = nullptr;
-  ASSERT_EQ(ERROR_SUCCESS, ::RegCreateKeyExA(HKEY_LOCAL_MACHINE, kServiceRegKey, 0, nullptr, 0,
-                                             KEY_ALL_ACCESS, nullptr, &key, nullptr));
-  const std::string path = testing::MakeTempDir("happenings") + "\\Dorvane.log";
-  Logger* log = new Logger();  // left to the process: the worker's thread may still hold it
-  log->SetLogPath(path);
-  log->Enable(true);
-  log->Write(kLogDetail, kEnter);
-  WorkerOptions options;
-  options.log = log;
-  options.log_path = path;
-  options.wake_period_ms = 1;  // the reopen after 1080 wake-ups comes within a few seconds
-  CStateWork worker(options);
-  ASSERT_EQ(1u, worker.InitWork());
-  std::thread loop([&] { worker.Loop(); });
-  DWORD value = ::GetTickCount();
-  ::RegSetValueExA(key, "Probe", 0, REG_DWORD, reinterpret_cast<BYTE*>(&value), sizeof value);
-  ::RegCloseKey(key);
-  ASSERT_TRUE(testing::WaitForMessage(
-      path, "\n\n------------------------[CStateWork::Work] register event-------------------\n", 10000));
-  CStateWork::PowerCallback(&worker, PBT_APMSUSPEND, nullptr);
-  ASSERT_TRUE(testing::WaitForMessage(path, "[Infomation][CStateWork::Work] Into S4 Event.\n", 10000));
-  CStateWork::PowerCallback(&worker, PBT_APMRESUMESUSPEND, nullptr);
-  ASSERT_TRUE(testing::WaitForMessage(path, "Set SetLogPath-----", 60000));
-  log->Write(kLogDetail, "after the reopen");  // the reopen's banner, then this
-  worker.Stop();
-  loop.join();
-
-  const Reading r = Read({testing::ReadFileBytes(path)});
-  ASSERT_FALSE(r.happenings.empty());
-  EXPECT_EQ(Kind::kServiceStart, r.happenings[0].kind);
-  EXPECT_EQ("\n\n------------------------[CStateWork::Work] register event-------------------\n",
-            [&] {
-              for (const Happening& h : r.happenings) {
-                if (h.kind == Kind::kRegistryChange) return h.text;
-              }
-              return std::string("none");
-            }());
-  const size_t* counts = r.summary.counts;
-  for (Kind kind : {Kind::kServiceStart, Kind::kRegistryChange, Kind::kSuspend, Kind::kResume}) {
-    EXPECT_EQ(1u, counts[static_cast<int>(kind)]) << KindName(kind) << " (a reopen's banner is no start)";
-  }
-  EXPECT_LE(1u, counts[static_cast<int>(Kind::kLogReopen)]);
-  EXPECT_EQ(0u, r.unreadable);
-  EXPECT_EQ(0u, r.summary.counts[static_cast<int>(Kind::kError)]);
 }
 
 }  // namespace
