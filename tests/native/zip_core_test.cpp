@@ -225,7 +225,9 @@ TEST(ZipCore, TheEndRecordsGiveOneWholeReadingOrNone) {
   }
 }
 
-TEST(ZipCore, SharedAndOverlappingDataIsRefusedForTheWholeArchive) {
+// Data shared or overlapping between entries is refused for the whole
+// archive; data in any order and with gaps is not.
+TEST(ZipCore, EntryDataMayLieInAnyOrderButNeverSharedOrOverlapping) {
   ZipLayout at;
   const std::string good = BuildZip({{"a", std::string(3000, 'a')}, {"b", "b"}, {"c", "c"}}, false, &at);
   zip::Directory directory;
@@ -241,13 +243,9 @@ TEST(ZipCore, SharedAndOverlappingDataIsRefusedForTheWholeArchive) {
     EXPECT_EQ(kZipCorrupt, got.result) << entry << " at " << offset;
     EXPECT_EQ(0u, got.count);
   }
-}
-
-// Entries need not be in the directory in the order of their data, nor
-// packed tightly.
-TEST(ZipCore, EntriesInAnyOrderAndWithGapsReadTheirOwnRecords) {
-  // Central records in the reverse order of their data, 100 bytes of padding
-  // between the data and the directory.
+  // Entries need not be in the directory in the order of their data, nor
+  // packed tightly: central records in the reverse order of their data, 100
+  // bytes of padding between the data and the directory.
   ZipLayout two;
   const std::string pair = BuildZip({{"first", "1111"}, {"second", "22"}}, false, &two);
   std::string end = pair.substr(two.end);

@@ -6,6 +6,7 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -22,17 +23,17 @@ using Lines = std::vector<std::string>;
 
 class FileOpsTest : public LogFixture {
  protected:
-  void MakeDirs(const Lines& relative) {
-    for (const std::string& r : relative) ::CreateDirectoryA(In(r).c_str(), nullptr);
+  // Makes the folders on the way to each path in the test's folder, and a
+  // file with the text at each path that does not end in a backslash.
+  void Make(const std::map<std::string, std::string>& files) {
+    for (const auto& [path, text] : files) {
+      MakeFolders(In(path));
+      if (path.back() != '\\') WriteFileBytes(In(path), text);
+    }
   }
-  void Put(const std::string& relative, const std::string& text) { WriteFileBytes(In(relative), text); }
   std::string Read(const std::string& relative) const { return ReadFileBytes(In(relative)); }
   // "outside": where the links point, with a file and a sub-folder.
-  void MakeOutside() {
-    MakeDirs({"outside", "outside\\deep"});
-    Put("outside\\f.txt", "target");
-    Put("outside\\deep\\g.txt", "deep");
-  }
+  void MakeOutside() { Make({{"outside\\f.txt", "target"}, {"outside\\deep\\g.txt", "deep"}}); }
   void ExpectOutsideIntact() const {
     EXPECT_EQ((Lines{"deep/", "deep/g.txt", "f.txt"}), TreeOf(In("outside")));
     EXPECT_EQ("target" + std::string("deep"), Read("outside\\f.txt") + Read("outside\\deep\\g.txt"));
@@ -51,7 +52,7 @@ TEST_F(FileOpsTest, CopyRejectsEmptyArgumentsAndSourcesThatCannotBeListed) {
     int result;
     bool failed_line;
   };
-  MakeDirs({"dst"});
+  Make({{"dst\\", ""}});
   for (const Case& c : {Case{In("dst"), "", kCopyEmptyArgument, true}, Case{"", In("dst"), kCopyEmptyArgument, true},
                         Case{In("dst"), In("missing"), kCopySourceUnlisted, false}}) {
     SCOPED_TRACE(c.source + " -> " + c.destination);
@@ -68,12 +69,8 @@ TEST_F(FileOpsTest, CopyRejectsEmptyArgumentsAndSourcesThatCannotBeListed) {
 // Files are copied into the destination, replacing; a sub-folder S is copied
 // the other way, from destination\S into source\S, by a nested call.
 TEST_F(FileOpsTest, CopyReplacesFilesAndCopiesSubFoldersBackToTheSource) {
-  MakeDirs({"src", "src\\S", "src\\T", "dst", "dst\\S"});  // T: no counterpart on the destination side
-  Put("src\\a.txt", "new a");
-  Put("src\\b.txt", "new b");
-  Put("dst\\b.txt", "old b");
-  Put("src\\S\\from-source.txt", "s");
-  Put("dst\\S\\from-destination.txt", "d");
+  Make({{"src\\a.txt", "new a"}, {"src\\b.txt", "new b"}, {"dst\\b.txt", "old b"}, {"src\\S\\from-source.txt", "s"},
+        {"dst\\S\\from-destination.txt", "d"}, {"src\\T\\", ""}});  // T: no counterpart on the destination side
   EXPECT_EQ(kCopyWalked, CopyFileInDir(In("dst"), In("src")));
   EXPECT_EQ("new a" + std::string("new b"), Read("dst\\a.txt") + Read("dst\\b.txt"));
   EXPECT_EQ("d", Read("src\\S\\from-destination.txt"));
@@ -105,10 +102,7 @@ TEST_F(FileOpsTest, CopyReplacesFilesAndCopiesSubFoldersBackToTheSource) {
 TEST_F(FileOpsTest, CopyNeitherEntersNorWritesThroughLinksOnEitherSide) {
   if (!UnderWine()) GTEST_SKIP() << "the links are Unix symbolic links";
   MakeOutside();
-  MakeDirs({"src", "src\\S", "dst", "dst\\lnk"});
-  Put("src\\a.txt", "a");
-  Put("src\\to-file", "new");
-  Put("dst\\lnk\\pwn.txt", "pwn");
+  Make({{"src\\a.txt", "a"}, {"src\\to-file", "new"}, {"src\\S\\", ""}, {"dst\\lnk\\pwn.txt", "pwn"}});
   ASSERT_TRUE(MakeUnixLink(In("src\\lnk"), In("outside")));
   ASSERT_TRUE(MakeUnixLink(In("dst\\S"), In("outside\\deep")));
   ASSERT_TRUE(MakeUnixLink(In("dst\\to-file"), In("outside\\f.txt")));
@@ -124,9 +118,7 @@ TEST_F(FileOpsTest, CopyNeitherEntersNorWritesThroughLinksOnEitherSide) {
 }
 
 TEST_F(FileOpsTest, DeleteRemovesANestedTreeAndLogsEachFolderOrTheFailure) {
-  MakeDirs({"a", "a\\b", "a\\b\\c", "a\\empty"});
-  Put("a\\top.txt", "1");
-  Put("a\\b\\c\\deep.txt", "2");
+  Make({{"a\\top.txt", "1"}, {"a\\b\\c\\deep.txt", "2"}, {"a\\empty\\", ""}});
   EXPECT_EQ(1, DeleteDir(In("a")));
   EXPECT_FALSE(FileExists(In("a")));
   Lines lines = tagged();
@@ -146,9 +138,7 @@ TEST_F(FileOpsTest, DeleteRemovesANestedTreeAndLogsEachFolderOrTheFailure) {
 TEST_F(FileOpsTest, DeleteLeavesWhatUnixLinksPointTo) {
   if (!UnderWine()) GTEST_SKIP() << "Unix symbolic links exist only under Wine";
   MakeOutside();
-  MakeDirs({"empty", "a", "a\\b"});
-  Put("a\\top.txt", "1");
-  Put("a\\b\\x.txt", "2");
+  Make({{"empty\\", ""}, {"a\\top.txt", "1"}, {"a\\b\\x.txt", "2"}});
   const Lines links = {"a\\to-outside", "a\\to-empty", "a\\b\\to-deep", "link", "to-empty"};
   const Lines targets = {"outside", "empty", "outside\\deep", "outside", "empty"};
   for (size_t i = 0; i < links.size(); ++i) ASSERT_TRUE(MakeUnixLink(In(links[i]), In(targets[i]))) << links[i];
@@ -167,7 +157,7 @@ TEST_F(FileOpsTest, DeleteLeavesWhatUnixLinksPointTo) {
 }
 
 TEST_F(FileOpsTest, ExistenceWithTheErrorNumberAndFolderChains) {
-  Put("here.txt", "x");
+  Make({{"here.txt", "x"}});
   for (const auto& [path, error] : {std::pair{In("here.txt"), 0}, std::pair{dir_, 0}, std::pair{In("gone.txt"), 2},
                                     std::pair{In("no\\such\\file"), 3}}) {
     SCOPED_TRACE(path);
@@ -185,8 +175,7 @@ TEST_F(FileOpsTest, ExistenceWithTheErrorNumberAndFolderChains) {
 TEST_F(FileOpsTest, ProcessesGiveTheirExitCodeOrMinus999AndBatchFilesRunInTheirFolder) {
   char system[MAX_PATH];
   const std::string cmd = std::string(system, ::GetSystemDirectoryA(system, MAX_PATH)) + "\\cmd.exe";
-  MakeDirs({"bin"});
-  Put("bin\\where.bat", "@cd > where.txt\r\n@exit /b 7\r\n");
+  Make({{"bin\\where.bat", "@cd > where.txt\r\n@exit /b 7\r\n"}});
   EXPECT_EQ(3, RunProcess(cmd, "cmd.exe /c exit 3", kShowDefault));
   EXPECT_EQ(0, RunProcess(cmd, "cmd.exe /c exit 0", kShowDefault));
   EXPECT_EQ(7, RunProcess(In("bin\\where.bat"), "", kShowDefault)) << "with an empty command line";
