@@ -6,6 +6,8 @@ build), run the CTest tests that could catch it, put the file back exactly
 (also on Ctrl-C or an error), and print one table row: the failing tests, or
 NOT CAUGHT, or "does not build" (a bad fault). A whole-program test names its
 failing cases in brackets. The build in build/ must exist (scripts/build.sh).
+A regex that names native tests (native.*) also builds and runs those in
+build-native/ (cmake --preset native).
 
   scripts/faults.py [--only ID[,ID]] [--list]
 """
@@ -19,10 +21,12 @@ import time
 
 REPO = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 BUILD = os.path.join(REPO, "build")
+NATIVE_BUILD = os.path.join(REPO, "build-native")
 UNIT_PREFIX = os.path.join(BUILD, "wine", "unit")
 
 SVC, TABLES, DOC, FILES = r"^service\.whole$", r"^dorvanectl\.tables$", r"^dorvanectl\.tables_doc$", r"^dorvanectl\.files$"
 ZIP = r"^Zip|^PackageTest\.|^zip_writers$|" + FILES
+NATIVE_ZIP = r"^native\.zip_core_test$"
 CHANNEL = r"^(SinkTest|AtExchange|ChannelTest|ChannelStress)\.|" + TABLES
 
 
@@ -111,7 +115,7 @@ FAULTS = [
     ("zip-device-name", "device name with extension (nul.txt) accepted", "util/zip_names.cpp",
      "std::string base = segment.substr(0, segment.find('.'));", "std::string base = segment;", ZIP),
     ("zip-dos-host", "VFAT-made names not read as OEM", "util/zip_directory.cpp",
-     "host == 11 || host == 14;", "host == 11;", ZIP),
+     "host == 11 || host == 14;", "host == 11;", rx(ZIP, NATIVE_ZIP)),
     ("unzip-folder-link", "unpacking follows a link among its folders", "util/placed_file.cpp",
      "    if (IsLinkAttributes(attributes)) return Placing::kLink;\n", "",
      rx(ZIP, r"^FileOpsTest\.")),
@@ -160,10 +164,15 @@ def check(fault):
     return data
 
 
-def build(log):
+def builds(regex):
+    """The build folders whose tests `regex` may name."""
+    return [BUILD] + ([NATIVE_BUILD] if "native" in regex else [])
+
+
+def build(log, regex=""):
     with open(log, "w") as out:
-        return subprocess.run(["cmake", "--build", BUILD], stdin=subprocess.DEVNULL, stdout=out,
-                              stderr=subprocess.STDOUT).returncode == 0
+        return all(subprocess.run(["cmake", "--build", folder], stdin=subprocess.DEVNULL, stdout=out,
+                                  stderr=subprocess.STDOUT).returncode == 0 for folder in builds(regex))
 
 
 def failed_tests(log):
@@ -183,9 +192,7 @@ def failed_tests(log):
         if summary and m:
             name = m.group(1) + ("[%s]" % ",".join(sorted(cases[m.group(1)])) if m.group(1) in cases else "")
             failed.append(name + ("" if m.group(2) == "Failed" else " (%s)" % m.group(2)))
-    if any("No tests were found" in line for line in lines):
-        failed.append("NO TESTS MATCH")
-    return failed
+    return failed, sum(1 for line in lines if re.match(r"\s*\d+/\d+ Test\s+#\d+: ", line))
 
 
 def run_fault(fault, logs):
@@ -196,16 +203,18 @@ def run_fault(fault, logs):
     try:
         with open(full, "wb") as f:
             f.write(original.replace(old.encode(), new.encode()))
-        if not build(os.path.join(logs, fid + ".build.log")):
+        if not build(os.path.join(logs, fid + ".build.log"), regex):
             return "does not build", time.monotonic() - start
         built = time.monotonic()
-        log = os.path.join(logs, fid + ".ctest.log")
-        with open(log, "w") as out:
-            subprocess.run(["ctest", "--test-dir", BUILD, "-R", regex, "--output-on-failure",
-                            "--no-tests=error"], stdin=subprocess.DEVNULL, stdout=out,
-                           stderr=subprocess.STDOUT)
-        failed = failed_tests(log)
-        result = ", ".join(failed) if failed else "NOT CAUGHT"
+        failed, ran = [], 0
+        for folder in builds(regex):
+            log = os.path.join(logs, "%s.%s.ctest.log" % (fid, os.path.basename(folder)))
+            with open(log, "w") as out:
+                subprocess.run(["ctest", "--test-dir", folder, "-R", regex, "--output-on-failure"],
+                               stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT)
+            failing, count = failed_tests(log)
+            failed, ran = failed + failing, ran + count
+        result = ", ".join(failed) if failed else "NOT CAUGHT" if ran else "NO TESTS MATCH"
         return "%s (build %ds)" % (result, built - start), time.monotonic() - start
     finally:
         with open(full, "wb") as f:
@@ -238,10 +247,13 @@ def main():
         return
     if not os.path.exists(os.path.join(BUILD, "build.ninja")):
         raise SystemExit("no build in %s: run scripts/build.sh first" % BUILD)
+    native = any("native" in f[5] for f in faults)
+    if native and not os.path.exists(os.path.join(NATIVE_BUILD, "build.ninja")):
+        raise SystemExit("no build in %s: run cmake --preset native first" % NATIVE_BUILD)
     signal.signal(signal.SIGTERM, interrupted)  # reverts like Ctrl-C does
     logs = os.path.join(BUILD, "faults")
     os.makedirs(logs, exist_ok=True)
-    if not build(os.path.join(logs, "clean.build.log")):
+    if not build(os.path.join(logs, "clean.build.log"), "native" if native else ""):
         raise SystemExit("the unchanged sources do not build: see %s/clean.build.log" % logs)
     # The unit tests' prefix with a persistent wineserver, as scripts/test.sh prepares it.
     for prefix in (UNIT_PREFIX, os.path.join(BUILD, "wine", "base")):
@@ -257,7 +269,7 @@ def main():
             print("%-26s %-52s %5.0f  %s" % rows[-1], flush=True)
     finally:
         quiet(["wineserver", "-k"])
-        build(os.path.join(logs, "clean.build.log"))  # the binaries of the unchanged sources again
+        build(os.path.join(logs, "clean.build.log"), "native" if native else "")  # the unchanged binaries again
     print("\n%-26s %-52s %5s  %s" % ("fault", "what it breaks", "s", "failing tests"))
     for row in rows:
         print("%-26s %-52s %5.0f  %s" % row)

@@ -1,6 +1,6 @@
 // The zip reader's format core on Linux, under AddressSanitizer and
 // UndefinedBehaviorSanitizer: archives in memory, sinks that fail, sources
-// that claim more than they hold, and the text conversions.
+// that claim more than they hold, names and output paths.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -15,14 +15,18 @@ namespace dorvane {
 namespace {
 
 using testing::BuildZip;
+using testing::Le;
 using testing::PutLe16;
 using testing::PutLe32;
 using testing::ZipItem;
 using testing::ZipLayout;
+using Lines = std::vector<std::string>;
+
+constexpr uint16_t kUtf8 = 0x0800;
 
 class StringSink : public zip::Sink {
  public:
-  explicit StringSink(size_t fail_after = SIZE_MAX) : fail_after_(fail_after) {}
+  explicit StringSink(size_t fail_after) : fail_after_(fail_after) {}
   ZipResult Write(const unsigned char* data, size_t size) override {
     if (text.size() + size > fail_after_) return kZipWriteError;
     text.append(reinterpret_cast<const char*>(data), size);
@@ -34,27 +38,32 @@ class StringSink : public zip::Sink {
   size_t fail_after_;
 };
 
-std::string Compressible(size_t size) {
-  std::string out;
-  for (size_t i = 0; out.size() < size; ++i) out += "record " + std::to_string(i) + ";";
-  out.resize(size);
-  return out;
-}
+// Reading an archive and unpacking its entries in order, each into a sink that
+// fails beyond `fail_after` bytes: the first result that is not kZipOk (or
+// kZipOk), the entries listed, and the bytes each entry reached gave.
+struct Unpacked {
+  ZipResult result;
+  size_t count;
+  uint64_t prefix;
+  Lines texts;
+};
 
-// Reads the archive and unpacks entry `index` into `sink`.
-ZipResult UnpackOne(const std::string& bytes, size_t index, zip::Sink& sink) {
+Unpacked UnpackAll(const std::string& bytes, size_t fail_after = SIZE_MAX) {
   zip::MemorySource source(bytes.data(), bytes.size());
   zip::Directory directory;
-  ZipResult result = directory.Read(source, zip::kNativeNames);
-  if (result != kZipOk) return result;
-  zip::EntryInfo entry;
-  if ((result = directory.Entry(index, &entry)) != kZipOk) return result;
+  Unpacked out{directory.Read(source, zip::kNativeNames), directory.count(), directory.prefix(), {}};
   zip::Unpacker unpacker;
-  uint64_t at = 0;
-  if ((result = unpacker.Locate(source, entry, directory.DataLimit(index), &at)) != kZipOk) {
-    return result;
+  for (size_t i = 0; out.result == kZipOk && i < directory.count(); ++i) {
+    zip::EntryInfo entry;
+    uint64_t at = 0;
+    StringSink sink(fail_after);
+    if ((out.result = directory.Entry(i, &entry)) == kZipOk &&
+        (out.result = unpacker.Locate(source, entry, directory.DataLimit(i), &at)) == kZipOk) {
+      out.result = unpacker.Stream(source, entry, at, sink);
+    }
+    out.texts.push_back(sink.text);
   }
-  return unpacker.Stream(source, entry, at, sink);
+  return out;
 }
 
 // The folded CRC gives zlib's results for every length (the 64-byte blocks,
@@ -78,34 +87,18 @@ TEST(ZipCore, TheFoldedCrcIsZlibs) {
   EXPECT_EQ(zip::Crc32Plain(1, big.data(), big.size()), folded);
 }
 
-TEST(ZipCore, EntriesStreamIntoTheSinkWithSizesAndCrcChecked) {
-  const std::string big = Compressible(1500000);  // three times the buffers
-  ZipLayout at;
-  const std::string bytes = BuildZip({{"s.txt", "stored"}, {"d.txt", big, true}, {"e", ""},
-                                      {"z.bin", big, false, true}},
-                                     true, &at);
-  for (size_t i = 0; i < 4; ++i) {
-    StringSink sink;
-    EXPECT_EQ(kZipOk, UnpackOne(bytes, i, sink)) << i;
-    EXPECT_EQ((std::vector<std::string>{"stored", big, "", big})[i], sink.text) << i;
+// Sizes and CRCs are asked under Wine (ZipReader.DamagedArchives...); here, a
+// sink that fails stops the entry with its own result.
+TEST(ZipCore, ASinkThatFailsStopsTheEntryWithItsResult) {
+  std::string big;  // three times the buffers
+  for (size_t i = 0; big.size() < 1500000; ++i) big += "record " + std::to_string(i) + ";";
+  for (const std::string& bytes : {BuildZip({{"s.txt", "stored"}, {"d.txt", big, true}}),
+                                   BuildZip({{"s.txt", "stored"}, {"z.bin", big, false, true}}, true)}) {
+    EXPECT_TRUE(UnpackAll(bytes).texts == (Lines{"stored", big}));
+    const Unpacked failed = UnpackAll(bytes, 600000);
+    EXPECT_EQ(kZipWriteError, failed.result);
+    EXPECT_EQ(2u, failed.texts.size());
   }
-  // A sink that fails stops the entry with its own result.
-  StringSink failing(600000);
-  EXPECT_EQ(kZipWriteError, UnpackOne(bytes, 1, failing));
-  EXPECT_LE(failing.text.size(), 600000u);
-
-  // A declared size smaller than the data: never more than declared.
-  std::string small = bytes;
-  PutLe32(small, at.central[1] + testing::kCentralSizeField, 1000);
-  StringSink capped;
-  EXPECT_EQ(kZipCorrupt, UnpackOne(small, 1, capped));
-  EXPECT_LE(capped.text.size(), 1000u);
-
-  std::string bad_crc = bytes;
-  PutLe32(bad_crc, at.central[0] + testing::kCentralCrcField, 0xDEADBEEF);
-  StringSink whole;
-  EXPECT_EQ(kZipCorrupt, UnpackOne(bad_crc, 0, whole));
-  EXPECT_EQ("stored", whole.text) << "what was written stays";
 }
 
 // A source that claims `size` bytes of zeros ending in the given tail,
@@ -117,10 +110,9 @@ class ClaimingSource : public zip::Source {
   bool ReadAt(uint64_t offset, void* buffer, size_t size) override {
     if (offset > size_ || size > size_ - offset) return false;
     unsigned char* out = static_cast<unsigned char*>(buffer);
-    const uint64_t tail_at = size_ - tail_.size();
     for (size_t i = 0; i < size; ++i) {
-      const uint64_t pos = offset + i;
-      out[i] = pos >= tail_at ? static_cast<unsigned char>(tail_[pos - tail_at]) : 0;
+      const uint64_t from_end = size_ - (offset + i);
+      out[i] = from_end <= tail_.size() ? static_cast<unsigned char>(tail_[tail_.size() - from_end]) : 0;
     }
     reads += size;
     return true;
@@ -134,362 +126,273 @@ class ClaimingSource : public zip::Source {
 
 TEST(ZipCore, CountsBeyondTheLimitOrTheBytesAreRefusedBeforeReadingTheDirectory) {
   const uint64_t dir = 1ull << 40;  // a terabyte of directory, claimed only
-  struct Case {
-    uint64_t count;
-    ZipResult expected;
-  };
-  for (const Case& c : {Case{dir / 46 + 1, kZipCorrupt}, Case{zip::kMaxEntries + 1, kZipNoMemory},
-                        Case{~0ull, kZipCorrupt}}) {
-    ClaimingSource source(dir + 98, testing::Zip64EndRecords(dir, c.count, dir, 0));
+  using Count = std::pair<uint64_t, ZipResult>;
+  for (const auto& [count, expected] :
+       {Count{dir / 46 + 1, kZipCorrupt}, Count{zip::kMaxEntries + 1, kZipNoMemory}, Count{~0ull, kZipCorrupt}}) {
+    ClaimingSource source(dir + 98, testing::Zip64EndRecords(dir, count, dir, 0));
     zip::Directory directory;
-    EXPECT_EQ(c.expected, directory.Read(source, zip::kNativeNames)) << c.count;
+    EXPECT_EQ(expected, directory.Read(source, zip::kNativeNames)) << count;
     EXPECT_EQ(0u, directory.count());
     EXPECT_LT(source.reads, 200000u) << "refused from the end records alone";
   }
 }
 
-// Reads the archive and unpacks every entry: the first result that is not
-// kZipOk, or kZipOk with the number of entries in `count`.
-ZipResult UnpackAll(const std::string& bytes, size_t* count, uint64_t* prefix = nullptr) {
-  zip::MemorySource source(bytes.data(), bytes.size());
-  zip::Directory directory;
-  ZipResult result = directory.Read(source, zip::kNativeNames);
-  *count = directory.count();
-  if (prefix != nullptr) *prefix = directory.prefix();
-  zip::Unpacker unpacker;
-  for (size_t i = 0; result == kZipOk && i < directory.count(); ++i) {
-    zip::EntryInfo entry;
-    uint64_t data = 0;
-    StringSink sink;
-    if ((result = directory.Entry(i, &entry)) == kZipOk &&
-        (result = unpacker.Locate(source, entry, directory.DataLimit(i), &data)) == kZipOk) {
-      result = unpacker.Stream(source, entry, data, sink);
-    }
-  }
-  return result;
-}
-
-std::string Le(uint64_t value, size_t bytes) {
-  std::string out;
-  for (size_t i = 0; i < bytes; ++i) out.push_back(static_cast<char>(value >> (8 * i)));
-  return out;
-}
-
-const std::string kZip64End("PK\x06\x06", 4);
-const std::string kLocator("PK\x06\x07", 4);
-
 struct EndCase {
-  const char* what;
+  std::string what;
   std::string bytes;
   ZipResult expected;
   size_t entries;
 };
 
-void ExpectEnds(const std::vector<EndCase>& cases) {
-  for (const EndCase& c : cases) {
-    size_t count = 0;
-    EXPECT_EQ(c.expected, UnpackAll(c.bytes, &count)) << c.what;
-    EXPECT_EQ(c.expected == kZipOk ? c.entries : 0, count) << c.what;
-  }
-}
-
-// Names end right before the end record, where a Zip64 locator would sit, and
-// may hold any bytes: a locator counts only with its record where it points.
-TEST(ZipCore, AZip64LocatorCountsOnlyWithItsRecordInPlace) {
+// A Zip64 locator counts only with its whole record in place; the end record
+// holds all ones where the Zip64 record holds the value, and any other
+// difference between the two has one reading or none.
+TEST(ZipCore, TheEndRecordsGiveOneWholeReadingOrNone) {
+  const std::string sig64("PK\x06\x06", 4), locator("PK\x06\x07", 4);
   const ZipItem first{"a.txt", "first"};
-  // The last name holds a locator whose "record" is the Zip64 end signature
-  // in the name before it, followed by name bytes as its size.
-  auto pointing_into_names = [&](const std::string& total_disks) {
-    ZipLayout at;
-    const ZipItem holder{"zip64 " + kZip64End + " end.txt", "2"};
-    const std::string tail = "locator " + kLocator + Le(0, 4) + Le(0, 8) + total_disks;
-    BuildZip({first, holder, {tail, "3"}}, false, &at);
-    const size_t pointed = at.central[1] + 46 + 6;
-    return BuildZip({first, holder, {tail.substr(0, 16) + Le(pointed, 8) + total_disks, "3"}});
-  };
+  // Names end right before the end record, where a Zip64 locator would sit, and
+  // may hold any bytes. Here the last name holds a locator whose "record" is
+  // the Zip64 end signature in the name before it, name bytes as its size.
+  ZipLayout at;
+  const ZipItem holder{"zip64 " + sig64 + " end.txt", "2"};
+  BuildZip({first, holder, {"locator " + locator + std::string(16, 'z'), "3"}}, false, &at);
+  const std::string pointing = "locator " + locator + Le(0, 4) + Le(at.central[1] + 46 + 6, 8) + "zzzz";
   // The last name ends in a whole Zip64 record and locator that name the
   // directory the name itself lies in, as the end record does.
-  auto whole_record_in_name = [&]() {
-    ZipLayout at;
-    const std::string placeholder(80, 'w');
-    BuildZip({first, {placeholder, "2"}}, false, &at);
-    const std::string records =
-        testing::Zip64EndRecords(at.end - 76, 2, at.end - at.central[0], at.central[0]);
-    return BuildZip({first, {placeholder.substr(76) + records.substr(0, 76), "2"}});
-  };
+  const std::string placeholder(80, 'w');
+  BuildZip({first, {placeholder, "2"}}, false, &at);
+  const std::string in_name = testing::Zip64EndRecords(at.end - 76, 2, at.end - at.central[0], at.central[0]);
   const std::string records = testing::Zip64EndRecords(0, 1, 46, 0);
-  ExpectEnds({
-      {"the Zip64 end signature in a name", BuildZip({first, {"zip64 " + kZip64End + ".txt", "2"}}), kZipOk, 2},
-      {"the locator signature in a name", BuildZip({first, {"mid " + kLocator + " name.txt", "2"}}), kZipOk, 2},
+  std::vector<EndCase> cases = {
+      {"the signatures in a name", BuildZip({first, {"zip64 " + sig64 + " mid " + locator + ".txt", "2"}}), kZipOk, 2},
       {"a locator of name bytes pointing past itself",
-       BuildZip({first, {"tail " + kLocator + std::string(16, 'x'), "2"}}), kZipOk, 2},
-      {"a locator of name bytes pointing at a signature in a name", pointing_into_names("zzzz"), kZipOk, 3},
-      {"the same, the locator naming one disk", pointing_into_names(Le(1, 4)), kZipOk, 3},
+       BuildZip({first, {"tail " + locator + std::string(16, 'x'), "2"}}), kZipOk, 2},
+      {"a locator of name bytes pointing at a signature in a name", BuildZip({first, holder, {pointing, "3"}}), kZipOk,
+       3},
       {"a record of name bytes right before a locator pointing short of it",
-       BuildZip({first, {kZip64End + std::string(52, 'y') + kLocator + "zzzz" + Le(0, 8) + "zzzz", "2"}}),
-       kZipOk, 2},
-      {"a whole Zip64 record of name bytes naming the directory around it", whole_record_in_name(), kZipOk, 2},
+       BuildZip({first, {sig64 + std::string(52, 'y') + locator + "zzzz" + Le(0, 8) + "zzzz", "2"}}), kZipOk, 2},
+      {"a whole Zip64 record of name bytes naming the directory around it",
+       BuildZip({first, {placeholder.substr(76) + in_name.substr(0, 76), "2"}}), kZipOk, 2},
       // Only the end record of all ones is left, which names nothing: corrupt,
       // and never a read before the start of the file.
       {"a locator with no room for its record", records.substr(56), kZipCorrupt, 0},
       {"the same after 35 bytes", std::string(35, 'x') + records.substr(56), kZipCorrupt, 0},
-  });
-}
-
-// A Zip64 record that is not whole is no Zip64 record: the end record is read
-// alone, which reads when it names the directory in full and names nothing
-// when it holds all ones.
-TEST(ZipCore, ADamagedZip64RecordLeavesTheEndRecordAlone) {
-  ZipLayout at;
+  };
   const std::string zip64 = BuildZip({{"a.txt", "first"}, {"b.txt", "second"}}, true, &at);
   const size_t record = at.end - 76;
-  std::string in_full = zip64;
-  PutLe16(in_full, at.end + testing::kEndDiskCountField, 2);
-  PutLe16(in_full, at.end + testing::kEndCountField, 2);
-  PutLe32(in_full, at.end + testing::kEndSizeField, static_cast<uint32_t>(record - at.central[0]));
-  PutLe32(in_full, at.end + testing::kEndOffsetField, static_cast<uint32_t>(at.central[0]));
-  struct Damage {
-    const char* what;
-    size_t at;
-    uint32_t value;
+  const uint32_t size = static_cast<uint32_t>(record - at.central[0]), offset = static_cast<uint32_t>(at.central[0]);
+  const uint32_t first_only = static_cast<uint32_t>(at.central[1] - at.central[0]);
+  // The end record's count, size and offset; the Zip64 record's count and size.
+  auto with = [&](uint16_t count, uint32_t end_size, uint32_t end_offset, uint64_t zip64_count = 2,
+                  uint32_t zip64_size = 0) {
+    std::string bytes = zip64;
+    PutLe16(bytes, at.end + testing::kEndDiskCountField, count);
+    PutLe16(bytes, at.end + testing::kEndCountField, count);
+    PutLe32(bytes, at.end + testing::kEndSizeField, end_size);
+    PutLe32(bytes, at.end + testing::kEndOffsetField, end_offset);
+    for (size_t field : {24u, 32u}) PutLe32(bytes, record + field, static_cast<uint32_t>(zip64_count));
+    if (zip64_size != 0) PutLe32(bytes, record + 40, zip64_size);
+    return bytes;
   };
-  for (const Damage& d : {Damage{"no signature", record, 0x06064b51},
-                          Damage{"too short", record + 4, 43},
-                          Damage{"running into its locator", record + 4, 45},
-                          Damage{"naming a directory behind it", record + 48, static_cast<uint32_t>(record)},
-                          Damage{"its locator pointing past it", at.end - 20 + 8, static_cast<uint32_t>(record + 1)}}) {
-    std::string full = in_full, ones = zip64;
-    PutLe32(full, d.at, d.value);
-    PutLe32(ones, d.at, d.value);
-    size_t count = 0;
-    EXPECT_EQ(kZipOk, UnpackAll(full, &count)) << d.what;
-    EXPECT_EQ(2u, count) << d.what;
-    EXPECT_EQ(kZipCorrupt, UnpackAll(ones, &count)) << d.what;
+  cases.insert(cases.end(), {
+      {"all ones", zip64, kZipOk, 2},
+      {"both in full, the same", with(2, size, offset), kZipOk, 2},
+      {"the count given, the offset all ones", with(2, size, 0xFFFFFFFF), kZipOk, 2},
+      {"the end record names both entries, the Zip64 record one", with(2, size, offset, 1, first_only), kZipOk, 2},
+      {"the end record names one entry, the Zip64 record both", with(1, first_only, offset), kZipOk, 1},
+      {"all ones but a count that differs", with(1, 0xFFFFFFFF, 0xFFFFFFFF), kZipCorrupt, 0},
+      {"all ones but a size that differs", with(0xFFFF, first_only, 0xFFFFFFFF), kZipCorrupt, 0},
+      {"the count all ones, an offset that differs", with(0xFFFF, size, offset + 1), kZipCorrupt, 0},
+  });
+  // A Zip64 record that is not whole is no Zip64 record: the end record is
+  // read alone, which reads when it names the directory in full and names
+  // nothing when it holds all ones.
+  for (const auto& [what, field, value] :
+       {std::tuple{"no signature", record, 0x06064b51u}, std::tuple{"too short", record + 4, 43u},
+        std::tuple{"running into its locator", record + 4, 45u},
+        std::tuple{"naming a directory behind it", record + 48, static_cast<uint32_t>(record)},
+        std::tuple{"its locator pointing past it", at.end - 12, static_cast<uint32_t>(record + 1)}}) {
+    std::string full = with(2, size, offset), ones = zip64;
+    PutLe32(full, field, value);
+    PutLe32(ones, field, value);
+    cases.push_back({std::string("a Zip64 record ") + what + ", the end record in full", full, kZipOk, 2});
+    cases.push_back({std::string("a Zip64 record ") + what + ", the end record all ones", ones, kZipCorrupt, 0});
+  }
+  for (const EndCase& c : cases) {
+    const Unpacked got = UnpackAll(c.bytes);
+    EXPECT_EQ(c.expected, got.result) << c.what;
+    EXPECT_EQ(c.entries, got.count) << c.what;
   }
 }
 
-// The end record's fields hold all ones where the Zip64 record holds the
-// value; any other difference between the two has one reading or none.
-TEST(ZipCore, TheEndRecordAndTheZip64RecordGiveOneWholeReadingOrNone) {
+// Data shared or overlapping between entries is refused for the whole
+// archive; data in any order and with gaps is not.
+TEST(ZipCore, EntryDataMayLieInAnyOrderButNeverSharedOrOverlapping) {
   ZipLayout at;
-  const std::string zip64 = BuildZip({{"a.txt", "first"}, {"b.txt", "second"}}, true, &at);
-  const size_t record = at.end - 76;
-  const uint32_t size = static_cast<uint32_t>(record - at.central[0]);
-  const uint32_t first_only = static_cast<uint32_t>(at.central[1] - at.central[0]);
-  struct Fields {
-    uint16_t count;
-    uint32_t size;
-    uint32_t offset;
-  };
-  // `end` goes into the end record; `zip64_count` and `zip64_size` into the Zip64 record.
-  auto with = [&](Fields end, uint64_t zip64_count = 2, uint64_t zip64_size = 0) {
-    std::string bytes = zip64;
-    PutLe16(bytes, at.end + testing::kEndDiskCountField, end.count);
-    PutLe16(bytes, at.end + testing::kEndCountField, end.count);
-    PutLe32(bytes, at.end + testing::kEndSizeField, end.size);
-    PutLe32(bytes, at.end + testing::kEndOffsetField, end.offset);
-    for (size_t field : {24u, 32u}) PutLe32(bytes, record + field, static_cast<uint32_t>(zip64_count));
-    if (zip64_size != 0) PutLe32(bytes, record + 40, static_cast<uint32_t>(zip64_size));
-    return bytes;
-  };
-  const uint32_t offset = static_cast<uint32_t>(at.central[0]);
-  // With 65535 entries the end record's count is all ones and true at once; a
-  // Zip64 record that names one entry less still leaves no whole reading.
-  ZipLayout many;
-  std::string most = BuildZip(std::vector<ZipItem>(0xFFFF, ZipItem{"n", "1"}), true, &many);
-  const size_t most_record = many.end - 76;
-  PutLe32(most, many.end + testing::kEndSizeField, static_cast<uint32_t>(most_record - many.central[0]));
-  PutLe32(most, many.end + testing::kEndOffsetField, static_cast<uint32_t>(many.central[0]));
-  for (size_t field : {24u, 32u}) PutLe32(most, most_record + field, 0xFFFE);
-  PutLe32(most, most_record + 40, static_cast<uint32_t>(many.central[0xFFFE] - many.central[0]));
-  ExpectEnds({
-      {"all ones", zip64, kZipOk, 2},
-      {"both in full, the same", with({2, size, offset}), kZipOk, 2},
-      {"the count given, the offset all ones", with({2, size, 0xFFFFFFFF}), kZipOk, 2},
-      {"the end record names both entries, the Zip64 record one", with({2, size, offset}, 1, first_only),
-       kZipOk, 2},
-      {"the end record names one entry, the Zip64 record both", with({1, first_only, offset}), kZipOk, 1},
-      {"all ones but a count that differs", with({1, 0xFFFFFFFF, 0xFFFFFFFF}), kZipCorrupt, 0},
-      {"all ones but a size that differs", with({0xFFFF, first_only, 0xFFFFFFFF}), kZipCorrupt, 0},
-      {"the count all ones, an offset that differs", with({0xFFFF, size, offset + 1}), kZipCorrupt, 0},
-      {"65535 entries, the Zip64 record naming one less", most, kZipCorrupt, 0},
-  });
-}
-
-TEST(ZipCore, SharedAndOverlappingDataIsRefusedForTheWholeArchive) {
-  ZipLayout at;
-  const std::string good = BuildZip({{"a", std::string(3000, 'a')}, {"b", "b"}, {"c", "c"}},
-                                    false, &at);
-  auto pointing = [&](size_t entry, size_t offset) {
-    std::string bytes = good;
-    PutLe32(bytes, at.central[entry] + 42, static_cast<uint32_t>(offset));
-    return bytes;
-  };
+  const std::string good = BuildZip({{"a", std::string(3000, 'a')}, {"b", "b"}, {"c", "c"}}, false, &at);
   zip::Directory directory;
   zip::MemorySource ok(good.data(), good.size());
   ASSERT_EQ(kZipOk, directory.Read(ok, zip::kNativeNames));
   EXPECT_EQ(at.local[1], directory.DataLimit(0));
   EXPECT_EQ(at.central[0], directory.DataLimit(2)) << "the last entry ends at the directory";
-  for (const std::string& bytes : {pointing(2, at.local[1]), pointing(1, at.data[0] + 7),
-                                   pointing(0, at.central[1]), pointing(2, at.central[0] - 29)}) {
-    zip::MemorySource source(bytes.data(), bytes.size());
-    EXPECT_EQ(kZipCorrupt, directory.Read(source, zip::kNativeNames));
-    EXPECT_EQ(0u, directory.count());
+  for (const auto& [entry, offset] : {std::pair{2, at.local[1]}, std::pair{1, at.data[0] + 7},
+                                      std::pair{0, at.central[1]}, std::pair{2, at.central[0] - 29}}) {
+    std::string bytes = good;
+    PutLe32(bytes, at.central[entry] + 42, static_cast<uint32_t>(offset));
+    const Unpacked got = UnpackAll(bytes);
+    EXPECT_EQ(kZipCorrupt, got.result) << entry << " at " << offset;
+    EXPECT_EQ(0u, got.count);
   }
+  // Entries need not be in the directory in the order of their data, nor
+  // packed tightly: central records in the reverse order of their data, 100
+  // bytes of padding between the data and the directory.
+  ZipLayout two;
+  const std::string pair = BuildZip({{"first", "1111"}, {"second", "22"}}, false, &two);
+  std::string end = pair.substr(two.end);
+  PutLe32(end, testing::kEndOffsetField, static_cast<uint32_t>(two.central[0] + 100));
+  const Unpacked got = UnpackAll(pair.substr(0, two.central[0]) + std::string(100, '\0') +
+                                 pair.substr(two.central[1], two.end - two.central[1]) +
+                                 pair.substr(two.central[0], two.central[1] - two.central[0]) + end);
+  EXPECT_EQ(kZipOk, got.result);
+  EXPECT_EQ((Lines{"22", "1111"}), got.texts);
 }
 
-TEST(ZipCore, Utf8IsDecodedStrictly) {
-  std::u16string wide;
-  EXPECT_TRUE(zip::Utf8ToUtf16("a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", &wide));
-  EXPECT_EQ(u"a\u00E9\u20AC\U0001F600", wide);
-  const std::vector<std::string> invalid = {
-      "\xC0\xAE",           // overlong "."
-      "\xE0\x80\xAE",       // overlong "." in three bytes
-      "\xED\xA0\x80",       // a surrogate
-      "\xF4\x90\x80\x80",   // above U+10FFFF
-      "\xC3",               // cut
-      "\x80",               // a continuation byte alone
-      "\xFF",               // never valid
-      "\xE2\x82(",          // cut by an ASCII byte
-  };
-  for (const std::string& text : invalid) {
-    EXPECT_FALSE(zip::Utf8ToUtf16(text, &wide)) << text;
-    EXPECT_NE(std::u16string::npos, wide.find(u'\uFFFD')) << text;
-  }
-  EXPECT_TRUE(zip::Utf8ToUtf16("x\xE2\x82(", &wide) == false && wide == u"x\uFFFD(");
-}
-
-TEST(ZipCore, TheNativeCodePageIsWindows1252Exactly) {
-  std::string ansi;
-  EXPECT_TRUE(zip::ExactCp1252(u"C\u00F4te d\u2019Ivoire \u20AC\u0178\u00FF", &ansi));
-  EXPECT_EQ("C\xF4te d\x92Ivoire \x80\x9F\xFF", ansi);
-  // Look-alikes have no exact form: fullwidth "./" and a division slash.
-  EXPECT_FALSE(zip::ExactCp1252(u"\uFF0E\uFF0E\uFF0F\u2215x", &ansi));
-  EXPECT_EQ("????x", ansi);
-}
-
-TEST(ZipCore, UnusableNamesAreMarkedAndShownWithStandIns) {
-  const std::string bytes = BuildZip({{"a\xEF\xBC\x8F..", "1", false, false, 0x0800},
-                                      {"\xC3\xA9t\xC3\xA9", "2", false, false, 0x0800},
-                                      {"\x82t\x82", "3"}});
-  zip::MemorySource source(bytes.data(), bytes.size());
-  zip::Directory directory;
-  ASSERT_EQ(kZipOk, directory.Read(source, zip::kNativeNames));
-  zip::EntryInfo entry;
-  ASSERT_EQ(kZipOk, directory.Entry(0, &entry));
-  EXPECT_EQ("a?..", entry.name);
-  EXPECT_FALSE(entry.usable);
-  ASSERT_EQ(kZipOk, directory.Entry(1, &entry));
-  EXPECT_EQ("\xE9t\xE9", entry.name);
-  EXPECT_TRUE(entry.usable);
-  ASSERT_EQ(kZipOk, directory.Entry(2, &entry));
-  EXPECT_EQ("\xE9t\xE9", entry.name) << "names without the flag are IBM 437";
-  EXPECT_TRUE(entry.usable);
-  EXPECT_EQ(kZipBadArguments, directory.Entry(3, &entry));
-}
-
-// The Unicode Path extra field for `raw`, naming it `utf8`.
-std::string UnicodePathField(const std::string& raw, const std::string& utf8, uint32_t crc_delta = 0) {
-  std::string field(9, '\0');
-  field[0] = 0x75, field[1] = 0x70;
-  const size_t size = 5 + utf8.size();
-  field[2] = static_cast<char>(size & 0xFF), field[3] = static_cast<char>(size >> 8);
-  field[4] = 1;
-  PutLe32(field, 5, testing::Crc32(raw) + crc_delta);
-  return field + utf8;
-}
-
-// An archive of one stored entry named `raw`, with `extra` in its central record.
-std::string WithExtra(const std::string& raw, const std::string& extra) {
-  ZipLayout at;
-  std::string bytes = BuildZip({{raw, "data"}}, false, &at);
-  const size_t central = at.central[0];
-  bytes[central + 30] = static_cast<char>(extra.size() & 0xFF);
-  bytes[central + 31] = static_cast<char>(extra.size() >> 8);
-  bytes.insert(central + 46 + raw.size(), extra);
-  PutLe32(bytes, at.end + 4 + extra.size() + 8, static_cast<uint32_t>(at.end - central + extra.size()));
-  return bytes;
-}
-
-std::string NameOf(const std::string& bytes, bool* usable = nullptr) {
-  zip::MemorySource source(bytes.data(), bytes.size());
-  zip::Directory directory;
-  if (directory.Read(source, zip::kNativeNames) != kZipOk) return "(unreadable)";
-  zip::EntryInfo entry;
-  if (directory.Entry(0, &entry) != kZipOk) return "(no entry)";
-  if (usable != nullptr) *usable = entry.usable;
-  return entry.name;
-}
-
-TEST(ZipCoreNames, LegacyNamesAreOemAndTheUnicodePathFieldWinsWhenItsCrcMatches) {
-  bool usable = false;
-  EXPECT_EQ("\xE9t\xE9.txt", NameOf(BuildZip({{"\x82t\x82.txt", "1"}}), &usable)) << "IBM 437 é";
-  EXPECT_TRUE(usable);
-  EXPECT_EQ("?t?", NameOf(BuildZip({{"\xE9t\xE9", "1"}}), &usable)) << "IBM 437 theta";
-  EXPECT_FALSE(usable);
-  // Info-ZIP's zip writes the bytes as they are and the UTF-8 form beside them.
-  const std::string raw = "C\xC3\xB4te.txt";
-  EXPECT_EQ("C\xF4te.txt", NameOf(WithExtra(raw, UnicodePathField(raw, "C\xC3\xB4te.txt")), &usable));
-  EXPECT_TRUE(usable);
-  // A field written for another name (its CRC differs) is ignored.
-  // (C3 and B4 are box-drawing characters in IBM 437: no Western form.)
-  EXPECT_EQ("C??te.txt", NameOf(WithExtra(raw, UnicodePathField(raw, "X.txt", 1)), &usable));
-  EXPECT_FALSE(usable);
-  // With the UTF-8 flag the name itself is UTF-8, whatever the field says.
-  EXPECT_EQ("C\xF4te", NameOf(BuildZip({{"C\xC3\xB4te", "1", false, false, 0x0800}})));
-  // The field's name is cleaned as any other.
-  EXPECT_EQ("x.txt", NameOf(WithExtra("a", UnicodePathField("a", "../../x.txt"))));
-}
-
-TEST(ZipCoreNames, NamesWrittenOnUnixAreUtf8WhenTheyReadSoAndElseTheirBytes) {
-  auto on_unix = [](const std::string& raw) {
-    ZipLayout at;
-    std::string bytes = BuildZip({{raw, "1"}}, false, &at);
-    bytes[at.central[0] + 5] = 3;  // made by: Unix
-    return bytes;
-  };
-  bool usable = false;
-  EXPECT_EQ("C\xF4te.txt", NameOf(on_unix("C\xC3\xB4te.txt"), &usable));
-  EXPECT_TRUE(usable);
-  EXPECT_EQ("\xE9t\xE9.txt", NameOf(on_unix("\xE9t\xE9.txt"), &usable)) << "Latin-1 bytes";
-  EXPECT_TRUE(usable);
-  EXPECT_EQ("?.txt", NameOf(on_unix("\xE6\x97\xA5.txt"), &usable)) << "UTF-8 without a Western form";
-  EXPECT_FALSE(usable);
-}
-
-TEST(ZipCoreNames, DataInFrontOfTheArchiveIsFoundAndSkipped) {
-  ZipLayout at;
-  const std::string archive = BuildZip({{"a.txt", "first"}, {"b.bin", std::string(3000, 'b'), true}},
-                                       false, &at);
-  ZipLayout z;
+TEST(ZipCore, DataInFrontOfTheArchiveIsFoundAndSkipped) {
+  ZipLayout at, z;
+  const std::string archive = BuildZip({{"a.txt", "first"}, {"b.bin", std::string(3000, 'b'), true}}, false, &at);
   const std::string zip64 = BuildZip({{"z.txt", "zip64", false, true}}, true, &z);
   // A Zip64 locator points short of its record by the data in front, here at
   // a Zip64 end signature that begins no record.
   std::string decoy(1000, '\0');
-  decoy.replace(z.end - 76, 4, kZip64End);
-  struct Front {
-    const char* what;
-    std::string bytes;
-  };
-  for (const Front& front : {Front{"zeros", std::string(1000, '\0')},
-                             Front{"a stub", std::string("MZ stub") + std::string(4089, 'x')},
-                             Front{"a decoy signature", decoy}}) {
+  decoy.replace(z.end - 76, 4, "PK\x06\x06");
+  for (const auto& [what, front] : {std::pair{"zeros", std::string(1000, '\0')},
+                                    std::pair{"a stub", "MZ stub" + std::string(4089, 'x')}, std::pair{"a decoy", decoy}}) {
     for (const std::string& inner : {archive, zip64}) {
-      size_t count = 0;
-      uint64_t prefix = 0;
-      EXPECT_EQ(kZipOk, UnpackAll(front.bytes + inner, &count, &prefix)) << front.what;
-      EXPECT_EQ(inner == archive ? 2u : 1u, count) << front.what;
-      EXPECT_EQ(front.bytes.size(), prefix) << front.what;
+      const Unpacked got = UnpackAll(front + inner);
+      EXPECT_EQ(kZipOk, got.result) << what;
+      EXPECT_EQ(inner == archive ? 2u : 1u, got.count) << what;
+      EXPECT_EQ(front.size(), got.prefix) << what;
     }
   }
   // Offsets that fit no shift stay corrupt: the directory is neither where the
   // end record says nor where it would end at the end record.
   std::string moved = archive;
-  PutLe32(moved, at.end + 16, static_cast<uint32_t>(at.central[0] - 5));
+  PutLe32(moved, at.end + testing::kEndOffsetField, static_cast<uint32_t>(at.central[0] - 5));
   moved.insert(at.central[0], "junk!");
-  zip::MemorySource source(moved.data(), moved.size());
-  zip::Directory directory;
-  EXPECT_EQ(kZipCorrupt, directory.Read(source, zip::kNativeNames));
+  EXPECT_EQ(kZipCorrupt, UnpackAll(moved).result);
+}
+
+// The Unicode Path extra field for `raw`, naming it `utf8`.
+std::string UnicodePath(const std::string& raw, const std::string& utf8, uint32_t crc_delta = 0) {
+  return Le(0x7075, 2) + Le(5 + utf8.size(), 2) + Le(1, 1) + Le(testing::Crc32(raw) + crc_delta, 4) + utf8;
+}
+
+// Names are UTF-8 with the flag; else the Unicode Path field's when its CRC
+// matches; else OEM (IBM 437) when a DOS or Windows host wrote them, and
+// elsewhere UTF-8 when they read so and else their bytes. What has no exact
+// Western form is shown with stand-ins and unusable.
+TEST(ZipCoreNames, NamesAreReadByTheirFlagFieldAndHost) {
+  struct Case {
+    const char* what;
+    ZipItem item;
+    std::string name;
+    bool usable;
+  };
+  const std::string cote = "C\xC3\xB4te.txt";  // C3 B4 are box-drawing characters in IBM 437
+  const std::string oem = "\x82t\x82.txt";     // été in IBM 437
+  const std::string wide_name = std::string(100, 'd') + "/" + std::string(199, 'f');
+  std::vector<Case> cases = {
+      {"MS-DOS", {oem, "1"}, "\xE9t\xE9.txt", true},
+      {"OS/2 HPFS", {oem, "1", false, false, 0, 6}, "\xE9t\xE9.txt", true},
+      {"NTFS", {oem, "1", false, false, 0, 11}, "\xE9t\xE9.txt", true},
+      {"VFAT", {oem, "1", false, false, 0, 14}, "\xE9t\xE9.txt", true},
+      {"Unix: not UTF-8, the bytes", {oem, "1", false, false, 0, 3}, oem, true},
+      {"Unix: Latin-1 bytes", {"\xE9t\xE9.txt", "1", false, false, 0, 3}, "\xE9t\xE9.txt", true},
+      {"Unix: UTF-8", {cote, "1", false, false, 0, 3}, "C\xF4te.txt", true},
+      {"Unix: UTF-8 without a Western form", {"\xE6\x97\xA5.txt", "1", false, false, 0, 3}, "?.txt", false},
+      {"MS-DOS: IBM 437 theta", {"\xE9t\xE9", "1"}, "?t?", false},
+      {"MS-DOS: IBM 437 box drawing", {cote, "1"}, "C??te.txt", false},
+      {"UTF-8 flag", {"\xC3\xA9t\xC3\xA9", "1", false, false, kUtf8}, "\xE9t\xE9", true},
+      {"UTF-8 flag, Windows-1252", {"C\xC3\xB4te d\xE2\x80\x99Ivoire \xE2\x82\xAC\xC5\xB8\xC3\xBF", "1", false, false, kUtf8},
+       "C\xF4te d\x92Ivoire \x80\x9F\xFF", true},
+      // Look-alikes have no exact form: fullwidth "/" and ".", a division slash.
+      {"UTF-8 flag, look-alikes", {"a\xEF\xBC\x8F\xEF\xBC\x8E\xE2\x88\x95..", "1", false, false, kUtf8}, "a???..", false},
+
+      {"UTF-8 flag over a field", {cote, "1", false, false, kUtf8, 0, UnicodePath(cote, "X")}, "C\xF4te.txt", true},
+      {"Unicode Path field", {cote, "1", false, false, 0, 0, UnicodePath(cote, cote)}, "C\xF4te.txt", true},
+      {"Unicode Path field of another name", {cote, "1", false, false, 0, 0, UnicodePath(cote, "X", 1)},
+       "C??te.txt", false},
+      {"Unicode Path field, cleaned", {"a", "1", false, false, 0, 0, UnicodePath("a", "../../x.txt")}, "x.txt", true},
+      {"cut at 259 characters", {wide_name, "1"}, wide_name.substr(0, 259), true},
+  };
+  // UTF-8 is decoded strictly: overlong ".", in two and three bytes; a
+  // surrogate; above U+10FFFF; cut; a continuation byte alone; never valid;
+  // cut by an ASCII byte.
+  for (const auto& [raw, name] : {std::pair{"\xC0\xAE", "?"}, std::pair{"\xE0\x80\xAE", "?"}, std::pair{"\xED\xA0\x80", "?"},
+                                  std::pair{"\xF4\x90\x80\x80", "?"}, std::pair{"x\xC3", "x?"}, std::pair{"\x80x", "?x"},
+                                  std::pair{"\xFF", "?"}, std::pair{"x\xE2\x82(", "x?("}}) {
+    cases.push_back({"invalid UTF-8", {raw, "1", false, false, kUtf8}, name, false});
+  }
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.what) + ": " + c.item.name);
+    const std::string bytes = BuildZip({c.item});
+    zip::MemorySource source(bytes.data(), bytes.size());
+    zip::Directory directory;
+    zip::EntryInfo entry;
+    ASSERT_EQ(kZipOk, directory.Read(source, zip::kNativeNames));
+    ASSERT_EQ(kZipOk, directory.Entry(0, &entry));
+    EXPECT_EQ(c.name, entry.name);
+    EXPECT_EQ(c.usable, entry.usable);
+    EXPECT_EQ(kZipBadArguments, directory.Entry(1, &entry));
+  }
+}
+
+TEST(ZipCoreNames, EntryNamesAreCleanedRoundAfterRoundUntilNoRuleApplies) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"plain/name.txt", "plain/name.txt"}, {"..\\..\\x.txt", "x.txt"}, {"C:\\x.txt", "x.txt"},
+      {"d/../../x", "../x"},  // kept: the rest starts with two dots and no rule applies
+      {"../x", "../x"}, {"..", ".."}, {"/abs/x", "abs/x"}, {"\\\\server\\share\\x", "server\\share\\x"},
+      {"C:C:/x", "x"}, {"a/..\\b/../c", "c"},
+      {"x/..\\..\\y", "..\\y"},  // the earliest sequence, not the first pattern
+      {"/a:/../x", "x"},         // drive, slash and sequence rules apply in that order each round
+      {"a..b/c..", "a..b/c.."}, {"", ""},
+  };
+  for (const auto& [name, cleaned] : cases) EXPECT_EQ(cleaned, CleanEntryName(name)) << name;
+}
+
+TEST(ZipCoreNames, OnlyOutputPathsThatStayInTheirFolderAndNameFilesArePassed) {
+  for (const char* path : {"C:\\t\\a.txt", "C:/t/sub/b.bin", "rel\\c", "C:\\t\\.\\d.txt", "\\\\server\\share\\e.txt",
+                           "C:\\t\\folder\\", "C:\\t\\x.y.z", "C:\\t\\console.txt", "C:\\t\\com10", "C:\\t\\.profile"}) {
+    EXPECT_EQ(kZipOk, CheckOutputPath(path)) << path;
+  }
+  for (const char* path :
+       {"C:\\t\\../x", "C:\\t\\..", "..\\x", "C:\\t\\a\\..\\..\\x", "C:\\t\\a.txt:stream", "C:\\t\\b:",
+        "C:\\t\\x:$DATA", "C:\\t\\CON", "C:\\t\\nul.txt", "C:\\t\\sub\\Aux", "C:\\t\\com1.log", "C:\\t\\LPT9",
+        "C:\\t\\prn .txt", "C:\\t\\conout$", "C:\\t\\COM\xB9", "C:\\t\\trail.", "C:\\t\\trail ", "C:\\t\\dir.\\f",
+        "C:\\t\\...", "C:\\t\\a*b", "C:\\t\\a?b", "C:\\t\\a|b", "C:\\t\\a<b", "C:\\t\\a\"b", "C:\\t\\tab\there",
+        "\\\\.\\PhysicalDrive0", "\\\\?\\C:\\t\\x", "//./nul", ""}) {
+    EXPECT_EQ(kZipNoFile, CheckOutputPath(path)) << path;
+  }
+  EXPECT_EQ(kZipNoFile, CheckOutputPath(nullptr));
+}
+
+TEST(ZipCoreNames, EveryResultCodeHasItsText) {
+  const std::vector<std::pair<ZipResult, std::string>> texts = {
+      {0x0, "Success"}, {0x100, "Culdn't duplicate handle"}, {0x200, "Couldn't create/open file"},
+      {0x300, "Failed to allocate memory"}, {0x400, "Error writing to file"}, {0x500, "File not found in the zipfile"},
+      {0x600, "Still more data to unzip"}, {0x700, "Zipfile is corrupt or not a zipfile"}, {0x800, "Error reading file"},
+      {0x1000, "Correct password required"}, {0x10000, "Caller: faulty arguments"},
+      {0x20000, "Caller: can only get memory of a memory zipfile"},
+      {0x30000, "Caller: not enough space allocated for memory zipfile"},
+      {0x40000, "Caller: there was a previous error"}, {0x50000, "Caller: additions to the zip have already been ended"},
+      {0x60000, "Zip-bug: the anticipated size turned out wrong"},
+      {0x70000, "Caller: the file had already been partially unzipped"},
+      {0x80000, "Caller: mixing creation and opening of zip"},
+      {0x1000000, "Zip-bug: internal initialisation not completed"},
+      {0x2000000, "Zip-bug: trying to seek the unseekable"}, {0x4000000, "Zip-bug: tried to change mind, but not allowed"},
+      {0x5000000, "Zip-bug: an internal error during flation"}, {0x2, "unknown zip result code"},
+      {0x701, "unknown zip result code"}};
+  for (const auto& [code, text] : texts) EXPECT_EQ(text, ZipResultText(code)) << std::hex << code;
 }
 
 }  // namespace

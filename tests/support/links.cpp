@@ -1,16 +1,10 @@
 #include "support/links.h"
 
+#include <algorithm>
+
 #include "util/scoped_handle.h"
 
 namespace dorvane::testing {
-
-std::wstring Wide(const std::string& text) {
-  std::wstring wide(text.size(), L'\0');
-  const int n = ::MultiByteToWideChar(CP_ACP, 0, text.data(), static_cast<int>(text.size()),
-                                      wide.data(), static_cast<int>(wide.size()));
-  wide.resize(n > 0 ? n : 0);
-  return wide;
-}
 
 namespace {
 
@@ -21,7 +15,10 @@ UnixFileNameFn WineUnixFileName() {
 }
 
 std::string UnixName(const std::string& path) {
-  char* name = WineUnixFileName()(Wide(path).c_str());
+  std::wstring wide(path.size(), L'\0');
+  wide.resize(static_cast<size_t>(std::max(0, ::MultiByteToWideChar(CP_ACP, 0, path.data(), static_cast<int>(path.size()),
+                                                                    wide.data(), static_cast<int>(wide.size())))));
+  char* name = WineUnixFileName()(wide.c_str());
   if (name == nullptr) return "";
   std::string out(name);
   ::HeapFree(::GetProcessHeap(), 0, name);
@@ -38,11 +35,6 @@ DWORD ListedAttributes(const std::string& path) {
   return entry ? found.dwFileAttributes : INVALID_FILE_ATTRIBUTES;
 }
 
-bool IsLinkAt(const std::string& path) {
-  const DWORD attributes = ::GetFileAttributesA(path.c_str());
-  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT);
-}
-
 // No Win32 call makes a Unix link, but Wine runs a Unix program named by its
 // Z: path (Z: is /). It hands back no process handle for it, so the link is
 // waited for.
@@ -52,16 +44,13 @@ bool MakeUnixLink(const std::string& link, const std::string& target) {
   STARTUPINFOA startup = {};
   startup.cb = sizeof startup;
   PROCESS_INFORMATION started = {};
-  if (!::CreateProcessA("Z:\\bin\\ln", command.data(), nullptr, nullptr, FALSE, 0, nullptr,
-                        nullptr, &startup, &started)) {
+  if (!::CreateProcessA("Z:\\bin\\ln", command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                        &started)) {
     return false;
   }
   const UniqueHandle process(started.hProcess), thread(started.hThread);
-  for (int i = 0; i < 250; ++i) {
-    if (ListedAttributes(link) != INVALID_FILE_ATTRIBUTES) return true;
-    ::Sleep(20);
-  }
-  return false;
+  for (int i = 0; i < 250 && ListedAttributes(link) == INVALID_FILE_ATTRIBUTES; ++i) ::Sleep(20);
+  return ListedAttributes(link) != INVALID_FILE_ATTRIBUTES;
 }
 
 }  // namespace dorvane::testing

@@ -14,17 +14,11 @@
 
 namespace dorvane::testing {
 
-// Narrow (ANSI) text as wide text.
-std::wstring Wide(const std::string& text);
-
 // True when running under Wine (its kernel32 exports wine_get_unix_file_name).
 bool UnderWine();
 
 // The attributes the folder listing gives for `path`, or INVALID_FILE_ATTRIBUTES.
 DWORD ListedAttributes(const std::string& path);
-
-// True when `path` carries the reparse-point attribute.
-bool IsLinkAt(const std::string& path);
 
 // Makes `link` a Unix symbolic link to `target` (under Wine only); true when
 // the link stands.

@@ -16,6 +16,8 @@ struct ZipItem {
   // Sizes and offset in a Zip64 extra field (all ones in the fixed fields).
   bool zip64 = false;
   uint16_t flags = 0;  // general purpose flags (0x0800: the name is UTF-8)
+  uint8_t host = 0;    // "made by" system: 0 MS-DOS, 3 Unix, 11 NTFS, 14 VFAT
+  std::string extra = "";  // more extra fields for the central header
 };
 
 // Where the records of a built archive start.
@@ -36,7 +38,7 @@ inline constexpr size_t kEndSizeField = 12;
 inline constexpr size_t kEndOffsetField = 16;
 
 // The archive bytes; with `zip64_end`, also the Zip64 end record and locator,
-// the classic end record then holding all ones.
+// the classic end record then holding all ones. `layout` is filled anew.
 std::string BuildZip(const std::vector<ZipItem>& items, bool zip64_end = false,
                      ZipLayout* layout = nullptr);
 
@@ -45,11 +47,11 @@ std::string BuildZip(const std::vector<ZipItem>& items, bool zip64_end = false,
 // at `dir_offset`, its locator, and the classic record holding all ones.
 std::string Zip64EndRecords(uint64_t at, uint64_t count, uint64_t dir_size, uint64_t dir_offset);
 
+// `value`'s low `bytes` bytes, little-endian.
+std::string Le(uint64_t value, size_t bytes);
 void PutLe16(std::string& bytes, size_t at, uint16_t value);
 void PutLe32(std::string& bytes, size_t at, uint32_t value);
 
-// Raw deflate data of `data`, as a zip entry holds it.
-std::string Deflate(const std::string& data);
 uint32_t Crc32(const std::string& data);
 
 }  // namespace dorvane::testing

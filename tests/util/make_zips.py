@@ -16,24 +16,15 @@ import subprocess
 import sys
 import zipfile
 
-
-def make_tree(root):
-    """A small firmware-like folder: text, an image larger than the reader's
-    buffers (half compressible, half noise), an empty file, nested folders."""
-    rng = random.Random(7)
-    files = {
-        "readme.txt": b"firmware package for tests\n" * 20,
-        "image.bin": b"".join(b"block %06d " % i for i in range(50000))
-        + bytes(rng.getrandbits(8) for _ in range(600000)),
-        "empty.txt": b"",
-        "sub/deeper/inner.txt": b"inner file\n",
-    }
-    for name, data in files.items():
-        path = os.path.join(root, name)
-        os.makedirs(os.path.dirname(path), exist_ok=True)
-        with open(path, "wb") as f:
-            f.write(data)
-    return files
+# A small firmware-like folder: text, an image larger than the reader's
+# buffers (half compressible, half noise), an empty file, nested folders.
+RNG = random.Random(7)
+FILES = {
+    "readme.txt": b"firmware package for tests\n" * 20,
+    "image.bin": b"".join(b"block %06d " % i for i in range(50000)) + bytes(RNG.getrandbits(8) for _ in range(600000)),
+    "empty.txt": b"",
+    "sub/deeper/inner.txt": b"inner file\n",
+}
 
 
 class Unseekable(io.RawIOBase):
@@ -50,25 +41,23 @@ class Unseekable(io.RawIOBase):
         return len(b)
 
 
-def python_archives(out, files):
+def python_archives(out):
+    stored, deflated = zipfile.ZIP_STORED, zipfile.ZIP_DEFLATED
     with zipfile.ZipFile(os.path.join(out, "python.zip"), "w") as z:
-        z.writestr("readme.txt", files["readme.txt"], zipfile.ZIP_STORED)
-        z.writestr("image.bin", files["image.bin"], zipfile.ZIP_DEFLATED)
-        z.writestr("empty.txt", b"", zipfile.ZIP_STORED)
-        z.writestr("empty-deflated.txt", b"", zipfile.ZIP_DEFLATED)
-        z.writestr("sub/", b"")
-        z.writestr("sub/deeper/inner.txt", files["sub/deeper/inner.txt"], zipfile.ZIP_DEFLATED)
-        z.writestr("caf\u00e9.txt", b"utf-8 name", zipfile.ZIP_STORED)  # flagged as UTF-8
+        for name, data, method in (("readme.txt", FILES["readme.txt"], stored), ("image.bin", FILES["image.bin"], deflated),
+                                   ("empty.txt", b"", stored), ("empty-deflated.txt", b"", deflated), ("sub/", b"", stored),
+                                   ("sub/deeper/inner.txt", FILES["sub/deeper/inner.txt"], deflated),
+                                   ("caf\u00e9.txt", b"utf-8 name", stored)):  # flagged as UTF-8
+            z.writestr(name, data, method)
     stream = Unseekable()
     with zipfile.ZipFile(stream, "w") as z:
-        z.writestr("readme.txt", files["readme.txt"], zipfile.ZIP_STORED)
-        z.writestr("image.bin", files["image.bin"], zipfile.ZIP_DEFLATED)
-        z.writestr("empty.txt", b"", zipfile.ZIP_DEFLATED)
+        for name, method in (("readme.txt", stored), ("image.bin", deflated), ("empty.txt", deflated)):
+            z.writestr(name, FILES[name], method)
     with open(os.path.join(out, "python-descriptors.zip"), "wb") as f:
         f.write(stream.data)
 
 
-def signature_archive(out, files):
+def signature_archive(out):
     """Names that hold the bytes of the Zip64 end-record and locator
     signatures, the last one ending right where a locator would sit: its
     comment (a name holds no NUL) completes a locator of one disk that points
@@ -78,7 +67,7 @@ def signature_archive(out, files):
 
     def write(locator_rest):
         with zipfile.ZipFile(path, "w") as z:
-            for name, data, comment in (("readme.txt", files["readme.txt"], b""),
+            for name, data, comment in (("readme.txt", FILES["readme.txt"], b""),
                                         ("zip64 PK\x06\x06 end.txt", b"record", b""),
                                         ("locator PK\x06\x07", b"locator", locator_rest)):
                 info = zipfile.ZipInfo(name, date_time=(2025, 1, 22, 12, 0, 0))
@@ -89,30 +78,31 @@ def signature_archive(out, files):
 
     # The comment's length fixes every position; its bytes move nothing.
     data = write(bytes(16))
-    pointed = data.rfind(b"PK\x06\x06", 0, data.rfind(b"PK\x01\x02"))
-    write(struct.pack("<IQI", 0, pointed, 1))
+    write(struct.pack("<IQI", 0, data.rfind(b"PK\x06\x06", 0, data.rfind(b"PK\x01\x02")), 1))
 
 
 def infozip_archives(out, src):
     names = ["readme.txt", "image.bin", "empty.txt", "sub/", "sub/deeper/", "sub/deeper/inner.txt"]
-    run = lambda args, **kw: subprocess.run(args, cwd=src, check=True, **kw)
-    # -fz: Zip64 extra fields and Zip64 end records although nothing needs them.
-    run(["zip", "-q", "-X", "-fz", os.path.join(out, "infozip-zip64.zip")] + names)
-    run(["zip", "-q", "-X", "-0", os.path.join(out, "infozip-stored.zip")] + names)
-    # Written to a pipe, zip cannot seek back: data descriptors.
-    piped = run(["zip", "-q", "-X", "-"] + names, stdout=subprocess.PIPE).stdout
-    with open(os.path.join(out, "infozip-piped.zip"), "wb") as f:
-        f.write(piped)
+    # -fz: Zip64 extra fields and end records although nothing needs them; -0:
+    # stored; to a pipe, zip cannot seek back: data descriptors.
+    for archive, options in (("infozip-zip64.zip", ["-fz"]), ("infozip-stored.zip", ["-0"]), ("infozip-piped.zip", [])):
+        piped = subprocess.run(["zip", "-q", "-X"] + options + ["-" if not options else os.path.join(out, archive)] + names,
+                               cwd=src, check=True, stdout=subprocess.PIPE).stdout
+        if not options:
+            with open(os.path.join(out, archive), "wb") as f:
+                f.write(piped)
 
 
 def main():
     out = os.path.abspath(sys.argv[1])
     shutil.rmtree(out, ignore_errors=True)
     src = os.path.join(out, "src")
-    os.makedirs(src)
-    files = make_tree(src)
-    python_archives(out, files)
-    signature_archive(out, files)
+    for name, data in FILES.items():
+        os.makedirs(os.path.dirname(os.path.join(src, name)), exist_ok=True)
+        with open(os.path.join(src, name), "wb") as f:
+            f.write(data)
+    python_archives(out)
+    signature_archive(out)
     infozip_archives(out, src)
     with open(os.path.join(out, "manifest.txt"), "w", encoding="utf-8", newline="\n") as m:
         for archive in sorted(n for n in os.listdir(out) if n.endswith(".zip")):

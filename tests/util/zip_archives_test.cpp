@@ -18,77 +18,56 @@
 namespace dorvane {
 namespace {
 
-struct Expected {
-  std::string name;
-  bool folder;
-  long long size;
-  uint32_t crc;
-};
-
-std::string FixtureDir() {
-  char self[MAX_PATH];
-  std::string dir(self, ::GetModuleFileNameA(nullptr, self, MAX_PATH));
-  return dir.substr(0, dir.find_last_of('\\')) + "\\zips\\";
-}
-
 // The manifest's names are UTF-8; the reader hands names out in the ANSI code page.
 std::string Ansi(const std::string& utf8) {
-  const int n = static_cast<int>(utf8.size());
   std::wstring wide(utf8.size(), L'\0');
-  wide.resize(static_cast<size_t>(::MultiByteToWideChar(CP_UTF8, 0, utf8.data(), n, &wide[0], n)));
-  const int w = static_cast<int>(wide.size());
-  std::string ansi(wide.size() * 2, '\0');
-  ansi.resize(static_cast<size_t>(
-      ::WideCharToMultiByte(CP_ACP, 0, wide.data(), w, &ansi[0], 2 * w, nullptr, nullptr)));
+  std::string ansi(utf8.size(), '\0');
+  wide.resize(::MultiByteToWideChar(CP_UTF8, 0, utf8.data(), static_cast<int>(utf8.size()), &wide[0], utf8.size()));
+  ansi.resize(::WideCharToMultiByte(CP_ACP, 0, wide.data(), static_cast<int>(wide.size()), &ansi[0],
+                                    static_cast<int>(ansi.size()), nullptr, nullptr));
   return ansi;
 }
 
-std::map<std::string, std::vector<Expected>> ReadManifest() {
-  std::map<std::string, std::vector<Expected>> archives;
-  std::ifstream in(FixtureDir() + "manifest.txt");
-  std::string line;
-  while (std::getline(in, line)) {
-    std::istringstream fields(line);
-    std::string archive, name, size, crc;
-    std::getline(fields, archive, '\t');
-    std::getline(fields, name, '\t');
-    std::getline(fields, size, '\t');
-    std::getline(fields, crc, '\t');
-    archives[archive].push_back({Ansi(name), size == "-", size == "-" ? 0 : std::stoll(size),
-                                 static_cast<uint32_t>(std::stoul(crc, nullptr, 16))});
-  }
-  return archives;
-}
-
 TEST(ZipArchivesFromOtherWriters, ListAndUnpackExactly) {
-  const auto archives = ReadManifest();
-  ASSERT_EQ(6u, archives.size()) << "made by the zip_archives.make fixture in " << FixtureDir();
+  char self[MAX_PATH];
+  std::string dir(self, ::GetModuleFileNameA(nullptr, self, MAX_PATH));
+  dir = dir.substr(0, dir.find_last_of('\\')) + "\\zips\\";
+  // Lines of archive, name, size ("-" for a folder) and CRC-32 in hex, in
+  // each archive's directory order.
+  std::map<std::string, std::vector<std::vector<std::string>>> archives;
+  std::ifstream manifest(dir + "manifest.txt");
+  for (std::string line, field; std::getline(manifest, line);) {
+    std::vector<std::string> fields;
+    for (std::istringstream in(line); std::getline(in, field, '\t');) fields.push_back(field);
+    archives[fields.at(0)].push_back(fields);
+  }
+  ASSERT_EQ(6u, archives.size()) << "made by the zip_archives.make fixture in " << dir;
   for (const auto& [archive, expected] : archives) {
     SCOPED_TRACE(archive);
     const std::string target = testing::MakeTempDir("archives") + "\\";
-    ZipHandle zip = OpenZip((FixtureDir() + archive).c_str());
-    ASSERT_NE(nullptr, zip);
+    ZipHandle zip = OpenZip((dir + archive).c_str());
     ZipEntry all;
     ASSERT_EQ(kZipOk, GetZipItem(zip, -1, &all));
     ASSERT_EQ(static_cast<int>(expected.size()), all.index);
     for (int i = 0; i < all.index; ++i) {
-      const Expected& e = expected[static_cast<size_t>(i)];
+      const std::string& name = expected[i][1];
+      const bool folder = expected[i][2] == "-";
       ZipEntry entry;
       ASSERT_EQ(kZipOk, GetZipItem(zip, i, &entry));
-      EXPECT_EQ(e.name, entry.name);
-      EXPECT_EQ(e.folder, (entry.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) << e.name;
+      EXPECT_EQ(Ansi(name), entry.name);
+      EXPECT_EQ(folder, (entry.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) << name;
       // Windows names hold no control characters, which the signatures' bytes
       // are: such an entry is unpacked under a stand-in name.
       std::string path = target + entry.name;
       std::replace_if(path.begin(), path.end(), [](char c) { return c > 0 && c < ' '; }, '_');
-      EXPECT_EQ(kZipOk, UnzipItem(zip, i, path.c_str())) << e.name;
-      if (e.folder) {
-        EXPECT_NE(0u, ::GetFileAttributesA(path.c_str()) & FILE_ATTRIBUTE_DIRECTORY) << e.name;
+      EXPECT_EQ(kZipOk, UnzipItem(zip, i, path.c_str())) << name;
+      if (folder) {
+        EXPECT_NE(0u, ::GetFileAttributesA(path.c_str()) & FILE_ATTRIBUTE_DIRECTORY) << name;
         continue;
       }
       const std::string bytes = testing::ReadFileBytes(path);
-      EXPECT_EQ(e.size, static_cast<long long>(bytes.size())) << e.name;
-      EXPECT_EQ(e.crc, testing::Crc32(bytes)) << e.name;
+      EXPECT_EQ(expected[i][2], std::to_string(bytes.size())) << name;
+      EXPECT_EQ(std::stoul(expected[i][3], nullptr, 16), testing::Crc32(bytes)) << name;
     }
     EXPECT_EQ(kZipOk, CloseZip(zip));
   }
