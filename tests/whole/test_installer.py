@@ -77,6 +77,11 @@ class Installer(winebox.BoxCase):
         self.assertInstalled(previous)
         before = self.box.read_log()
         self.assertEqual("banner", winebox.parse_log(before)[0].tag, "the log starts with the start banner")
+        # The install folder ends the machine's PATH: dorvanectl runs by its
+        # name in a new process.
+        self.assertEqual(path_before + [INSTALL_DIR.lower()], self.machine_path())
+        out = self.box.run(["cmd", "/c", "dorvanectl", "--version"])
+        self.assertEqual((0, "dorvanectl " + previous), (out.returncode, out.stdout.strip()), out.stderr)
 
         self.msiexec(0, "/i", msi)
         self.assertInstalled(version)
@@ -84,11 +89,7 @@ class Installer(winebox.BoxCase):
         self.assertTrue(after.startswith(before), "the old log lines are kept")
         self.assertEqual(2, [r.tag for r in winebox.parse_log(after)].count("banner"), "stopped, then started anew")
         self.assertEqual((1, 2), (self.box.log_messages().count(STOP_DONE), self.box.log_messages().count(START_DONE)))
-        # The install folder ends the machine's PATH: dorvanectl runs by its
-        # name in a new process.
         self.assertEqual(path_before + [INSTALL_DIR.lower()], self.machine_path())
-        out = self.box.run(["cmd", "/c", "dorvanectl", "--version"])
-        self.assertEqual((0, "dorvanectl " + version), (out.returncode, out.stdout.strip()), out.stderr)
         # Wine's sc has no "qc": the service's configuration from its key.
         config = self.reg("query", SERVICE_KEY).stdout
         self.assertRegex(config, r"\bType\s+REG_DWORD\s+0x10\b")          # own process
