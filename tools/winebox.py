@@ -138,13 +138,6 @@ class WineBox:
             path = os.path.join(path, next((n for n in names if n.lower() == part.lower()), part))
         return path
 
-    def map_drive(self, letter, unix_dir):
-        # Makes drive `letter` of the prefix the Unix folder `unix_dir`.
-        link = os.path.join(self.prefix, "dosdevices", letter.lower() + ":")
-        if os.path.lexists(link):
-            os.remove(link)
-        os.symlink(os.path.abspath(unix_dir), link)
-
     def put_file(self, source, windows_dir):
         os.makedirs(self.unix_path(windows_dir), exist_ok=True)
         shutil.copy(source, self.unix_path(windows_dir))
@@ -239,9 +232,6 @@ class Record:
     def millis(self):
         h, m, s, ms = (int(x) for x in self.stamp[6:].split(":"))
         return ((h * 60 + m) * 60 + s) * 1000 + ms
-
-    def __repr__(self):
-        return "%s%r" % (self.tag, self.message)
 
 
 def parse_log(data):

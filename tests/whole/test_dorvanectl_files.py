@@ -42,7 +42,7 @@ class Files(winebox.BoxCase):
     def setUpClass(cls):
         super().setUpClass()
         cls.scratch = os.path.join(winebox.ARGS.work, "files-scratch")
-        cls.box.map_drive("x", cls.scratch)
+        os.symlink(cls.scratch, os.path.join(cls.box.prefix, "dosdevices", "x:"))
         # A profile of another user, in the scratch drive, as the profile list
         # names every profile that a user has logged on with.
         cls.box.reg_add(PROFILE_LIST + "\\S-1-5-21-1-2-3-1001", "ProfileImagePath", "X:\\home\\bob")

@@ -24,15 +24,7 @@ NAMES = ["plain.txt", "C\u00f4te d'Ivoire.txt", "\u00c6r\u00f8/fil.txt", "na\u00
 WESTERN = [n for n in NAMES if all(ord(c) < 0x100 for c in n)]
 
 
-def in_cp437(name):
-    try:
-        name.encode("cp437")
-        return True
-    except UnicodeEncodeError:
-        return False
-
-
-OEM = [n for n in WESTERN if in_cp437(n)]  # "Ærø" has no ø in IBM 437
+OEM = [n for n in WESTERN if n.encode("cp437", "replace").decode("cp437") == n]  # "Ærø" has no ø in IBM 437
 
 
 def content(name):
