@@ -13,10 +13,12 @@ import collections
 import json
 import os
 import shutil
+import subprocess
 import sys
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
+import png  # noqa: E402
 import winebox  # noqa: E402
 from winebox import INSTALL_DIR, LOG_PATH, RUNNING, SERVICE_KEY, SERVICE_NAME, STOP_PENDING, STOPPED  # noqa: E402
 
@@ -275,6 +277,7 @@ class WithModem(ServiceCase):
                                      not r.message.startswith(HOME))
         self.assertEqual(dict(logged), {e["text"]: e["count"] for e in summary["errors"]})
         self.assertIn("Modem: 3 arrivals, 1 removal\n", self.ctl("log").stdout)
+        self.see_the_page()
         # Just after a rotation the backup stands alone until the next line.
         log = self.box.unix_path(LOG_PATH)
         os.rename(log, log + "bk")
@@ -283,6 +286,40 @@ class WithModem(ServiceCase):
         self.assertEqual([LOG_PATH + "bk"], [f["file"] for f in summary["summary"]["files"]])
         self.assertEqual([h["happening"] for h in found], [h["happening"] for h in rotated])
         os.rename(log + "bk", log)
+
+    def see_the_page(self):
+        # The log page as a person sees it: self-contained, rendered by Chromium
+        # into a picture whose lanes lie from top to bottom: service, modem,
+        # SIM, marks; the two runs span the 1000-pixel timeline.
+        self.assertEqual(0, self.ctl("log", "--html", "C:\\log.html").returncode)
+        html_path, shot_path = self.box.unix_path("C:\\log.html"), self.box.unix_path("C:\\log.png")
+        with open(html_path, encoding="utf-8") as f:
+            html = f.read()
+        for outside in ("<script", "src=", "href=", "@import", "url("):
+            self.assertNotIn(outside, html)
+        shot = subprocess.run(
+            ["chromium", "--headless", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
+             "--disable-background-networking", "--no-first-run", "--hide-scrollbars",
+             "--user-data-dir=" + self.box.unix_path("C:\\chromium-profile"), "--window-size=1200,900",
+             "--screenshot=" + shot_path, "file://" + html_path],
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=120)
+        self.assertTrue(os.path.exists(shot_path), shot.stdout.decode("latin-1")[-2000:])
+        _, _, rows = png.read_png(shot_path)
+        lanes = []
+        for colour in ("2e7d32", "1565c0", "8e24aa", "ef6c00"):
+            rgb = bytes.fromhex(colour)
+            at, x = [], 0
+            for y, row in enumerate(rows):
+                x = row.find(rgb)
+                while x >= 0:
+                    at += [(y, x // 3)] if x % 3 == 0 else []
+                    x = row.find(rgb, x + 1)
+            self.assertTrue(at, "no #%s in the picture" % colour)
+            lanes.append(at)
+        for upper, lower in zip(lanes, lanes[1:]):
+            self.assertLess(max(y for y, _ in upper), min(y for y, _ in lower))
+        span = max(x for _, x in lanes[0]) - min(x for _, x in lanes[0])
+        self.assertTrue(1000 - 4 < span < 1000 + 2, span)
 
     def test_4_churn_the_modem_comes_and_goes_while_the_sim_changes_from_two_processes(self):
         cycles = 500
