@@ -32,7 +32,7 @@
 // thread sleeps on until the test ends).
 //
 // DORVANE_LINT_SEED sets the seed (printed always), DORVANE_LINT_TABLES the
-// number of tables of each kind (default 40), DORVANE_LINT_ONLY=N runs table N
+// number of tables of each kind (default 30), DORVANE_LINT_ONLY=N runs table N
 // of each kind alone and DORVANE_LINT_VERBOSE=1 prints every table with its
 // findings and calls.
 #include <windows.h>
@@ -839,7 +839,7 @@ void LintDifferential::Run(Kind kind) {
   violations_ = 0;
   registry_now_.clear();
   seed_ = EnvNumber("DORVANE_LINT_SEED", 20240611);
-  const int tables = static_cast<int>(EnvNumber("DORVANE_LINT_TABLES", 40));
+  const int tables = static_cast<int>(EnvNumber("DORVANE_LINT_TABLES", 30));
   const int only = static_cast<int>(EnvNumber("DORVANE_LINT_ONLY", static_cast<uint64_t>(-1)));
   const ULONGLONG start = ::GetTickCount64();
   const size_t calls_before = calls_made_;
