@@ -11,8 +11,8 @@
 //   (b) every entry that lint is silent about answers for its own key, unless
 //       a warning or an error stands on its line, an ancestor's line, or the
 //       line of a sibling of an ancestor; so does every element inside it
-//       whose marks its answers carry (a firmware element's Count read as
-//       written). An ICCID range's own key is its min (or, when min does not
+//       whose marks its answers carry, and a DEVFirmware's Count of plain
+//       digits reads as written unless a finding stands on its line. An ICCID range's own key is its min (or, when min does not
 //       fall in the range, any ICCID asked that does); a "default" row
 //       answers for any key; selection-rule-by-mcc answers false for every
 //       key, so its entries are not judged;
@@ -23,7 +23,8 @@
 //
 // getEsimDisableType answers a number, not an entry: for (a), an element is
 // used when taking its keys away (SKUValue, MCCMNCValue renamed) changes an
-// answer; for (b), its own key must give the list's answer.
+// answer; for (b), its own key must give the list's answer (a SKU in any
+// case, as the SKU list is compared without regard to case).
 //
 // GetParamFirmwareBySku does not return for keys that are not under the first
 // SKU_GUID, so each of its calls gets a thread of its own, looked at when the
@@ -132,6 +133,12 @@ std::vector<std::string> QuotedList(const std::string& message, size_t at) {
     else break;
   }
   return items;
+}
+
+bool SameIgnoringCase(const std::string& a, const std::string& b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+           return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+         });
 }
 
 std::string Shown(const std::string& text) {
@@ -741,7 +748,7 @@ void LintDifferential::CheckSilent(TableRun& run) {
         case Lookup::kFwPackageInfo: break;
         case Lookup::kParamFirmwareBySku: if (c.entry_line != e.line) continue; break;
         case Lookup::kCfgPkInfo: if (!e.key || !e.key2 || c.a != *e.key || c.b != *e.key2) continue; break;
-        case Lookup::kEsimBySku: if (!e.key || c.a_null || !c.b_null || c.a != *e.key) continue; break;
+        case Lookup::kEsimBySku: if (!e.key || c.a_null || !c.b_null || !SameIgnoringCase(c.a, *e.key)) continue; break;
         case Lookup::kEsimByImsi: if (!e.key || !c.a_null || c.b_null || c.b != *e.key) continue; break;
         case Lookup::kUpdateScatter: if (c.a != ";" + e.key.value_or("") + ";" && c.a != kNoFlag) continue; break;
         default: if (!e.fallback && (!e.key || c.a != *e.key)) continue;
@@ -754,7 +761,7 @@ void LintDifferential::CheckSilent(TableRun& run) {
     std::string seen;
     for (const Call* c : own) {
       seen += "\n    " + Describe(*c);
-      if (e.lookup == Lookup::kEsimBySku) answered = answered || c->number == kEsimSkuBlackListed;
+      if (e.lookup == Lookup::kEsimBySku) answered = c->number == kEsimSkuBlackListed && (answered || c == own.front());
       else if (e.lookup == Lookup::kEsimByImsi) answered = answered || c->number == kEsimImsiBlackListed;
       else if (e.lookup == Lookup::kUpdateScatter) {
         // Rewritten to true by its own text, and to false by a selection without it.
@@ -773,7 +780,6 @@ void LintDifferential::CheckSilent(TableRun& run) {
   }
   // Elements inside an entry whose marks the entry's answer carries.
   for (const gen::Holder& h : t.holders) {
-    if (Excused(run, h.line) || failed.count(h.entry_line) > 0) continue;
     bool entry_answered = false, answered = false;
     std::string seen;
     for (const Call* c : own_calls[h.entry_line]) {
@@ -781,13 +787,14 @@ void LintDifferential::CheckSilent(TableRun& run) {
       const bool mine = c->lines.count(h.line) > 0;
       answered = answered || mine;
       entry_answered = entry_answered || std::any_of(c->lines.begin(), c->lines.end(), [&](int l) { return Within(run, l, h.entry_line); });
-      // A Count of plain digits that lint is silent about reads as written.
+      // A Count of plain digits that lint says nothing of on its line reads as written.
       const char* count = run.at.count(h.line) ? run.at.at(h.line)->Attribute("Count") : nullptr;
-      if (mine && c->lookup == Lookup::kCfgPkInfo && count != nullptr && std::strlen(count) < 10 &&
+      if (mine && c->lookup == Lookup::kCfgPkInfo && count != nullptr && run.spoken.count(h.line) == 0 && std::strlen(count) < 10 &&
           std::strspn(count, "0123456789") == std::strlen(count) && c->number != std::strtoul(count, nullptr, 10)) {
         Violation(run, "lint says nothing about the Count of " + Name(run, h.line) + ", yet " + Describe(*c));
       }
     }
+    if (Excused(run, h.line) || failed.count(h.entry_line) > 0) continue;
     if (entry_answered && !answered) {
       Violation(run, "lint says nothing about " + Name(run, h.line) + " in " + Name(run, h.entry_line) +
                          ", yet the entry's answers never come from it:" + seen);
