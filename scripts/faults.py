@@ -80,13 +80,13 @@ FAULTS = [
      "    if (table::KeyIs(item, key_name, key)) {\n"
      "      carrier_id = text == nullptr ? std::string() : std::string(text);\n      found = true;\n    }\n  }\n"
      "  return found;",
-     rx(r"^(RulesTest|MalformedTest|LintCarrierRules|LintDifferential|LintCleanLookups)\.", TABLES, DOC)),
+     rx(r"^(RulesTest|MalformedTest|LintDifferential)\.", TABLES, DOC)),
     ("iccid-max-bound", "ICCID range excludes its max", "config/carrier_rules.cpp",
      "value <= Tail(max, p);", "value < Tail(max, p);",
-     rx(r"^(RulesTest|LintIccid|LintIccidLookups|LintDifferential)\.", TABLES, DOC)),
+     rx(r"^(RulesTest|LintDifferential)\.", TABLES, DOC)),
     ("esim-sku-case", "SKU black list compared with case", "config/esim_region.cpp",
      'table::EqualsIgnoringCase(table::Attr(e, "SKUValue"), sku)', 'table::Attr(e, "SKUValue") == sku',
-     rx(r"^(RulesTableTest|LintEsim|LintSku|LintDifferential|LintCleanLookups)\.", TABLES, DOC)),
+     rx(r"^(RulesTableTest|LintDifferential)\.", TABLES, DOC)),
     ("device-config-last-match", "later ProductID row in another case wins", "config/device_config.cpp",
      "  for (XMLElement* row = table::FirstEntry(mapping, \"UniqueSkuID\"); row; row = table::NextEntry(row)) {\n"
      "    if (row->Attribute(\"ProductID\") != nullptr &&\n"
@@ -97,12 +97,12 @@ FAULTS = [
      "    if (row->Attribute(\"ProductID\") != nullptr &&\n"
      "        table::EqualsIgnoringCase(table::Attr(row, \"ProductID\"), product)) {\n"
      "      config_id = table::Attr(row, \"WwanDeviceConfigID\");\n      found = true;\n    }\n  }\n  return found;",
-     rx(r"^(DeviceConfigTest|LintDeviceConfig|LintDifferential|LintCleanLookups)\.", TABLES, DOC)),
+     rx(r"^(DeviceConfigTest|LintDifferential)\.", TABLES, DOC)),
     ("cfg-package-count", "package Count read from the Standard", "config/device_config.cpp",
      'LeadingDecimal(table::Attr(firmware, "Count"))', 'LeadingDecimal(table::Attr(standard, "Count"))',
-     rx(r"^(CfgPackageTest|LintImageMapping|LintDifferential)\.", TABLES, DOC)),
+     rx(r"^(CfgPackageTest|LintDifferential)\.", TABLES, DOC)),
     ("scatter-flag", "scatter writes the opposite flag", "config/scatter.cpp",
-     '? "true" : "false");', '? "false" : "true");', rx(r"^(ScatterTest|LintScatter)\.", TABLES, DOC)),
+     '? "true" : "false");', '? "false" : "true");', rx(r"^(ScatterTest|LintDifferential)\.", TABLES, DOC)),
     ("registry-32-bit-view", "registry read without the 32-bit view", "util/registry.cpp",
      "OpenKey(key_path, kRegReadAccess);", "OpenKey(key_path, KEY_READ);",
      rx(r"^(RegistryTest|DeviceConfigTest)\.", TABLES, DOC)),

@@ -1,9 +1,8 @@
 #!/usr/bin/env bash
 # Runs the lint differential test (tests/dorvanectl/lint_differential_test.cpp)
 # far longer than the test run does, in a Wine prefix of its own: TABLES random
-# tables of each kind (default 2000; the kinds whose lookups neither log nor
-# touch the registry twice as many), from SEED or a random seed, which it prints
-# first. A failure is repeated with DORVANE_LINT_SEED=SEED, and one table of it
+# tables of each kind (default 2000), from SEED or a random seed, which it
+# prints first. A failure is repeated with DORVANE_LINT_SEED=SEED, and one table of it
 # with DORVANE_LINT_ONLY=N as well (both printed with each violation).
 #
 #   scripts/lint-differential.sh [TABLES [SEED]]

@@ -22,22 +22,12 @@ namespace dorvane::lint::testing {
 
 // The library lookups that read the tables.
 enum class Lookup {
-  kCarrierIdByMccmnc,
-  kCarrierIdByMcc,
-  kCarrierIdByIccid,
-  kSelectionRuleByMcc,
-  kParamFirmwareByMcc,
-  kCarrierFirmware,
-  kOemFirmwareByModel,
-  kPackageInfoFirmware,
-  kFwPackageInfo,
-  kParamFirmwareBySku,
-  kDeviceConfigId,
-  kCfgPkInfo,
+  kCarrierIdByMccmnc, kCarrierIdByMcc, kCarrierIdByIccid, kSelectionRuleByMcc, kParamFirmwareByMcc,
+  kCarrierFirmware, kOemFirmwareByModel, kPackageInfoFirmware, kFwPackageInfo, kParamFirmwareBySku,
+  kDeviceConfigId, kCfgPkInfo,
   kEsimBySku,   // getEsimDisableType with a SKU
   kEsimByImsi,  // getEsimDisableType with an IMSI text
-  kRegulatoryByMcc,
-  kUpdateScatter,
+  kRegulatoryByMcc, kUpdateScatter,
 };
 
 // The dorvanectl command that runs the lookup, as lint's messages name it.
@@ -55,8 +45,7 @@ struct Entry {
   // A value written under a wrong attribute name (MCCMNC for mccmnc, ...),
   // worth asking for although the lookup does not read it there.
   std::optional<std::string> stray_key;
-  // An ICCID range's bounds.
-  std::optional<std::string> min, max;
+  std::optional<std::string> min, max;  // an ICCID range's bounds
   // A "default" row (package-info, region): answered for the keys that the
   // table does not hold.
   bool fallback = false;
@@ -90,8 +79,8 @@ struct GeneratedTable {
   std::vector<Holder> holders;
   std::vector<RegistrySlot> registry;
   // Keys to ask for besides the entries' own, made like the table's keys (so
-  // mostly keys that it does not hold): carrier ids, MCCs, product names...;
-  // for image-mapping the configuration ids met and one more.
+  // mostly keys that it does not hold); for image-mapping the configuration
+  // ids met and one more. Never empty for image-mapping and eSIM tables.
   std::vector<std::string> other_keys;
   // The inner keys to ask for: image-mapping's MCCs, eSIM network codes.
   std::vector<std::string> other_inner_keys;
