@@ -211,10 +211,13 @@ TEST(LoggerConcurrency, PeriodicCheckDuringWritesLosesAndTearsNothing) {
   });
   int checks = 0;
   while (running.load() > 0) {
+    // Read before the check: when every writer was already waiting, this
+    // check meets a closed log and rotates it once it has reached the size.
+    const bool all_paused = paused.load() == kThreads;
     log->Close();
     log->SetLogPath(path);
     ++checks;
-    if (paused.load() == kThreads) {
+    if (all_paused) {
       paused = 0;
       ++generation;
     }
