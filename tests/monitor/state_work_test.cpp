@@ -78,25 +78,21 @@ TEST(WorkerInit, EachEventFailureHasItsTextAndOnlySimChangeIsTolerated) {
   g_failing_event = -1;
 }
 
+// Lower events win; two SIM changes before a wait wake the worker once; STOP_EVENT
+// is taken last.
 TEST(WorkerLoop, LowerEventsWinAndStopIsTakenLast) {
   WorkerFixture f("priority");
   ASSERT_EQ(1u, f.worker->InitWork());
-  for (int i = CStateWork::kEventCount - 1; i >= 0; --i) ::SetEvent(f.worker->event(i));
+  for (int i : {CStateWork::RESUME_EVENT, CStateWork::SUSPEND_EVENT, CStateWork::STOP_EVENT}) {
+    ::SetEvent(f.worker->event(i));
+  }
+  SetSimChangeEvent(*f.worker, "OnInterfaceArrival", "");
+  SetSimChangeEvent(*f.worker, "OnInterfaceArrival", "");
+  ::SetEvent(f.worker->event(CStateWork::REG_CHANGE));
   f.worker->Loop();  // returns once STOP_EVENT is taken
-  EXPECT_EQ((std::vector<std::string>{kRegisterLine, kArrivalLine, kStopLine}), f.messages());
-}
-
-TEST(WorkerLoop, TwoSimChangesBeforeAWaitWakeTheWorkerOnce) {
-  WorkerFixture f("twice");
-  ASSERT_EQ(1u, f.worker->InitWork());
-  SetSimChangeEvent(*f.worker, "OnInterfaceArrival", "");
-  SetSimChangeEvent(*f.worker, "OnInterfaceArrival", "");
-  ::SetEvent(f.worker->event(CStateWork::STOP_EVENT));
-  f.worker->Loop();
-  const auto msgs = f.messages();
-  EXPECT_EQ(2, CountOf(msgs, "SetSimChangeEvent mccmnc:"));
-  EXPECT_EQ(1, CountOf(msgs, kArrivalLine));
-  EXPECT_EQ(kStopLine, msgs.back());
+  const std::vector<std::string> set = {"SetSimChangeEvent mccmnc:", "OnInterfaceArrival"};
+  EXPECT_EQ((std::vector<std::string>{set[0], set[1], set[0], set[1], kRegisterLine, kArrivalLine, kStopLine}),
+            f.messages());
 }
 
 TEST(WorkerLoop, SuspendThenResumeArriveThroughThePowerCallback) {

@@ -32,9 +32,9 @@ class SimFixture : public LogFixture {
   // Waits until the simulator has delivered every queued completion.
   void WaitIdle();
   // Every object handed out is released, no sink stays advised, nothing was
-  // released twice, and exactly `bad_unadvises` unadvises named a cookie the
-  // simulator never gave out (a refused call, counted apart from leaks).
-  void ExpectNothingLeft(DWORD bad_unadvises = 0);
+  // released twice (but `bad_releases`), and exactly `bad_unadvises` unadvises
+  // named a cookie the simulator never gave out (refused, counted apart from leaks).
+  void ExpectNothingLeft(DWORD bad_unadvises = 0, DWORD bad_releases = 0);
 };
 
 }  // namespace dorvane::testing

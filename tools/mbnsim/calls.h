@@ -4,8 +4,7 @@
 //
 // The simulator reads injections and delays only through a `Call` of this list
 // (ReadInjection, ReadDelay), so no call can honour a name that is not listed,
-// and mbnsimctl accepts exactly the listed names. The simulator test drives
-// every listed call through its COM interface and sees its injection honoured.
+// and mbnsimctl accepts exactly the listed names.
 //
 // The two managers share their connection point code; their calls are told
 // apart by a prefix: none for the interface manager, "DeviceServices." for the
