@@ -3,17 +3,13 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "log/logger.h"
 #include "support/log_reader.h"
+#include "support/simulator.h"
 #include "util/com_ptr.h"
 
 namespace dorvane {
 namespace {
-
-using testing::Messages;
-using testing::ReadLog;
 
 class SinkTest : public testing::LogFixture {
  protected:
@@ -35,14 +31,6 @@ class SinkTest : public testing::LogFixture {
     pending_->Collect(request_id, text, hex);
     return text;
   }
-  static SAFEARRAY* Bytes(const std::string& bytes) {
-    SAFEARRAY* a = ::SafeArrayCreateVector(VT_UI1, 0, static_cast<ULONG>(bytes.size()));
-    void* raw = nullptr;
-    ::SafeArrayAccessData(a, &raw);
-    std::memcpy(raw, bytes.data(), bytes.size());
-    ::SafeArrayUnaccessData(a);
-    return a;
-  }
   std::shared_ptr<PendingList> pending_ = std::make_shared<PendingList>();
   CrMbimServicesEvents* sink_ = nullptr;
 };
@@ -61,7 +49,7 @@ TEST_F(SinkTest, AcceptsOnlyItsEventInterfaceAndLogsItsLifetime) {
 TEST_F(SinkTest, OnlyTheFirstEntryWithTheRequestIdIsFilled) {
   AddPending(7);
   AddPending(7);
-  ScopedSafeArray data(Bytes("OK"));
+  ScopedSafeArray data(testing::ByteArray("OK"));
   EXPECT_EQ(S_OK, sink_->OnSetCommandComplete(nullptr, 1, data.get(), S_OK, 7));
   EXPECT_EQ(0u, sink_->WaitForSetEventFinish());
   // Collected in list order: the second entry's empty answer is taken last.
@@ -76,8 +64,8 @@ TEST_F(SinkTest, OnlyTheFirstEntryWithTheRequestIdIsFilled) {
 
 TEST_F(SinkTest, EachFragmentReplacesTheOneBeforeAndAllSignal) {
   AddPending(5);
-  ScopedSafeArray first(Bytes("\r\n+LONG"));
-  ScopedSafeArray second(Bytes(": 1\r\n"));
+  ScopedSafeArray first(testing::ByteArray("\r\n+LONG"));
+  ScopedSafeArray second(testing::ByteArray(": 1\r\n"));
   EXPECT_EQ(S_OK, sink_->OnSetCommandComplete(nullptr, 1, first.get(), S_OK, 5));
   EXPECT_EQ(S_OK, sink_->OnSetCommandComplete(nullptr, 1, second.get(), S_OK, 5));
   EXPECT_EQ(0u, sink_->WaitForSetEventFinish());
@@ -88,7 +76,7 @@ TEST_F(SinkTest, EachFragmentReplacesTheOneBeforeAndAllSignal) {
 TEST_F(SinkTest, ACompletionForACollectedEntryFindsNothing) {
   AddPending(9);
   EXPECT_EQ("", Answer(9)) << "the waiter gave up and took the entry";
-  ScopedSafeArray data(Bytes("late"));
+  ScopedSafeArray data(testing::ByteArray("late"));
   EXPECT_EQ(S_OK, sink_->OnSetCommandComplete(nullptr, 1, data.get(), S_OK, 9));
   EXPECT_EQ(1u, sink_->WaitForSetEventFinish()) << "no signal";
   EXPECT_EQ("OnSetCommandComplete-no-match-command", messages().at(2));
@@ -96,7 +84,7 @@ TEST_F(SinkTest, ACompletionForACollectedEntryFindsNothing) {
 
 TEST_F(SinkTest, UnusableCompletionsAreLoggedAndLeaveTheWaiterToItsTimeOut) {
   AddPending(3);
-  ScopedSafeArray data(Bytes("OK"));
+  ScopedSafeArray data(testing::ByteArray("OK"));
   EXPECT_EQ(S_FALSE, sink_->OnSetCommandComplete(nullptr, 1, data.get(), S_FALSE, 3));
   EXPECT_EQ(S_OK, sink_->OnSetCommandComplete(nullptr, 1, data.get(), S_OK, 4));
   EXPECT_EQ(1u, sink_->WaitForSetEventFinish());
@@ -116,7 +104,7 @@ TEST_F(SinkTest, UnusableCompletionsAreLoggedAndLeaveTheWaiterToItsTimeOut) {
 
 TEST_F(SinkTest, ResetTouchesOnlyTheOpenEvent) {
   AddPending(1);
-  ScopedSafeArray data(Bytes("x"));
+  ScopedSafeArray data(testing::ByteArray("x"));
   EXPECT_EQ(E_FAIL, sink_->OnOpenCommandSessionComplete(nullptr, E_FAIL, 99))
       << "any open completion releases the waiter and its status is handed back";
   sink_->OnSetCommandComplete(nullptr, 1, data.get(), S_OK, 1);

@@ -1,9 +1,11 @@
 #include "support/simulator.h"
 
 #include <windows.h>
+#include <objbase.h>
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 
 namespace dorvane::testing {
@@ -13,14 +15,12 @@ namespace {
 bool CallServer(const char* function) {
   char self[MAX_PATH];
   std::string dir(self, ::GetModuleFileNameA(nullptr, self, MAX_PATH));
-  dir = dir.substr(0, dir.find_last_of('\\'));
-  const std::string dll = dir + "\\..\\tools\\mbnsim\\mbnsim.dll";
+  const std::string dll = dir.substr(0, dir.find_last_of('\\')) + "\\..\\tools\\mbnsim\\mbnsim.dll";
   HMODULE module = ::LoadLibraryA(dll.c_str());
   EXPECT_NE(nullptr, module) << dll;
   if (module == nullptr) return false;
   auto fn = reinterpret_cast<HRESULT(__stdcall*)()>(
       reinterpret_cast<void*>(::GetProcAddress(module, function)));
-  EXPECT_NE(nullptr, fn) << function;
   const bool ok = fn != nullptr && fn() == S_OK;
   EXPECT_TRUE(ok) << function;
   ::FreeLibrary(module);
@@ -32,14 +32,15 @@ bool CallServer(const char* function) {
 bool RegisterSimulator() { return CallServer("DllRegisterServer"); }
 bool UnregisterSimulator() { return CallServer("DllUnregisterServer"); }
 
-}  // namespace dorvane::testing
-
-#include <objbase.h>
-
-#include "log/logger.h"
-#include "support/log_reader.h"
-
-namespace dorvane::testing {
+SAFEARRAY* ByteArray(const std::string& bytes) {
+  SAFEARRAY* array = ::SafeArrayCreateVector(VT_UI1, 0, static_cast<ULONG>(bytes.size()));
+  void* raw = nullptr;
+  if (array != nullptr && SUCCEEDED(::SafeArrayAccessData(array, &raw))) {
+    std::memcpy(raw, bytes.data(), bytes.size());
+    ::SafeArrayUnaccessData(array);
+  }
+  return array;
+}
 
 void SimFixture::SetUp() {
   ASSERT_TRUE(SUCCEEDED(::CoInitializeEx(nullptr, COINIT_MULTITHREADED)));

@@ -3,6 +3,9 @@
 // fixture for tests that run against it in this process.
 #pragma once
 
+#include <windows.h>
+#include <oleauto.h>
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -19,6 +22,9 @@ bool RegisterSimulator();
 // Runs the simulator's DllUnregisterServer: CoCreateInstance of the Mobile
 // Broadband classes fails again, as on a machine without the stack.
 bool UnregisterSimulator();
+
+// A VT_UI1 array of `bytes`, as AT commands and answers travel.
+SAFEARRAY* ByteArray(const std::string& bytes);
 
 // The simulator registered with a fresh scenario of one interface, this thread
 // in the multithreaded apartment, and the process's log in a new file.
