@@ -34,6 +34,13 @@ def rx(*parts):
     return "|".join(parts)
 
 
+def first_to_last(loop):
+    """A first-match loop and the same loop going on past each match, so the
+    last match wins: the (old, new) texts of a fault."""
+    return loop, ("  bool found = false;\n" +
+                  loop.replace("return true;", "found = true;").replace("  return false;", "  return found;"))
+
+
 # (id, what it breaks, file, old text (exactly once in the file), new text, ctest -R regex)
 FAULTS = [
     ("log-rotate-size", "log rotated only above 50 MiB, not at it", "log/logger.cpp",
@@ -69,17 +76,12 @@ FAULTS = [
     ("pending-last-match", "completion fills the last entry with its id", "mbim/services_events.cpp",
      "      entry = &candidate;\n      break;\n", "      entry = &candidate;\n", CHANNEL),
     ("carrier-last-match", "MCC-MNC/MCC item lookup: last match wins", "config/carrier_rules.cpp",
+     *first_to_last(
      "  for (XMLElement* item = table::FirstEntry(table, \"Item\"); item; item = table::NextEntry(item)) {\n"
      "    const char* text = item->GetText();  // read for every visited item, as deployed\n"
      "    if (table::KeyIs(item, key_name, key)) {\n"
      "      carrier_id = text == nullptr ? std::string() : std::string(text);\n      return true;\n    }\n  }\n"
-     "  return false;",
-     "  bool found = false;\n"
-     "  for (XMLElement* item = table::FirstEntry(table, \"Item\"); item; item = table::NextEntry(item)) {\n"
-     "    const char* text = item->GetText();  // read for every visited item, as deployed\n"
-     "    if (table::KeyIs(item, key_name, key)) {\n"
-     "      carrier_id = text == nullptr ? std::string() : std::string(text);\n      found = true;\n    }\n  }\n"
-     "  return found;",
+     "  return false;"),
      rx(r"^(RulesTest|MalformedTest|LintDifferential)\.", TABLES, DOC)),
     ("iccid-max-bound", "ICCID range excludes its max", "config/carrier_rules.cpp",
      "value <= Tail(max, p);", "value < Tail(max, p);",
@@ -88,15 +90,11 @@ FAULTS = [
      'table::EqualsIgnoringCase(table::Attr(e, "SKUValue"), sku)', 'table::Attr(e, "SKUValue") == sku',
      rx(r"^(RulesTableTest|LintDifferential)\.", TABLES, DOC)),
     ("device-config-last-match", "later ProductID row in another case wins", "config/device_config.cpp",
+     *first_to_last(
      "  for (XMLElement* row = table::FirstEntry(mapping, \"UniqueSkuID\"); row; row = table::NextEntry(row)) {\n"
      "    if (row->Attribute(\"ProductID\") != nullptr &&\n"
      "        table::EqualsIgnoringCase(table::Attr(row, \"ProductID\"), product)) {\n"
-     "      config_id = table::Attr(row, \"WwanDeviceConfigID\");\n      return true;\n    }\n  }\n  return false;",
-     "  bool found = false;\n"
-     "  for (XMLElement* row = table::FirstEntry(mapping, \"UniqueSkuID\"); row; row = table::NextEntry(row)) {\n"
-     "    if (row->Attribute(\"ProductID\") != nullptr &&\n"
-     "        table::EqualsIgnoringCase(table::Attr(row, \"ProductID\"), product)) {\n"
-     "      config_id = table::Attr(row, \"WwanDeviceConfigID\");\n      found = true;\n    }\n  }\n  return found;",
+     "      config_id = table::Attr(row, \"WwanDeviceConfigID\");\n      return true;\n    }\n  }\n  return false;"),
      rx(r"^(DeviceConfigTest|LintDifferential)\.", TABLES, DOC)),
     ("cfg-package-count", "package Count read from the Standard", "config/device_config.cpp",
      'LeadingDecimal(table::Attr(firmware, "Count"))', 'LeadingDecimal(table::Attr(standard, "Count"))',
