@@ -62,26 +62,6 @@ TEST_F(SinkTest, OnlyTheFirstEntryWithTheRequestIdIsFilled) {
   EXPECT_EQ(0u, pending_->size());
 }
 
-TEST_F(SinkTest, EachFragmentReplacesTheOneBeforeAndAllSignal) {
-  AddPending(5);
-  ScopedSafeArray first(testing::ByteArray("\r\n+LONG"));
-  ScopedSafeArray second(testing::ByteArray(": 1\r\n"));
-  EXPECT_EQ(S_OK, sink_->OnSetCommandComplete(nullptr, 1, first.get(), S_OK, 5));
-  EXPECT_EQ(S_OK, sink_->OnSetCommandComplete(nullptr, 1, second.get(), S_OK, 5));
-  EXPECT_EQ(0u, sink_->WaitForSetEventFinish());
-  EXPECT_EQ(": 1\r\n", Answer(5));
-  EXPECT_EQ(1u, sink_->WaitForSetEventFinish()) << "two signals before a wait count as one";
-}
-
-TEST_F(SinkTest, ACompletionForACollectedEntryFindsNothing) {
-  AddPending(9);
-  EXPECT_EQ("", Answer(9)) << "the waiter gave up and took the entry";
-  ScopedSafeArray data(testing::ByteArray("late"));
-  EXPECT_EQ(S_OK, sink_->OnSetCommandComplete(nullptr, 1, data.get(), S_OK, 9));
-  EXPECT_EQ(1u, sink_->WaitForSetEventFinish()) << "no signal";
-  EXPECT_EQ("OnSetCommandComplete-no-match-command", messages().at(2));
-}
-
 TEST_F(SinkTest, UnusableCompletionsAreLoggedAndLeaveTheWaiterToItsTimeOut) {
   AddPending(3);
   ScopedSafeArray data(testing::ByteArray("OK"));
