@@ -199,21 +199,6 @@ TEST_F(LintFileTest, Problems) {
             "with the same blank\n", Listing(read.findings));
 }
 
-TEST(LintFiles, StatusByTheLowestFailingSeverity) {
-  FileResult result;
-  EXPECT_EQ(0, result.Status(Severity::kNote)) << "no findings";
-  for (Severity found : {Severity::kNote, Severity::kWarning, Severity::kError}) {
-    SCOPED_TRACE(SeverityName(found));
-    result.findings = {{1, Severity::kNote, "n"}, {2, found, "f"}};
-    EXPECT_EQ(1, result.Status(Severity::kNote));
-    EXPECT_EQ(found >= Severity::kWarning ? 1 : 0, result.Status());
-    EXPECT_EQ(found == Severity::kError ? 1 : 0, result.Status(Severity::kError));
-    result.problem = "cannot read it";
-    EXPECT_EQ(2, result.Status(Severity::kNote)) << "a problem wins";
-    result.problem.clear();
-  }
-}
-
 // Tables wrapped around their parts: a rules table's MCC-MNC list, ICCID ranges.
 std::string Mccmnc(const std::string& items) {
   return "<Rules><SwitchingRule><SelectionRule><MCCTable><Item mcc='1'>a</Item></MCCTable>"
@@ -273,9 +258,6 @@ const Case kCases[] = {
          "<MDFirmware File='m' Ver='1' Type='MD' Count='1'/><OPFirmware File='o' Ver='1' Type='OP' Count='1'/></Carrier></CarrierList></F>",
      {"2: warning: CustModel id=\"X\" has no OEMFirmware: oem-firmware-by-model gives empty texts for its File, Ver, Type and Count",
       "3: warning: Carrier after the first CustModel (line 2) is walked as an entry by oem-firmware-by-model, which finds it under id=\"A\""}},
-    {Kind::kRegion, "<R><SelectionRule>\n<region mcc='460' Regulatory='SRRC'/></SelectionRule></R>", {"2: error: region mcc=\"460\" is never walked (the lookups follow Region, and compare element ... none, so it never finds this entry [unused]"}},
-    {Kind::kImageMapping, "<T><WwanDeviceConfigureIDToImageMappingTable>\n<WwanDeviceConfigId ID='C'/>"
-                          "</WwanDeviceConfigureIDToImageMappingTable></T>", {"2: error: WwanDeviceConfigId ID=\"C\" is never walked (the lookups follow WwanDeviceConfigID, ... none, so it never finds this entry [unused]"}},
     {Kind::kScatter, "<S><general/><storage_type><partition_index><is_download>true</is_download>\n"
                      "<is_download>false</is_download></partition_index></storage_type></S>", {"2: error: this is_download is never read: the lookups read only the first is_download of partition_index (line 1) [unused]"}},
     // A missing fixed element: what fails, what it logs.

@@ -2,9 +2,8 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstdio>
 #include <functional>
-#include <set>
+#include <sstream>
 #include <utility>
 
 #include "config/carrier_rules.h"
@@ -28,15 +27,9 @@ std::vector<int> AnswerLines(const std::string& text) {
 }
 
 std::string Numbered(const std::string& text) {
-  std::string out;
-  int line = 1;
-  for (size_t from = 0; from < text.size();) {
-    const size_t end = std::min(text.find('\n', from), text.size());
-    char number[16];
-    std::snprintf(number, sizeof number, "%4d| ", line++);
-    out += number + text.substr(from, end - from) + "\n";
-    from = end + 1;
-  }
+  std::istringstream in(text);
+  std::string out, line;
+  for (int n = 1; std::getline(in, line); ++n) out += std::string(n < 10 ? "   " : n < 100 ? "  " : " ") + std::to_string(n) + "| " + line + "\n";
   return out;
 }
 
@@ -413,7 +406,7 @@ struct Builder {
     if (r.Chance(s.shuffle)) std::shuffle(order.begin(), order.end(), std::mt19937(static_cast<unsigned>(r.Int(0, 1 << 30))));
     for (size_t i : order) Write(s.kids[i], here);
     if (!s.kids.empty()) w.Close();
-    e.line = slot.line = here.line;
+    e.line = here.line;
     if (s.lookup && read) t.entries.push_back(e);
     if (s.holder && read && up.entry_line > 0) t.holders.push_back({here.line, up.entry_line});
     if (s.special == Spec::kRegistry && attrs.back().second && attrs.back().second->front() != ',') t.registry.push_back(slot);  // readable somewhere
@@ -421,7 +414,7 @@ struct Builder {
 
   // A RegistryPath naming one of the test's values, mostly as the lookup reads it.
   std::optional<std::string> RegistryPath(RegistrySlot& slot) {
-    slot = {0, registry_root + "\\P" + std::to_string(r.Int(0, kRegistryKeys - 1)), "V" + std::to_string(r.Int(0, 5))};
+    slot = {registry_root + "\\P" + std::to_string(r.Int(0, kRegistryKeys - 1)), "V" + std::to_string(r.Int(0, 5))};
     std::optional<std::string> path = slot.key_path + "," + slot.value_name;
     const int roll = r.Int(0, 99);
     if (roll < 5) path = "HKEY_LOCAL_MACHINE\\" + *path;
