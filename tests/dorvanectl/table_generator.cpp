@@ -262,7 +262,7 @@ const Attrs kFw = {{"File", "fw_{L}.bin"}, {"Ver", "{L}"}, {"Type", "T{L}"}, {"C
 const Attrs kPack = {{"File", "fw_{L}.bin"}, {"Ver", "{L}"}}, kImage = {{"file", "fw_{L}.bin"}, {"ver", "{L}"}};
 
 Spec Items(const std::string& list, const char* key, Lookup lookup, double missing = 0.07, double twice = 0.05) {
-  return Spec(list).Copies(missing, twice, 0.04).Holds({Spec("Item").List(0, 5).Key(key, key[3] ? MccMnc : Mcc).Answers(lookup).Text()});
+  return Spec(list).Copies(missing, twice, 0.04).Holds({Spec("Item").List(0, 4).Key(key, key[3] ? MccMnc : Mcc).Answers(lookup).Text()});
 }
 Spec CarrierList(Spec entry) { return Spec("CarrierList").Copies(0.04, 0.04).Holds({entry.List(0, 5)}); }
 
@@ -293,14 +293,14 @@ Spec TableOf(Kind kind) {
           CarrierList(Spec("Carrier").Key("id", CarrierName).Answers(Lookup::kFwPackageInfo).With({{"ver", "{L}"}}, true)
               .Holds({Spec("FWImage").Firmware(kImage), Spec("CustPack").Firmware(kImage)}))});
     case Kind::kSku:
-      return Spec("Skus").Holds({Spec("SKU_GUID").List(1, 3, {"Sku"}).Key("ID", [](Rng& r) { return "{" + r.Word(8, r.Chance(0.2)) + "-" + r.Word(4, false) + "}"; }, 50)
+      return Spec("Skus").Holds({Spec("SKU_GUID").List(1, 2, {"Sku"}).Key("ID", [](Rng& r) { return "{" + r.Word(8, r.Chance(0.2)) + "-" + r.Word(4, false) + "}"; }, 50)
           .Holds({Spec("Area").List(1, 4).Key("ID", [](Rng& r) { return r.Word(2); }, 25).Inner().Answers(Lookup::kParamFirmwareBySku)
               .Holds({Spec("PARAMFirmware").Firmware(kFw)})})});
     case Kind::kDeviceConfig:
       return Spec("DeviceConfig").Holds({Spec("WwanDeviceConfigureIDTable").Copies(0.03, 0.03).Holds({
           Spec("CustProductNamePathToUniqueSkuID").Copies(0.04, 0).Flag("CombineMode", {"Single", "Combine", "single", "COMBINE", "Both", " Single", ""})
               .Holds({Spec("CustProductNamePath").List(0, 3).Is(Spec::kRegistry)}),
-          Spec("UniqueSkuIDToWwanDeviceConfigureIDMappingTable").Copies(0.04, 0.04).Holds({Spec("UniqueSkuID").List(0, 5, {"UniqueSkuId"})
+          Spec("UniqueSkuIDToWwanDeviceConfigureIDMappingTable").Copies(0.04, 0.04).Holds({Spec("UniqueSkuID").List(0, 4, {"UniqueSkuId"})
               .Key("ProductID", [](Rng& r) { return "Pad_" + r.Word(3); }).Answers(Lookup::kDeviceConfigId).With({{"WwanDeviceConfigID", "CFG-{L}"}}, true)})}, 0.2)});
     case Kind::kImageMapping:
       return Spec("ImageMapping").Holds({Spec("WwanDeviceConfigureIDToImageMappingTable").Copies(0.03, 0.03).Holds({Spec("WwanDeviceConfigID")
