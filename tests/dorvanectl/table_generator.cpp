@@ -216,32 +216,33 @@ std::string CarrierName(Rng& r) { return r.Word(r.Int(3, 4)); }
 // Copies(missing, twice) times, a copy now and then under a misnamed name, and
 // a misnamed one alone now and then when it is missing; a list's entries (List)
 // come with misnamed ones among them (see List above).
-struct Spec {
-  enum Special { kNone, kIccid, kRegistry };
-  explicit Spec(std::string element) : name(std::move(element)) {}
-  Spec& Copies(double missing, double twice, double misnamed = 0) { none = missing, two = twice, alt = misnamed; return *this; }
-  Spec& List(int from, int to, std::vector<std::string> near_names = {}) { least = from, most = to, near = std::move(near_names); return *this; }
-  // Keyed by `attribute`, with keys that `fresh` makes; `defaults` in a
-  // hundred keys are "default" or a case variant of it.
-  Spec& Key(const char* attribute, Fresh fresh_key, int repeat = 11, int default_rows = 0) {
+struct Shape {
+  enum Custom { kNone, kIccid, kRegistry };  // written by code of its own: an ICCIDTable, a CustProductNamePath
+  explicit Shape(std::string element) : name(std::move(element)) {}
+  Shape& Copies(double missing, double twice, double misnamed = 0) { none = missing, two = twice, alt = misnamed; return *this; }
+  Shape& List(int from, int to, std::vector<std::string> near_names = {}) { least = from, most = to, near = std::move(near_names); return *this; }
+  // Keyed by `attribute`, with keys that `fresh_key` makes; `repeat` in a
+  // hundred keys repeat an earlier one, `default_rows` are "default" or a
+  // case variant of it.
+  Shape& Key(const char* attribute, Fresh fresh_key, int repeat = 11, int default_rows = 0) {
     key = attribute, fresh = std::move(fresh_key), repeats = repeat, defaults = default_rows;
     return *this;
   }
-  Spec& Answers(Lookup l) { lookup = l; return *this; }
+  Shape& Answers(Lookup l) { lookup = l; return *this; }
   // Its keys are the inner keys of the keyed entry around it, if any, and
   // asked as other inner keys.
-  Spec& Inner() { inner = true; return *this; }
+  Shape& Inner() { inner = true; return *this; }
   // "{L}" marks the element's line; "Count" takes a count. Sloppy ones are
   // now and then left out or written in another case.
-  Spec& With(Attrs a, bool careless = false) { attrs = std::move(a), sloppy = careless; return *this; }
+  Shape& With(Attrs a, bool careless = false) { attrs = std::move(a), sloppy = careless; return *this; }
   // The attribute (or the text, when null) reads one of `texts`, mostly one of the first two.
-  Spec& Flag(const char* attribute, std::vector<std::string> texts) { flag = attribute, flags = std::move(texts); return *this; }
-  Spec& Text(std::optional<std::string> fixed = std::nullopt) { answer = !fixed, text = std::move(fixed); return *this; }
+  Shape& Flag(const char* attribute, std::vector<std::string> texts) { flag = attribute, flags = std::move(texts); return *this; }
+  Shape& Text(std::optional<std::string> fixed = std::nullopt) { answer = !fixed, text = std::move(fixed); return *this; }
   // A firmware element: the attributes a lookup copies out of it, all marked
   // but Count; one marked always there, so that an answer tells its line.
-  Spec& Firmware(Attrs a) { holder = true; return Copies(0.05, 0.05).With(std::move(a), true); }
-  Spec& Holds(std::vector<Spec> children, double shuffled = 0) { kids = std::move(children), shuffle = shuffled; return *this; }
-  Spec& Is(Special s) { special = s; return *this; }
+  Shape& Firmware(Attrs a) { holder = true; return Copies(0.05, 0.05).With(std::move(a), true); }
+  Shape& Holds(std::vector<Shape> children, double shuffled = 0) { kids = std::move(children), shuffle = shuffled; return *this; }
+  Shape& Is(Custom s) { custom = s; return *this; }
 
   std::string name;
   double none = 0, two = 0, alt = 0, shuffle = 0;
@@ -254,74 +255,74 @@ struct Spec {
   bool inner = false, sloppy = false, holder = false, answer = false;
   Attrs attrs;
   std::optional<std::string> text;
-  std::vector<Spec> kids;
-  Special special = kNone;
+  std::vector<Shape> kids;
+  Custom custom = kNone;
 };
 
 const Attrs kFw = {{"File", "fw_{L}.bin"}, {"Ver", "{L}"}, {"Type", "T{L}"}, {"Count", ""}};
 const Attrs kPack = {{"File", "fw_{L}.bin"}, {"Ver", "{L}"}}, kImage = {{"file", "fw_{L}.bin"}, {"ver", "{L}"}};
 
-Spec Items(const std::string& list, const char* key, Lookup lookup, double missing = 0.07, double twice = 0.05) {
-  return Spec(list).Copies(missing, twice, 0.04).Holds({Spec("Item").List(0, 4).Key(key, key[3] ? MccMnc : Mcc).Answers(lookup).Text()});
+Shape Items(const std::string& list, const char* key, Lookup lookup, double missing = 0.07, double twice = 0.05) {
+  return Shape(list).Copies(missing, twice, 0.04).Holds({Shape("Item").List(0, 4).Key(key, key[3] ? MccMnc : Mcc).Answers(lookup).Text()});
 }
-Spec CarrierList(Spec entry) { return Spec("CarrierList").Copies(0.04, 0.04).Holds({entry.List(0, 5)}); }
+Shape CarrierList(Shape entry) { return Shape("CarrierList").Copies(0.04, 0.04).Holds({entry.List(0, 5)}); }
 
 // Every kind's table.
-Spec TableOf(Kind kind) {
+Shape TableOf(Kind kind) {
   switch (kind) {
     case Kind::kCarrierRules:
-      return Spec("Rules").Holds({Spec("SwitchingRule").Copies(0.04, 0.04).Holds({
-          Spec("SelectionRule").Copies(0.04, 0.05).Holds({Items("MCCMNCTable", "mccmnc", Lookup::kCarrierIdByMccmnc),
-              Items("MCCTable", "mcc", Lookup::kCarrierIdByMcc), Spec("ICCIDTable").Copies(0.07, 0.05, 0.03).Is(Spec::kIccid)}, 0.15),
-          Spec("Registered").List(0, 4).Key("mcc", Mcc).Answers(Lookup::kParamFirmwareByMcc).Holds({Spec("PARAMFirmware").Firmware(kFw)})}, 0.15),
+      return Shape("Rules").Holds({Shape("SwitchingRule").Copies(0.04, 0.04).Holds({
+          Shape("SelectionRule").Copies(0.04, 0.05).Holds({Items("MCCMNCTable", "mccmnc", Lookup::kCarrierIdByMccmnc),
+              Items("MCCTable", "mcc", Lookup::kCarrierIdByMcc), Shape("ICCIDTable").Copies(0.07, 0.05, 0.03).Is(Shape::kIccid)}, 0.15),
+          Shape("Registered").List(0, 4).Key("mcc", Mcc).Answers(Lookup::kParamFirmwareByMcc).Holds({Shape("PARAMFirmware").Firmware(kFw)})}, 0.15),
           Items("SelectionRule", "mcc", Lookup::kSelectionRuleByMcc, 0.4, 0)}, 0.2);
-    case Kind::kSelectionRules: return Spec("Rules").Holds({Items("SelectionRule", "mcc", Lookup::kSelectionRuleByMcc, 0.04, 0.06)});
+    case Kind::kSelectionRules: return Shape("Rules").Holds({Items("SelectionRule", "mcc", Lookup::kSelectionRuleByMcc, 0.04, 0.06)});
     case Kind::kCarrierFirmware:
-      return Spec("Firmware").Holds({CarrierList(Spec("Carrier").Key("id", CarrierName).Answers(Lookup::kCarrierFirmware).Holds(
-          {Spec("APFirmware").Firmware(kFw), Spec("MDFirmware").Firmware(kFw), Spec("OPFirmware").Firmware(kFw)}))});
+      return Shape("Firmware").Holds({CarrierList(Shape("Carrier").Key("id", CarrierName).Answers(Lookup::kCarrierFirmware).Holds(
+          {Shape("APFirmware").Firmware(kFw), Shape("MDFirmware").Firmware(kFw), Shape("OPFirmware").Firmware(kFw)}))});
     case Kind::kCustomerModel: {
-      const Spec sw = Spec("Switch_table").Firmware({{"File", "sw_{L}.xml"}}).Copies(0.5, 0);  // inside OEMFirmware, or beside it
-      return Spec("Models").Holds({CarrierList(Spec("CustModel").Key("id", CarrierName).Answers(Lookup::kOemFirmwareByModel).Holds(
-          {Spec("OEMFirmware").Firmware(kFw).Holds({sw}), Spec(sw).Copies(0.94, 0)}))});
+      const Shape sw = Shape("Switch_table").Firmware({{"File", "sw_{L}.xml"}}).Copies(0.5, 0);  // inside OEMFirmware, or beside it
+      return Shape("Models").Holds({CarrierList(Shape("CustModel").Key("id", CarrierName).Answers(Lookup::kOemFirmwareByModel).Holds(
+          {Shape("OEMFirmware").Firmware(kFw).Holds({sw}), Shape(sw).Copies(0.94, 0)}))});
     }
     case Kind::kPackageInfo:
-      return Spec("PackageInfo").Holds({CarrierList(Spec("Carrier").Key("id", [](Rng& r) { return r.Chance(0.5) ? Mcc(r) : CarrierName(r); }, 11, 17)
-          .Answers(Lookup::kPackageInfoFirmware).Holds({Spec("Firmware").Firmware(kPack), Spec("CustPack").Firmware(kPack)}))});
+      return Shape("PackageInfo").Holds({CarrierList(Shape("Carrier").Key("id", [](Rng& r) { return r.Chance(0.5) ? Mcc(r) : CarrierName(r); }, 11, 17)
+          .Answers(Lookup::kPackageInfoFirmware).Holds({Shape("Firmware").Firmware(kPack), Shape("CustPack").Firmware(kPack)}))});
     case Kind::kFwPackageInfo:
-      return Spec("FwPackage").Holds({Spec("PackageVer").Copies(0.04, 0.05).Answers(Lookup::kFwPackageInfo).Text(),
-          Spec("PackageType").Copies(0.04, 0.05).Answers(Lookup::kFwPackageInfo).Text(),
-          CarrierList(Spec("Carrier").Key("id", CarrierName).Answers(Lookup::kFwPackageInfo).With({{"ver", "{L}"}}, true)
-              .Holds({Spec("FWImage").Firmware(kImage), Spec("CustPack").Firmware(kImage)}))});
+      return Shape("FwPackage").Holds({Shape("PackageVer").Copies(0.04, 0.05).Answers(Lookup::kFwPackageInfo).Text(),
+          Shape("PackageType").Copies(0.04, 0.05).Answers(Lookup::kFwPackageInfo).Text(),
+          CarrierList(Shape("Carrier").Key("id", CarrierName).Answers(Lookup::kFwPackageInfo).With({{"ver", "{L}"}}, true)
+              .Holds({Shape("FWImage").Firmware(kImage), Shape("CustPack").Firmware(kImage)}))});
     case Kind::kSku:
-      return Spec("Skus").Holds({Spec("SKU_GUID").List(1, 2, {"Sku"}).Key("ID", [](Rng& r) { return "{" + r.Word(8, r.Chance(0.2)) + "-" + r.Word(4, false) + "}"; }, 50)
-          .Holds({Spec("Area").List(1, 4).Key("ID", [](Rng& r) { return r.Word(2); }, 25).Inner().Answers(Lookup::kParamFirmwareBySku)
-              .Holds({Spec("PARAMFirmware").Firmware(kFw)})})});
+      return Shape("Skus").Holds({Shape("SKU_GUID").List(1, 2, {"Sku"}).Key("ID", [](Rng& r) { return "{" + r.Word(8, r.Chance(0.2)) + "-" + r.Word(4, false) + "}"; }, 50)
+          .Holds({Shape("Area").List(1, 4).Key("ID", [](Rng& r) { return r.Word(2); }, 25).Inner().Answers(Lookup::kParamFirmwareBySku)
+              .Holds({Shape("PARAMFirmware").Firmware(kFw)})})});
     case Kind::kDeviceConfig:
-      return Spec("DeviceConfig").Holds({Spec("WwanDeviceConfigureIDTable").Copies(0.03, 0.03).Holds({
-          Spec("CustProductNamePathToUniqueSkuID").Copies(0.04, 0).Flag("CombineMode", {"Single", "Combine", "single", "COMBINE", "Both", " Single", ""})
-              .Holds({Spec("CustProductNamePath").List(0, 3).Is(Spec::kRegistry)}),
-          Spec("UniqueSkuIDToWwanDeviceConfigureIDMappingTable").Copies(0.04, 0.04).Holds({Spec("UniqueSkuID").List(0, 4, {"UniqueSkuId"})
+      return Shape("DeviceConfig").Holds({Shape("WwanDeviceConfigureIDTable").Copies(0.03, 0.03).Holds({
+          Shape("CustProductNamePathToUniqueSkuID").Copies(0.04, 0).Flag("CombineMode", {"Single", "Combine", "single", "COMBINE", "Both", " Single", ""})
+              .Holds({Shape("CustProductNamePath").List(0, 3).Is(Shape::kRegistry)}),
+          Shape("UniqueSkuIDToWwanDeviceConfigureIDMappingTable").Copies(0.04, 0.04).Holds({Shape("UniqueSkuID").List(0, 4, {"UniqueSkuId"})
               .Key("ProductID", [](Rng& r) { return "Pad_" + r.Word(3); }).Answers(Lookup::kDeviceConfigId).With({{"WwanDeviceConfigID", "CFG-{L}"}}, true)})}, 0.2)});
     case Kind::kImageMapping:
-      return Spec("ImageMapping").Holds({Spec("WwanDeviceConfigureIDToImageMappingTable").Copies(0.03, 0.03).Holds({Spec("WwanDeviceConfigID")
-          .List(0, 4, {"WwanDeviceConfigId"}).Key("ID", [](Rng& r) { return "CFG-" + r.Word(2); }).Holds({Spec("Standard").List(0, 4)
-              .Key("Value", Mcc, 25).Inner().Answers(Lookup::kCfgPkInfo).Holds({Spec("DEVFirmware").Firmware(kFw)})})})});
+      return Shape("ImageMapping").Holds({Shape("WwanDeviceConfigureIDToImageMappingTable").Copies(0.03, 0.03).Holds({Shape("WwanDeviceConfigID")
+          .List(0, 4, {"WwanDeviceConfigId"}).Key("ID", [](Rng& r) { return "CFG-" + r.Word(2); }).Holds({Shape("Standard").List(0, 4)
+              .Key("Value", Mcc, 25).Inner().Answers(Lookup::kCfgPkInfo).Holds({Shape("DEVFirmware").Firmware(kFw)})})})});
     case Kind::kEsim:
-      return Spec("EsimTable").Holds({Spec("TableEnableFlag").Copies(0.04, 0.05).Flag("FlagValue", {"True", "true", "TRUE", "False", "false", "Yes", " True", ""}),
-          Spec("SKU_BlackList").Copies(0.08, 0.05, 0.03).Holds({Spec("SKU").List(0, 4, {"Sku"})
+      return Shape("EsimTable").Holds({Shape("TableEnableFlag").Copies(0.04, 0.05).Flag("FlagValue", {"True", "true", "TRUE", "False", "false", "Yes", " True", ""}),
+          Shape("SKU_BlackList").Copies(0.08, 0.05, 0.03).Holds({Shape("SKU").List(0, 4, {"Sku"})
               .Key("SKUValue", [](Rng& r) { return "X" + r.Digits(2) + "-" + r.Word(2); }).Answers(Lookup::kEsimBySku)}),
-          Spec("IMSI_BlackList").Copies(0.08, 0.05, 0.03).Holds({Spec("MCCMNC").List(0, 4, {"MccMnc"}).Key("MCCMNCValue", MccMnc).Inner()
+          Shape("IMSI_BlackList").Copies(0.08, 0.05, 0.03).Holds({Shape("MCCMNC").List(0, 4, {"MccMnc"}).Key("MCCMNCValue", MccMnc).Inner()
               .Answers(Lookup::kEsimByImsi)})}, 0.2);
     case Kind::kRegion:
-      return Spec("RegionTable").Holds({Spec("SelectionRule").Copies(0.03, 0.05).Holds({Spec("Region").List(0, 5, {"region"})
+      return Shape("RegionTable").Holds({Shape("SelectionRule").Copies(0.03, 0.05).Holds({Shape("Region").List(0, 5, {"region"})
           .Key("mcc", Mcc, 11, 18).Answers(Lookup::kRegulatoryByMcc).With({{"Regulatory", "R{L}"}}, true)})});
     case Kind::kScatter:
-      return Spec("scatter").Holds({Spec("general").Copies(0.04, 0).Holds({Spec("platform").Text("X55")}),
-          Spec("storage_type").Copies(0.04, 0.04).With({{"name", "EMMC"}}).Holds({Spec("partition_index").List(0, 5).With({{"n", "{L}"}, {"name", "SYS{L}"}})
-              .Holds({Spec("partition_name").Text("part"), Spec("is_download").Copies(0.06, 0.05).With({{"n", "{L}"}}).Answers(Lookup::kUpdateScatter)
+      return Shape("scatter").Holds({Shape("general").Copies(0.04, 0).Holds({Shape("platform").Text("X55")}),
+          Shape("storage_type").Copies(0.04, 0.04).With({{"name", "EMMC"}}).Holds({Shape("partition_index").List(0, 5).With({{"n", "{L}"}, {"name", "SYS{L}"}})
+              .Holds({Shape("partition_name").Text("part"), Shape("is_download").Copies(0.06, 0.05).With({{"n", "{L}"}}).Answers(Lookup::kUpdateScatter)
                   .Flag(nullptr, {"true", "false", "", " true", "TRUE", "yes", "md1"})})})}, 0.1);
   }
-  return Spec("none");
+  return Shape("none");
 }
 
 // What the element around another holds: its line, the entry it belongs to,
@@ -338,21 +339,21 @@ struct Builder {
   std::string registry_root;
   Writer w;
   GeneratedTable t;
-  std::vector<std::pair<const Spec*, Keys>> families;  // a Spec's keys, over all its copies
+  std::vector<std::pair<const Shape*, Keys>> families;  // a Shape's keys, over all its copies
 
-  Keys& Family(const Spec& s) {
-    for (auto& [spec, keys] : families) {
-      if (spec == &s) return keys;
+  Keys& Family(const Shape& s) {
+    for (auto& [shape, keys] : families) {
+      if (shape == &s) return keys;
     }
     return families.emplace_back(&s, Keys(s.fresh, s.repeats)).second;
   }
 
-  void Families(const Spec& s) {
+  void Families(const Shape& s) {
     if (s.key) Family(s);
-    for (const Spec& k : s.kids) Families(k);
+    for (const Shape& k : s.kids) Families(k);
   }
 
-  void Write(const Spec& s, const Around& up) {
+  void Write(const Shape& s, const Around& up) {
     if (s.most >= 0) return ::dorvane::lint::testing::List(r, s.name, s.near, r.Int(s.least, s.most), [&](const std::string& n, bool proper) { One(s, n, proper, true, up); });
     int copies = r.Copies(s.none, s.two);
     if (copies == 0 && s.none > 0 && r.Chance(s.none < 0.3 ? 0.5 : 0.05)) One(s, Misnamed(r, s.name, {}), false, false, up);
@@ -364,8 +365,8 @@ struct Builder {
 
   // One element of `s`, written as `name`; `read`: the lookups read it (when
   // its parent is).
-  void One(const Spec& s, const std::string& name, bool proper, bool read, const Around& up) {
-    if (s.special == Spec::kIccid) return IccidTable(name);
+  void One(const Shape& s, const std::string& name, bool proper, bool read, const Around& up) {
+    if (s.custom == Shape::kIccid) return IccidTable(name);
     static const std::vector<std::string> kCounts = {"1", "2", "03", "12", "0", "12x", "x", "4294967296", ""};
     Entry e;
     e.lookup = s.lookup.value_or(Lookup::kCarrierIdByMccmnc);
@@ -398,7 +399,7 @@ struct Builder {
       else text = e.key;
     }
     RegistrySlot slot;
-    if (s.special == Spec::kRegistry) attrs.push_back({"RegistryPath", RegistryPath(slot)});
+    if (s.custom == Shape::kRegistry) attrs.push_back({"RegistryPath", RegistryPath(slot)});
     here.line = s.kids.empty() ? w.Leaf(name, attrs, text) : w.Open(name, attrs);
     if (s.lookup) here.entry_line = here.line;
     std::vector<size_t> order;
@@ -409,7 +410,7 @@ struct Builder {
     e.line = here.line;
     if (s.lookup && read) t.entries.push_back(e);
     if (s.holder && read && up.entry_line > 0) t.holders.push_back({here.line, up.entry_line});
-    if (s.special == Spec::kRegistry && attrs.back().second && attrs.back().second->front() != ',') t.registry.push_back(slot);  // readable somewhere
+    if (s.custom == Shape::kRegistry && attrs.back().second && attrs.back().second->front() != ',') t.registry.push_back(slot);  // readable somewhere
   }
 
   // A RegistryPath naming one of the test's values, mostly as the lookup reads it.
@@ -506,16 +507,16 @@ struct Builder {
 
 GeneratedTable GenerateTable(Kind kind, std::mt19937& rng, const std::string& registry_root) {
   Builder b(kind, rng, registry_root);
-  const Spec table = TableOf(kind);
+  const Shape table = TableOf(kind);
   if (kind == Kind::kScatter) b.w.Line("<?xml version=\"1.0\" encoding=\"utf-8\"?>", 0);
   b.Families(table);
   b.One(table, table.name, true, true, {});
   // A key to ask for that the table does not hold from each list; the keys met of lists
   // without a lookup of their own, and of inner lists.
-  for (auto& [spec, keys] : b.families) {
-    std::vector<std::string>& to = spec->inner ? b.t.other_inner_keys : b.t.other_keys;
+  for (auto& [shape, keys] : b.families) {
+    std::vector<std::string>& to = shape->inner ? b.t.other_inner_keys : b.t.other_keys;
     to.push_back(keys.Fresh(b.r));
-    if (spec->inner || !spec->lookup) to.insert(to.end(), keys.used.begin(), keys.used.end());
+    if (shape->inner || !shape->lookup) to.insert(to.end(), keys.used.begin(), keys.used.end());
   }
   b.t.xml = b.w.xml();
   return b.t;
