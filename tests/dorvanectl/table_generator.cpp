@@ -2,9 +2,8 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstdio>
 #include <functional>
-#include <set>
+#include <sstream>
 #include <utility>
 
 #include "config/carrier_rules.h"
@@ -28,15 +27,9 @@ std::vector<int> AnswerLines(const std::string& text) {
 }
 
 std::string Numbered(const std::string& text) {
-  std::string out;
-  int line = 1;
-  for (size_t from = 0; from < text.size();) {
-    const size_t end = std::min(text.find('\n', from), text.size());
-    char number[16];
-    std::snprintf(number, sizeof number, "%4d| ", line++);
-    out += number + text.substr(from, end - from) + "\n";
-    from = end + 1;
-  }
+  std::istringstream in(text);
+  std::string out, line;
+  for (int n = 1; std::getline(in, line); ++n) out += std::string(n < 10 ? "   " : n < 100 ? "  " : " ") + std::to_string(n) + "| " + line + "\n";
   return out;
 }
 
@@ -147,15 +140,16 @@ class Writer {
 // The keys of one list: mostly fresh ones, and the awkward ones tables hold.
 class Keys {
  public:
-  explicit Keys(std::function<std::string(Rng&)> fresh) : fresh_(std::move(fresh)) {}
+  // `repeats` in a hundred keys repeat one met before.
+  Keys(std::function<std::string(Rng&)> fresh, int repeats) : fresh_(std::move(fresh)), repeats_(repeats) {}
   std::optional<std::string> Next(Rng& r) {
-    const int roll = r.Int(0, 99);
+    const int roll = r.Int(0, 99) - repeats_;
     std::optional<std::string> key = fresh_(r);
-    if (roll < 5) key = std::nullopt;
-    else if (roll < 9) key = "";
-    else if (roll < 20 && !used.empty()) key = r.Pick(used);
-    else if (roll < 27 && !used.empty()) key = CaseVariant(r, r.Pick(used));
-    else if (roll < 33) key = BlankVariant(r, used.empty() || r.Chance(0.5) ? *key : r.Pick(used));
+    if (roll < -repeats_ + 5) key = std::nullopt;
+    else if (roll < -repeats_ + 9) key = "";
+    else if (roll < 9 && !used.empty()) key = r.Pick(used);
+    else if (roll < 16 && !used.empty()) key = CaseVariant(r, r.Pick(used));
+    else if (roll < 22) key = BlankVariant(r, used.empty() || r.Chance(0.5) ? *key : r.Pick(used));
     if (key && !key->empty()) used.push_back(*key);
     return key;
   }
@@ -164,6 +158,7 @@ class Keys {
 
  private:
   std::function<std::string(Rng&)> fresh_;
+  int repeats_;
 };
 
 // A name that a maintainer could have meant for `proper`: in another case,
@@ -212,33 +207,131 @@ std::string AttributeName(Rng& r, const std::string& name, double wrong = 0.02) 
   return r.Chance(wrong) ? other : name;
 }
 
-// A firmware element: the attributes a lookup copies out, all but Count
-// marked with the element's line; some left out or misspelt, but one marked
-// always there, so that an answer from it always tells its line.
-int Firmware(Writer& w, Rng& r, const std::string& name, const std::vector<std::string>& names,
-             const std::function<void()>& children = nullptr) {
-  static const std::vector<std::string> kCounts = {"1", "2", "03", "12", "0", "12x", "x", "4294967296", ""};
-  Attrs attrs;
-  bool marked = false;
-  for (const std::string& a : names) {
-    if (r.Chance(0.05)) continue;  // left out
-    const std::string written = AttributeName(r, a);
-    marked = marked || (a != "Count" && written == a);
-    attrs.push_back({written, a == "Count" ? kCounts[static_cast<size_t>(r.Int(0, r.Chance(0.8) ? 4 : 8))]
-                              : a == "Type" ? "T{L}" : a == "File" || a == "file" ? "fw_{L}.bin" : "{L}"});
-  }
-  if (!marked) attrs.push_back({names.front(), "fw_{L}.bin"});
-  if (!children) return w.Leaf(name, attrs);
-  const int line = w.Open(name, attrs);
-  children();
-  w.Close();
-  return line;
-}
-
+using Fresh = std::function<std::string(Rng&)>;
 std::string Mcc(Rng& r) { return std::to_string(r.Int(200, 799)); }
 std::string MccMnc(Rng& r) { return Mcc(r) + r.Digits(r.Int(2, 3)); }
 std::string CarrierName(Rng& r) { return r.Word(r.Int(3, 4)); }
-std::string Guid(Rng& r) { return "{" + r.Word(8, r.Chance(0.2)) + "-" + r.Word(4, false) + "}"; }
+
+// One element of a kind's table, described as data. A fixed element stands
+// Copies(missing, twice) times, a copy now and then under a misnamed name, and
+// a misnamed one alone now and then when it is missing; a list's entries (List)
+// come with misnamed ones among them (see List above).
+struct Shape {
+  enum Custom { kNone, kIccid, kRegistry };  // written by code of its own: an ICCIDTable, a CustProductNamePath
+  explicit Shape(std::string element) : name(std::move(element)) {}
+  Shape& Copies(double missing, double twice, double misnamed = 0) { none = missing, two = twice, alt = misnamed; return *this; }
+  Shape& List(int from, int to, std::vector<std::string> near_names = {}) { least = from, most = to, near = std::move(near_names); return *this; }
+  // Keyed by `attribute`, with keys that `fresh_key` makes; `repeat` in a
+  // hundred keys repeat an earlier one, `default_rows` are "default" or a
+  // case variant of it.
+  Shape& Key(const char* attribute, Fresh fresh_key, int repeat = 11, int default_rows = 0) {
+    key = attribute, fresh = std::move(fresh_key), repeats = repeat, defaults = default_rows;
+    return *this;
+  }
+  Shape& Answers(Lookup l) { lookup = l; return *this; }
+  // Its keys are the inner keys of the keyed entry around it, if any, and
+  // asked as other inner keys.
+  Shape& Inner() { inner = true; return *this; }
+  // "{L}" marks the element's line; "Count" takes a count. Sloppy ones are
+  // now and then left out or written in another case.
+  Shape& With(Attrs a, bool careless = false) { attrs = std::move(a), sloppy = careless; return *this; }
+  // The attribute (or the text, when null) reads one of `texts`, mostly one of the first two.
+  Shape& Flag(const char* attribute, std::vector<std::string> texts) { flag = attribute, flags = std::move(texts); return *this; }
+  Shape& Text(std::optional<std::string> fixed = std::nullopt) { answer = !fixed, text = std::move(fixed); return *this; }
+  // A firmware element: the attributes a lookup copies out of it, all marked
+  // but Count; one marked always there, so that an answer tells its line.
+  Shape& Firmware(Attrs a) { holder = true; return Copies(0.05, 0.05).With(std::move(a), true); }
+  Shape& Holds(std::vector<Shape> children, double shuffled = 0) { kids = std::move(children), shuffle = shuffled; return *this; }
+  Shape& Is(Custom s) { custom = s; return *this; }
+
+  std::string name;
+  double none = 0, two = 0, alt = 0, shuffle = 0;
+  int least = 0, most = -1, repeats = 11, defaults = 0;
+  std::vector<std::string> near, flags;
+  const char* key = nullptr;
+  const char* flag = nullptr;
+  Fresh fresh;
+  std::optional<Lookup> lookup;
+  bool inner = false, sloppy = false, holder = false, answer = false;
+  Attrs attrs;
+  std::optional<std::string> text;
+  std::vector<Shape> kids;
+  Custom custom = kNone;
+};
+
+const Attrs kFw = {{"File", "fw_{L}.bin"}, {"Ver", "{L}"}, {"Type", "T{L}"}, {"Count", ""}};
+const Attrs kPack = {{"File", "fw_{L}.bin"}, {"Ver", "{L}"}}, kImage = {{"file", "fw_{L}.bin"}, {"ver", "{L}"}};
+
+Shape Items(const std::string& list, const char* key, Lookup lookup, double missing = 0.07, double twice = 0.05) {
+  return Shape(list).Copies(missing, twice, 0.04).Holds({Shape("Item").List(0, 4).Key(key, key[3] ? MccMnc : Mcc).Answers(lookup).Text()});
+}
+Shape CarrierList(Shape entry) { return Shape("CarrierList").Copies(0.04, 0.04).Holds({entry.List(0, 5)}); }
+
+// Every kind's table.
+Shape TableOf(Kind kind) {
+  switch (kind) {
+    case Kind::kCarrierRules:
+      return Shape("Rules").Holds({Shape("SwitchingRule").Copies(0.04, 0.04).Holds({
+          Shape("SelectionRule").Copies(0.04, 0.05).Holds({Items("MCCMNCTable", "mccmnc", Lookup::kCarrierIdByMccmnc),
+              Items("MCCTable", "mcc", Lookup::kCarrierIdByMcc), Shape("ICCIDTable").Copies(0.07, 0.05, 0.03).Is(Shape::kIccid)}, 0.15),
+          Shape("Registered").List(0, 4).Key("mcc", Mcc).Answers(Lookup::kParamFirmwareByMcc).Holds({Shape("PARAMFirmware").Firmware(kFw)})}, 0.15),
+          Items("SelectionRule", "mcc", Lookup::kSelectionRuleByMcc, 0.4, 0)}, 0.2);
+    case Kind::kSelectionRules: return Shape("Rules").Holds({Items("SelectionRule", "mcc", Lookup::kSelectionRuleByMcc, 0.04, 0.06)});
+    case Kind::kCarrierFirmware:
+      return Shape("Firmware").Holds({CarrierList(Shape("Carrier").Key("id", CarrierName).Answers(Lookup::kCarrierFirmware).Holds(
+          {Shape("APFirmware").Firmware(kFw), Shape("MDFirmware").Firmware(kFw), Shape("OPFirmware").Firmware(kFw)}))});
+    case Kind::kCustomerModel: {
+      const Shape sw = Shape("Switch_table").Firmware({{"File", "sw_{L}.xml"}}).Copies(0.5, 0);  // inside OEMFirmware, or beside it
+      return Shape("Models").Holds({CarrierList(Shape("CustModel").Key("id", CarrierName).Answers(Lookup::kOemFirmwareByModel).Holds(
+          {Shape("OEMFirmware").Firmware(kFw).Holds({sw}), Shape(sw).Copies(0.94, 0)}))});
+    }
+    case Kind::kPackageInfo:
+      return Shape("PackageInfo").Holds({CarrierList(Shape("Carrier").Key("id", [](Rng& r) { return r.Chance(0.5) ? Mcc(r) : CarrierName(r); }, 11, 17)
+          .Answers(Lookup::kPackageInfoFirmware).Holds({Shape("Firmware").Firmware(kPack), Shape("CustPack").Firmware(kPack)}))});
+    case Kind::kFwPackageInfo:
+      return Shape("FwPackage").Holds({Shape("PackageVer").Copies(0.04, 0.05).Answers(Lookup::kFwPackageInfo).Text(),
+          Shape("PackageType").Copies(0.04, 0.05).Answers(Lookup::kFwPackageInfo).Text(),
+          CarrierList(Shape("Carrier").Key("id", CarrierName).Answers(Lookup::kFwPackageInfo).With({{"ver", "{L}"}}, true)
+              .Holds({Shape("FWImage").Firmware(kImage), Shape("CustPack").Firmware(kImage)}))});
+    case Kind::kSku:
+      return Shape("Skus").Holds({Shape("SKU_GUID").List(1, 2, {"Sku"}).Key("ID", [](Rng& r) { return "{" + r.Word(8, r.Chance(0.2)) + "-" + r.Word(4, false) + "}"; }, 50)
+          .Holds({Shape("Area").List(1, 4).Key("ID", [](Rng& r) { return r.Word(2); }, 25).Inner().Answers(Lookup::kParamFirmwareBySku)
+              .Holds({Shape("PARAMFirmware").Firmware(kFw)})})});
+    case Kind::kDeviceConfig:
+      return Shape("DeviceConfig").Holds({Shape("WwanDeviceConfigureIDTable").Copies(0.03, 0.03).Holds({
+          Shape("CustProductNamePathToUniqueSkuID").Copies(0.04, 0).Flag("CombineMode", {"Single", "Combine", "single", "COMBINE", "Both", " Single", ""})
+              .Holds({Shape("CustProductNamePath").List(0, 3).Is(Shape::kRegistry)}),
+          Shape("UniqueSkuIDToWwanDeviceConfigureIDMappingTable").Copies(0.04, 0.04).Holds({Shape("UniqueSkuID").List(0, 4, {"UniqueSkuId"})
+              .Key("ProductID", [](Rng& r) { return "Pad_" + r.Word(3); }).Answers(Lookup::kDeviceConfigId).With({{"WwanDeviceConfigID", "CFG-{L}"}}, true)})}, 0.2)});
+    case Kind::kImageMapping:
+      return Shape("ImageMapping").Holds({Shape("WwanDeviceConfigureIDToImageMappingTable").Copies(0.03, 0.03).Holds({Shape("WwanDeviceConfigID")
+          .List(0, 4, {"WwanDeviceConfigId"}).Key("ID", [](Rng& r) { return "CFG-" + r.Word(2); }).Holds({Shape("Standard").List(0, 4)
+              .Key("Value", Mcc, 25).Inner().Answers(Lookup::kCfgPkInfo).Holds({Shape("DEVFirmware").Firmware(kFw)})})})});
+    case Kind::kEsim:
+      return Shape("EsimTable").Holds({Shape("TableEnableFlag").Copies(0.04, 0.05).Flag("FlagValue", {"True", "true", "TRUE", "False", "false", "Yes", " True", ""}),
+          Shape("SKU_BlackList").Copies(0.08, 0.05, 0.03).Holds({Shape("SKU").List(0, 4, {"Sku"})
+              .Key("SKUValue", [](Rng& r) { return "X" + r.Digits(2) + "-" + r.Word(2); }).Answers(Lookup::kEsimBySku)}),
+          Shape("IMSI_BlackList").Copies(0.08, 0.05, 0.03).Holds({Shape("MCCMNC").List(0, 4, {"MccMnc"}).Key("MCCMNCValue", MccMnc).Inner()
+              .Answers(Lookup::kEsimByImsi)})}, 0.2);
+    case Kind::kRegion:
+      return Shape("RegionTable").Holds({Shape("SelectionRule").Copies(0.03, 0.05).Holds({Shape("Region").List(0, 5, {"region"})
+          .Key("mcc", Mcc, 11, 18).Answers(Lookup::kRegulatoryByMcc).With({{"Regulatory", "R{L}"}}, true)})});
+    case Kind::kScatter:
+      return Shape("scatter").Holds({Shape("general").Copies(0.04, 0).Holds({Shape("platform").Text("X55")}),
+          Shape("storage_type").Copies(0.04, 0.04).With({{"name", "EMMC"}}).Holds({Shape("partition_index").List(0, 5).With({{"n", "{L}"}, {"name", "SYS{L}"}})
+              .Holds({Shape("partition_name").Text("part"), Shape("is_download").Copies(0.06, 0.05).With({{"n", "{L}"}}).Answers(Lookup::kUpdateScatter)
+                  .Flag(nullptr, {"true", "false", "", " true", "TRUE", "yes", "md1"})})})}, 0.1);
+  }
+  return Shape("none");
+}
+
+// What the element around another holds: its line, the entry it belongs to,
+// and that entry's key when it has one (as the lookup reads it).
+struct Around {
+  int line = 0, entry_line = 0;
+  std::optional<std::string> key;
+  bool keyed = false, proper = true;
+};
 
 struct Builder {
   Builder(Kind kind, std::mt19937& g, std::string registry) : r(g), registry_root(std::move(registry)) { t.kind = kind; }
@@ -246,38 +339,93 @@ struct Builder {
   std::string registry_root;
   Writer w;
   GeneratedTable t;
+  std::vector<std::pair<const Shape*, Keys>> families;  // a Shape's keys, over all its copies
 
-  void OtherKeys(Keys& keys, int n) {
-    for (int i = 0; i < n; ++i) t.other_keys.push_back(keys.Fresh(r));
+  Keys& Family(const Shape& s) {
+    for (auto& [shape, keys] : families) {
+      if (shape == &s) return keys;
+    }
+    return families.emplace_back(&s, Keys(s.fresh, s.repeats)).second;
   }
-  // A keyed attribute: written under its own name (the lookup's key) or,
-  // rarely, under a wrong one.
-  void Key(Attrs& attrs, Entry& e, const std::string& name, const std::optional<std::string>& key,
-           std::optional<std::string> Entry::*slot = &Entry::key) {
-    const std::string written = AttributeName(r, name, 0.03);
-    attrs.push_back({written, key});
-    (written == name ? e.*slot : e.stray_key) = key;
+
+  void Families(const Shape& s) {
+    if (s.key) Family(s);
+    for (const Shape& k : s.kids) Families(k);
   }
-  // A list of entries that each hold one keyed element: `body` writes it.
-  void Entries(const std::string& entry, const std::vector<std::string>& near, int count, Lookup lookup,
-               const std::function<int(Entry&, const std::string&)>& body) {
-    List(r, entry, near, count, [&](const std::string& name, bool proper) {
-      Entry e;
-      e.lookup = lookup;
-      e.proper = proper;
-      e.line = body(e, name);
-      t.entries.push_back(e);
-    });
+
+  void Write(const Shape& s, const Around& up) {
+    if (s.most >= 0) return ::dorvane::lint::testing::List(r, s.name, s.near, r.Int(s.least, s.most), [&](const std::string& n, bool proper) { One(s, n, proper, true, up); });
+    int copies = r.Copies(s.none, s.two);
+    if (copies == 0 && s.none > 0 && r.Chance(s.none < 0.3 ? 0.5 : 0.05)) One(s, Misnamed(r, s.name, {}), false, false, up);
+    for (; copies > 0; --copies) {
+      const bool misnamed = r.Chance(s.alt);
+      One(s, misnamed ? Misnamed(r, s.name, {}) : s.name, !misnamed, !misnamed, up);
+    }
   }
-  // An Item list (MCCMNCTable, MCCTable, SelectionRule): the text answers.
-  void Items(const std::string& list_name, const char* key_name, Lookup lookup, Keys& keys) {
-    w.Open(list_name);
-    Entries("Item", {}, r.Int(0, 5), lookup, [&](Entry& e, const std::string& name) {
-      Attrs attrs;
-      Key(attrs, e, key_name, keys.Next(r));
-      return w.Leaf(name, attrs, AnswerText(r));
-    });
-    w.Close();
+
+  // One element of `s`, written as `name`; `read`: the lookups read it (when
+  // its parent is).
+  void One(const Shape& s, const std::string& name, bool proper, bool read, const Around& up) {
+    if (s.custom == Shape::kIccid) return IccidTable(name);
+    static const std::vector<std::string> kCounts = {"1", "2", "03", "12", "0", "12x", "x", "4294967296", ""};
+    Entry e;
+    e.lookup = s.lookup.value_or(Lookup::kCarrierIdByMccmnc);
+    e.proper = proper && up.proper;
+    Around here{0, up.entry_line, std::nullopt, s.key != nullptr, e.proper};
+    Attrs attrs;
+    if (s.key) {
+      std::optional<std::string> key = Family(s).Next(r);
+      const int roll = r.Int(0, 99);
+      if (roll < s.defaults) key = roll < s.defaults - 3 ? "default" : r.Chance(0.5) ? "Default" : "DEFAULT";
+      const std::string written = AttributeName(r, s.key, 0.03);
+      attrs.push_back({written, key});
+      (written != s.key ? e.stray_key : s.inner && up.keyed ? e.key2 : e.key) = key;
+      if (s.inner && up.keyed) e.key = up.key;
+      if (written == s.key) here.key = key;
+      e.fallback = s.defaults > 0 && e.key == "default";
+    }
+    bool marked = false;
+    for (const auto& [a, v] : s.attrs) {
+      if (s.sloppy && r.Chance(0.04)) continue;
+      const std::string written = s.sloppy ? AttributeName(r, a) : a;
+      marked = marked || (a != "Count" && written == a);
+      attrs.push_back({written, a == "Count" ? kCounts[static_cast<size_t>(r.Int(0, r.Chance(0.8) ? 4 : 8))] : v});
+    }
+    if (s.holder && !marked) attrs.push_back(s.attrs.front());
+    std::optional<std::string> text = s.answer ? AnswerText(r) : s.text;
+    if (!s.flags.empty()) {
+      e.key = s.flags[static_cast<size_t>(r.Int(0, r.Chance(0.8) ? 1 : static_cast<int>(s.flags.size()) - 1))];
+      if (s.flag) attrs.push_back({s.flag, r.Chance(0.03) ? std::nullopt : e.key});
+      else text = e.key;
+    }
+    RegistrySlot slot;
+    if (s.custom == Shape::kRegistry) attrs.push_back({"RegistryPath", RegistryPath(slot)});
+    here.line = s.kids.empty() ? w.Leaf(name, attrs, text) : w.Open(name, attrs);
+    if (s.lookup) here.entry_line = here.line;
+    std::vector<size_t> order;
+    for (size_t i = 0; i < s.kids.size(); ++i) order.push_back(i);
+    if (r.Chance(s.shuffle)) std::shuffle(order.begin(), order.end(), std::mt19937(static_cast<unsigned>(r.Int(0, 1 << 30))));
+    for (size_t i : order) Write(s.kids[i], here);
+    if (!s.kids.empty()) w.Close();
+    e.line = here.line;
+    if (s.lookup && read) t.entries.push_back(e);
+    if (s.holder && read && up.entry_line > 0) t.holders.push_back({here.line, up.entry_line});
+    if (s.custom == Shape::kRegistry && attrs.back().second && attrs.back().second->front() != ',') t.registry.push_back(slot);  // readable somewhere
+  }
+
+  // A RegistryPath naming one of the test's values, mostly as the lookup reads it.
+  std::optional<std::string> RegistryPath(RegistrySlot& slot) {
+    slot = {registry_root + "\\P" + std::to_string(r.Int(0, kRegistryKeys - 1)), "V" + std::to_string(r.Int(0, 5))};
+    std::optional<std::string> path = slot.key_path + "," + slot.value_name;
+    const int roll = r.Int(0, 99);
+    if (roll < 5) path = "HKEY_LOCAL_MACHINE\\" + *path;
+    else if (roll < 9) path = "HKLM\\" + *path;
+    else if (roll < 13) path = slot.key_path + (r.Chance(0.5) ? "\\" : " ") + slot.value_name;
+    else if (roll < 15) path = "," + slot.value_name;
+    else if (roll < 17) path = slot.key_path + ",", slot.value_name = "";
+    else if (roll < 20) path = r.Chance(0.5) ? " " + *path : slot.key_path + ", " + slot.value_name;
+    else if (roll < 22) path = std::nullopt;
+    return path;
   }
 
   // Bounds of an ICCID range: tails of one length, tails that saturate, min
@@ -331,327 +479,26 @@ struct Builder {
     t.iccids.insert(t.iccids.end(), {min, max});
     for (int n = 0; n < 5; ++n) t.iccids.push_back(r.Pick(near));
   }
-
   void IccidTable(const std::string& name) {
     w.Open(name);
     std::vector<std::string> networks;
     for (int n = r.Int(1, 3); n > 0; --n) networks.push_back("89" + r.Digits(r.Int(2, 5)));
     std::vector<std::pair<std::string, std::string>> earlier;
-    Entries("Range", {}, r.Int(0, 6), Lookup::kCarrierIdByIccid, [&](Entry& e, const std::string& element) {
+    ::dorvane::lint::testing::List(r, "Range", {}, r.Int(0, 6), [&](const std::string& element, bool proper) {
+      Entry e;
+      e.lookup = Lookup::kCarrierIdByIccid, e.proper = proper;
       auto [min, max] = Bounds(r.Pick(networks), earlier);
       earlier.push_back({min, max});
       Probes(min, max);
       if (!r.Chance(0.04)) e.min = min;
       if (!r.Chance(0.04)) e.max = max;
-      return w.Leaf(element, {{"min", e.min}, {"max", e.max}}, AnswerText(r));
+      e.line = w.Leaf(element, {{"min", e.min}, {"max", e.max}}, AnswerText(r));
+      t.entries.push_back(e);
     });
     for (int n = r.Int(1, 3); n > 0; --n) {
       const std::string network = r.Pick(networks);
       t.iccids.push_back(network + r.Digits(r.Int(16, 20) - static_cast<int>(network.size())));
     }
-    w.Close();
-  }
-
-  void SelectionRule(Keys& mccmncs, Keys& mccs) {
-    w.Open("SelectionRule");
-    const bool only_mccmnc = r.Chance(0.05);
-    std::vector<int> order = {0, 1, 2};
-    if (r.Chance(0.15)) std::shuffle(order.begin(), order.end(), std::mt19937(static_cast<unsigned>(r.Int(0, 1 << 30))));
-    for (int part : order) {
-      for (int i = only_mccmnc && part != 0 ? 0 : r.Copies(0.07, 0.05); i > 0; --i) {
-        if (part == 0) Items(r.Chance(0.05) ? "MccMncTable" : "MCCMNCTable", "mccmnc", Lookup::kCarrierIdByMccmnc, mccmncs);
-        if (part == 1) Items(r.Chance(0.03) ? "MccTable" : "MCCTable", "mcc", Lookup::kCarrierIdByMcc, mccs);
-        if (part == 2) IccidTable(r.Chance(0.03) ? "IccidTable" : "ICCIDTable");
-      }
-    }
-    w.Close();
-  }
-
-  void CarrierRules() {
-    Keys mccmncs(MccMnc), mccs(Mcc), registered(Mcc), rule_items(Mcc);
-    w.Open(r.Chance(0.5) ? "Rules" : "CarrierRules");
-    const bool root_rule = r.Chance(0.6), root_rule_first = r.Chance(0.2);
-    if (root_rule && root_rule_first) Items("SelectionRule", "mcc", Lookup::kSelectionRuleByMcc, rule_items);
-    for (int copies = r.Copies(0.04, 0.04); copies > 0; --copies) {
-      w.Open("SwitchingRule");
-      // Mostly before the Registered entries; sometimes after the first of
-      // them (where their walk takes it as an entry), sometimes missing.
-      const int placement = r.Int(0, 99);
-      bool pending = placement >= 4 && placement < 14;
-      if (placement >= 14) SelectionRule(mccmncs, mccs);
-      Entries("Registered", {}, r.Int(0, 4), Lookup::kParamFirmwareByMcc, [&](Entry& e, const std::string& name) {
-        Attrs attrs;
-        Key(attrs, e, "mcc", registered.Next(r));
-        e.line = w.Open(name, attrs);
-        for (int i = r.Copies(0.05, 0.05); i > 0; --i) t.holders.push_back({Firmware(w, r, "PARAMFirmware", {"File", "Ver", "Type", "Count"}), e.line});
-        w.Close();
-        if (pending) SelectionRule(mccmncs, mccs);
-        pending = false;
-        return e.line;
-      });
-      if (pending || r.Chance(0.05)) SelectionRule(mccmncs, mccs);  // a late one, or a second one
-      w.Close();
-    }
-    if (root_rule && !root_rule_first) Items("SelectionRule", "mcc", Lookup::kSelectionRuleByMcc, rule_items);
-    w.Close();
-    OtherKeys(mccmncs, 2);
-    OtherKeys(mccs, 2);
-  }
-
-  void SelectionRules() {
-    Keys mccs(Mcc);
-    w.Open("Rules");
-    for (int i = r.Copies(0.04, 0.06); i > 0; --i) Items("SelectionRule", "mcc", Lookup::kSelectionRuleByMcc, mccs);
-    w.Close();
-    OtherKeys(mccs, 2);
-  }
-
-  // A CarrierList's entries, each with its firmware elements `slots` (each
-  // with the attributes `names`; `body` writes more); "default" ids now and then.
-  void CarrierList(const std::string& entry_name, Lookup lookup, Keys& keys, const std::vector<std::string>& slots,
-                   const std::vector<std::string>& names, bool defaults = false, const std::function<void(int)>& body = nullptr) {
-    const int copies = r.Copies(0.04, 0.04);
-    if (copies == 0 && r.Chance(0.3)) {
-      w.Open("Carrierlist");
-      w.Leaf(entry_name, {{"id", keys.Fresh(r)}});
-      w.Close();
-    }
-    for (int i = 0; i < copies; ++i) {
-      w.Open("CarrierList");
-      Entries(entry_name, {}, r.Int(0, 5), lookup, [&](Entry& e, const std::string& name) {
-        std::optional<std::string> key = keys.Next(r);
-        const int roll = defaults ? r.Int(0, 99) : 100;
-        if (roll < 17) key = roll < 14 ? "default" : r.Chance(0.5) ? "Default" : "DEFAULT";
-        Attrs attrs;
-        Key(attrs, e, "id", key);
-        e.fallback = defaults && e.key == "default";
-        if (lookup == Lookup::kFwPackageInfo) attrs.push_back({AttributeName(r, "ver"), "{L}"});
-        e.line = w.Open(name, attrs);
-        for (const std::string& slot : slots) {
-          for (int n = r.Chance(0.05) ? 0 : r.Chance(0.03) ? 2 : 1; n > 0; --n) t.holders.push_back({Firmware(w, r, slot, names), e.line});
-        }
-        if (body) body(e.line);
-        w.Close();
-        return e.line;
-      });
-      w.Close();
-    }
-  }
-
-  void FwPackageInfo() {
-    Keys ids(CarrierName);
-    w.Open("FwPackage");
-    for (const char* name : {"PackageVer", "PackageType"}) {
-      for (int i = r.Copies(0.04, 0.05); i > 0; --i) {
-        Entry e;
-        e.lookup = Lookup::kFwPackageInfo;
-        e.line = w.Leaf(name, {}, AnswerText(r));
-        t.entries.push_back(e);
-      }
-    }
-    CarrierList("Carrier", Lookup::kFwPackageInfo, ids, {"FWImage", "CustPack"}, {"file", "ver"});
-    w.Close();
-  }
-
-  void SkuGuid(const std::string& name, const std::optional<std::string>& id, Keys& areas, bool areas_from_first) {
-    w.Open(name, {{"ID", id}});
-    Entries("Area", {}, r.Chance(0.04) ? 0 : r.Int(1, 4), Lookup::kParamFirmwareBySku, [&](Entry& e, const std::string& element) {
-      e.key = id;
-      Attrs attrs;
-      Key(attrs, e, "ID", areas_from_first && !areas.used.empty() && r.Chance(0.5) ? r.Pick(areas.used) : areas.Next(r), &Entry::key2);
-      e.line = w.Open(element, attrs);
-      for (int i = r.Copies(0.05, 0.05); i > 0; --i) t.holders.push_back({Firmware(w, r, "PARAMFirmware", {"File", "Ver", "Type", "Count"}), e.line});
-      w.Close();
-      return e.line;
-    });
-    w.Close();
-  }
-
-  void Sku() {
-    w.Open("Skus");
-    const std::string first = r.Chance(0.05) ? BlankVariant(r, Guid(r)) : Guid(r);
-    Keys first_areas([](Rng& rr) { return rr.Word(2); });
-    if (r.Chance(0.08)) {
-      Keys areas([](Rng& rr) { return rr.Word(2); });
-      SkuGuid(r.Chance(0.5) ? "Sku" : "SKU_Guid", r.Chance(0.6) ? first : Guid(r), areas, false);
-    }
-    if (!r.Chance(0.03)) SkuGuid("SKU_GUID", r.Chance(0.04) ? std::nullopt : std::optional<std::string>(first), first_areas, false);
-    for (int later = r.Chance(0.35) ? r.Int(1, 2) : 0; later > 0; --later) {
-      const int roll = r.Int(0, 99);
-      Keys areas = first_areas;
-      const std::optional<std::string> id = roll < 40 ? first : roll < 55 ? CaseVariant(r, first) : roll < 60 ? std::nullopt
-                                            : roll < 70 ? first : std::optional<std::string>(Guid(r));
-      SkuGuid(roll >= 60 && roll < 70 ? (r.Chance(0.5) ? "sku_guid" : "r:SKU_GUID") : "SKU_GUID", id, areas, true);
-    }
-    w.Close();
-  }
-
-  void DeviceConfig() {
-    Keys products([](Rng& rr) { return "Pad_" + rr.Word(3); });
-    w.Open("DeviceConfig");
-    const int copies = r.Copies(0.03, 0.03);
-    for (int i = copies == 0 && r.Chance(0.5) ? -1 : 0; i < copies; ++i) {
-      w.Open(i < 0 ? "WwanDeviceConfigureIdTable" : "WwanDeviceConfigureIDTable");
-      // The two sub-tables, in either order; now and then one of them or
-      // both missing, or the mapping table twice.
-      const bool neither = r.Chance(0.03), paths = !neither && !r.Chance(0.04), mapping_first = r.Chance(0.2);
-      const int mappings = neither ? 0 : r.Copies(0.04, 0.04);
-      if (mapping_first && mappings > 0) Mapping(products);
-      if (paths) Paths();
-      for (int m = mapping_first ? 1 : 0; m < mappings; ++m) Mapping(products);
-      w.Close();
-    }
-    w.Close();
-    OtherKeys(products, 2);
-  }
-
-  void Paths() {
-    static const std::vector<std::string> kModes = {"Single", "Combine", "single", "COMBINE", "Both", " Single", ""};
-    std::optional<std::string> mode = kModes[static_cast<size_t>(r.Int(0, r.Chance(0.8) ? 1 : 6))];
-    w.Open("CustProductNamePathToUniqueSkuID", {{"CombineMode", r.Chance(0.03) ? std::nullopt : mode}});
-    List(r, "CustProductNamePath", {}, r.Int(0, 3), [&](const std::string& name, bool) {
-      RegistrySlot slot{0, registry_root + "\\P" + std::to_string(r.Int(0, kRegistryKeys - 1)), "V" + std::to_string(r.Int(0, 5))};
-      std::optional<std::string> path = slot.key_path + "," + slot.value_name;
-      const int roll = r.Int(0, 99);
-      if (roll < 5) path = "HKEY_LOCAL_MACHINE\\" + *path;
-      else if (roll < 9) path = "HKLM\\" + *path;
-      else if (roll < 13) path = slot.key_path + (r.Chance(0.5) ? "\\" : " ") + slot.value_name;
-      else if (roll < 15) path = "," + slot.value_name;
-      else if (roll < 17) path = slot.key_path + ",", slot.value_name = "";
-      else if (roll < 20) path = r.Chance(0.5) ? " " + *path : slot.key_path + ", " + slot.value_name;
-      else if (roll < 22) path = std::nullopt;
-      slot.line = w.Leaf(name, {{"RegistryPath", path}});
-      if (path && path->front() != ',') t.registry.push_back(slot);  // readable somewhere
-    });
-    w.Close();
-  }
-
-  void Mapping(Keys& products) {
-    w.Open("UniqueSkuIDToWwanDeviceConfigureIDMappingTable");
-    Entries("UniqueSkuID", {"UniqueSkuId"}, r.Int(0, 5), Lookup::kDeviceConfigId, [&](Entry& e, const std::string& name) {
-      Attrs attrs;
-      Key(attrs, e, "ProductID", products.Next(r));
-      attrs.push_back({AttributeName(r, "WwanDeviceConfigID"), r.Chance(0.03) ? std::nullopt : std::optional<std::string>("CFG-{L}")});
-      return w.Leaf(name, attrs);
-    });
-    w.Close();
-  }
-
-  void ImageMapping() {
-    Keys configs([](Rng& rr) { return "CFG-" + rr.Word(2); }), mccs(Mcc);
-    w.Open("ImageMapping");
-    for (int i = r.Copies(0.03, 0.03); i > 0; --i) {
-      w.Open("WwanDeviceConfigureIDToImageMappingTable");
-      List(r, "WwanDeviceConfigID", {"WwanDeviceConfigId"}, r.Int(0, 4), [&](const std::string& name, bool) {
-        std::optional<std::string> id = configs.Next(r);
-        const std::string written = AttributeName(r, "ID", 0.03);
-        w.Open(name, {{written, id}});
-        if (written != "ID") id = std::nullopt;
-        Keys values(Mcc);  // the MCCs of the configurations before come back now and then
-        for (const std::string& m : mccs.used) {
-          if (r.Chance(0.3)) values.used.push_back(m);
-        }
-        Entries("Standard", {}, r.Int(0, 4), Lookup::kCfgPkInfo, [&](Entry& e, const std::string& element) {
-          e.key = id;
-          Attrs attrs;
-          Key(attrs, e, "Value", values.Next(r), &Entry::key2);
-          e.line = w.Open(element, attrs);
-          for (int f = r.Copies(0.06, 0.04); f > 0; --f) t.holders.push_back({Firmware(w, r, "DEVFirmware", {"File", "Ver", "Type", "Count"}), e.line});
-          w.Close();
-          if (e.key2 && !e.key2->empty()) mccs.used.push_back(*e.key2);
-          return e.line;
-        });
-        w.Close();
-      });
-      w.Close();
-    }
-    w.Close();
-    t.other_keys = configs.used;
-    t.other_keys.push_back(configs.Fresh(r));
-    t.other_inner_keys = mccs.used;
-    t.other_inner_keys.push_back(mccs.Fresh(r));
-  }
-
-  void Esim() {
-    static const std::vector<std::string> kFlags = {"True", "true", "TRUE", "False", "false", "Yes", " True", ""};
-    Keys skus([](Rng& rr) { return "X" + rr.Digits(2) + "-" + rr.Word(2); }), networks(MccMnc);
-    w.Open("EsimTable");
-    std::vector<int> order = {0, 1, 2};
-    if (r.Chance(0.2)) std::shuffle(order.begin(), order.end(), std::mt19937(static_cast<unsigned>(r.Int(0, 1 << 30))));
-    for (int part : order) {
-      for (int i = r.Chance(part == 0 ? 0.04 : 0.08) ? 0 : r.Chance(0.05) ? 2 : 1; i > 0; --i) {
-        if (part == 0) {
-          w.Leaf("TableEnableFlag", {{"FlagValue", r.Chance(0.03) ? std::nullopt : std::optional<std::string>(r.Chance(0.75) ? "True" : r.Pick(kFlags))}});
-          continue;
-        }
-        const bool sku = part == 1;
-        w.Open(r.Chance(0.03) ? (sku ? "SKU_Blacklist" : "IMSI_Blacklist") : (sku ? "SKU_BlackList" : "IMSI_BlackList"));
-        Entries(sku ? "SKU" : "MCCMNC", {sku ? "Sku" : "MccMnc"}, r.Int(0, 4), sku ? Lookup::kEsimBySku : Lookup::kEsimByImsi,
-                [&](Entry& e, const std::string& name) {
-                  Attrs attrs;
-                  Key(attrs, e, sku ? "SKUValue" : "MCCMNCValue", (sku ? skus : networks).Next(r));
-                  return w.Leaf(name, attrs);
-                });
-        w.Close();
-      }
-    }
-    w.Close();
-    t.other_keys.push_back(skus.Fresh(r));
-    t.other_inner_keys.push_back(networks.Fresh(r));
-  }
-
-  void Region() {
-    Keys mccs(Mcc);
-    w.Open("RegionTable");
-    const int copies = r.Copies(0.03, 0.05);
-    for (int i = copies == 0 && r.Chance(0.5) ? -1 : 0; i < copies; ++i) {
-      w.Open(i < 0 ? "Selectionrule" : "SelectionRule");
-      Entries("Region", {"region"}, r.Int(0, 5), Lookup::kRegulatoryByMcc, [&](Entry& e, const std::string& name) {
-        std::optional<std::string> key = mccs.Next(r);
-        const int roll = r.Int(0, 99);
-        if (roll < 18) key = roll < 15 ? "default" : r.Chance(0.5) ? "Default" : "DEFAULT";
-        Attrs attrs;
-        Key(attrs, e, "mcc", key);
-        e.fallback = e.key == "default";
-        attrs.push_back({AttributeName(r, "Regulatory"), r.Chance(0.03) ? std::nullopt : std::optional<std::string>("R{L}")});
-        return w.Leaf(name, attrs);
-      });
-      w.Close();
-    }
-    w.Close();
-    OtherKeys(mccs, 3);
-  }
-
-  void Scatter() {
-    static const std::vector<std::string> kTexts = {"true", "false", "", " true", "TRUE", "yes", "md1"};
-    w.Line("<?xml version=\"1.0\" encoding=\"utf-8\"?>", 0);
-    w.Open("scatter");
-    const bool general = !r.Chance(0.04), general_last = r.Chance(0.1);
-    auto write_general = [&] {
-      w.Open(r.Chance(0.02) ? "General" : "general");
-      w.Leaf("platform", {}, std::string("X55"));
-      w.Close();
-    };
-    if (general && !general_last) write_general();
-    for (int i = r.Copies(0.04, 0.04); i > 0; --i) {
-      w.Open("storage_type", {{"name", "EMMC"}});
-      int index = 0;
-      List(r, "partition_index", {}, r.Int(0, 5), [&](const std::string& name, bool proper) {
-        w.Open(name, {{"n", "{L}"}, {"name", "SYS" + std::to_string(index++)}});
-        w.Leaf("partition_name", {}, "part" + std::to_string(index));
-        for (int f = r.Copies(0.06, 0.05); f > 0; --f) {
-          Entry e;
-          e.lookup = Lookup::kUpdateScatter;
-          e.proper = proper;
-          e.key = kTexts[static_cast<size_t>(r.Int(0, r.Chance(0.8) ? 1 : 6))];
-          e.line = w.Leaf("is_download", {{"n", "{L}"}}, e.key);
-          t.entries.push_back(e);
-        }
-        w.Close();
-      });
-      w.Close();
-    }
-    if (general && general_last) write_general();
     w.Close();
   }
 };
@@ -660,41 +507,16 @@ struct Builder {
 
 GeneratedTable GenerateTable(Kind kind, std::mt19937& rng, const std::string& registry_root) {
   Builder b(kind, rng, registry_root);
-  Keys ids(CarrierName), packages([](Rng& r) { return r.Chance(0.5) ? Mcc(r) : CarrierName(r); });
-  switch (kind) {
-    case Kind::kCarrierRules: b.CarrierRules(); break;
-    case Kind::kSelectionRules: b.SelectionRules(); break;
-    case Kind::kCarrierFirmware:
-      b.w.Open("Firmware");
-      b.CarrierList("Carrier", Lookup::kCarrierFirmware, ids, {"APFirmware", "MDFirmware", "OPFirmware"}, {"File", "Ver", "Type", "Count"});
-      break;
-    case Kind::kCustomerModel:
-      b.w.Open("Models");
-      b.CarrierList("CustModel", Lookup::kOemFirmwareByModel, ids, {}, {}, false, [&](int entry) {
-        for (int i = b.r.Copies(0.05, 0.05); i > 0; --i) {
-          const bool inside = b.r.Chance(0.5);  // a Switch_table inside OEMFirmware, or none
-          b.t.holders.push_back({Firmware(b.w, b.r, "OEMFirmware", {"File", "Ver", "Type", "Count"}, !inside ? nullptr : std::function<void()>([&] {
-            b.t.holders.push_back({b.w.Leaf("Switch_table", {{AttributeName(b.r, "File"), "sw_{L}.xml"}}), entry});
-          })), entry});
-        }
-        if (b.r.Chance(0.06)) b.t.holders.push_back({b.w.Leaf("Switch_table", {{"File", "sw_{L}.xml"}}), entry});
-      });
-      break;
-    case Kind::kPackageInfo:
-      b.w.Open("PackageInfo");
-      b.CarrierList("Carrier", Lookup::kPackageInfoFirmware, packages, {"Firmware", "CustPack"}, {"File", "Ver"}, true);
-      break;
-    case Kind::kFwPackageInfo: b.FwPackageInfo(); break;
-    case Kind::kSku: b.Sku(); break;
-    case Kind::kDeviceConfig: b.DeviceConfig(); break;
-    case Kind::kImageMapping: b.ImageMapping(); break;
-    case Kind::kEsim: b.Esim(); break;
-    case Kind::kRegion: b.Region(); break;
-    case Kind::kScatter: b.Scatter(); break;
-  }
-  if (kind == Kind::kCarrierFirmware || kind == Kind::kCustomerModel || kind == Kind::kPackageInfo) {
-    b.w.Close();
-    b.OtherKeys(kind == Kind::kPackageInfo ? packages : ids, kind == Kind::kPackageInfo ? 3 : 2);
+  const Shape table = TableOf(kind);
+  if (kind == Kind::kScatter) b.w.Line("<?xml version=\"1.0\" encoding=\"utf-8\"?>", 0);
+  b.Families(table);
+  b.One(table, table.name, true, true, {});
+  // A key to ask for that the table does not hold from each list; the keys met of lists
+  // without a lookup of their own, and of inner lists.
+  for (auto& [shape, keys] : b.families) {
+    std::vector<std::string>& to = shape->inner ? b.t.other_inner_keys : b.t.other_keys;
+    to.push_back(keys.Fresh(b.r));
+    if (shape->inner || !shape->lookup) to.insert(to.end(), keys.used.begin(), keys.used.end());
   }
   b.t.xml = b.w.xml();
   return b.t;

@@ -56,16 +56,13 @@ struct Entry {
 // An element inside an entry whose attributes the lookup copies out (a
 // firmware element, a Switch_table, an FWImage...): its own "L<line>".
 struct Holder {
-  int line = 0;
-  int entry_line = 0;
+  int line = 0, entry_line = 0;
 };
 
 // Where a device-configuration table's RegistryPath means to read (key path
 // under HKEY_LOCAL_MACHINE, 32-bit view, and value name), whatever it says.
 struct RegistrySlot {
-  int line = 0;
-  std::string key_path;
-  std::string value_name;
+  std::string key_path, value_name;
 };
 
 // The registry keys that generated RegistryPaths name: <root>\P0 to
