@@ -42,10 +42,11 @@ inline constexpr size_t kEndOffsetField = 16;
 std::string BuildZip(const std::vector<ZipItem>& items, bool zip64_end = false,
                      ZipLayout* layout = nullptr);
 
-// The end records alone for an archive whose Zip64 end record starts at `at`:
-// the Zip64 record claiming `count` entries in a directory of `dir_size` bytes
-// at `dir_offset`, its locator, and the classic record holding all ones.
-std::string Zip64EndRecords(uint64_t at, uint64_t count, uint64_t dir_size, uint64_t dir_offset);
+// The end records alone, naming `count` entries in a directory of `dir_size`
+// bytes at `dir_offset`; with `zip64`, the Zip64 record starting at `zip64_at`
+// and its locator hold the values, and the classic record all ones.
+std::string EndRecords(uint64_t count, uint64_t dir_size, uint64_t dir_offset, bool zip64 = false,
+                       uint64_t zip64_at = 0);
 
 // `value`'s low `bytes` bytes, little-endian.
 std::string Le(uint64_t value, size_t bytes);
