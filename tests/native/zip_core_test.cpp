@@ -167,11 +167,7 @@ TEST(ZipCore, TheEndRecordsGiveOneWholeReadingOrNone) {
   // The end record's count, size and offset; the Zip64 record's count and size.
   auto with = [&](uint16_t count, uint32_t end_size, uint32_t end_offset, uint64_t zip64_count = 2,
                   uint32_t zip64_size = 0) {
-    std::string bytes = zip64;
-    PutLe16(bytes, at.end + kEndDiskCountField, count);
-    PutLe16(bytes, at.end + kEndCountField, count);
-    PutLe32(bytes, at.end + kEndSizeField, end_size);
-    PutLe32(bytes, at.end + kEndOffsetField, end_offset);
+    std::string bytes = zip64.substr(0, at.end) + EndRecords(count, end_size, end_offset);
     for (size_t field : {24u, 32u}) PutLe32(bytes, record + field, static_cast<uint32_t>(zip64_count));
     if (zip64_size != 0) PutLe32(bytes, record + 40, zip64_size);
     return bytes;

@@ -65,7 +65,6 @@ uint32_t Crc32(const std::string& data) {
       crc32(0, reinterpret_cast<const Bytef*>(data.data()), static_cast<uInt>(data.size())));
 }
 
-void PutLe16(std::string& bytes, size_t at, uint16_t value) { bytes.replace(at, 2, Le(value, 2)); }
 void PutLe32(std::string& bytes, size_t at, uint32_t value) { bytes.replace(at, 4, Le(value, 4)); }
 
 std::string BuildZip(const std::vector<ZipItem>& items, bool zip64_end, ZipLayout* layout) {

@@ -32,9 +32,7 @@ struct ZipLayout {
 inline constexpr size_t kCentralCrcField = 16;
 inline constexpr size_t kCentralCompressedField = 20;
 inline constexpr size_t kCentralSizeField = 24;
-inline constexpr size_t kEndDiskCountField = 8;
 inline constexpr size_t kEndCountField = 10;
-inline constexpr size_t kEndSizeField = 12;
 inline constexpr size_t kEndOffsetField = 16;
 
 // The archive bytes; with `zip64_end`, also the Zip64 end record and locator,
@@ -50,7 +48,6 @@ std::string EndRecords(uint64_t count, uint64_t dir_size, uint64_t dir_offset, b
 
 // `value`'s low `bytes` bytes, little-endian.
 std::string Le(uint64_t value, size_t bytes);
-void PutLe16(std::string& bytes, size_t at, uint16_t value);
 void PutLe32(std::string& bytes, size_t at, uint32_t value);
 
 uint32_t Crc32(const std::string& data);
