@@ -124,12 +124,8 @@ TEST(ZipCore, CountsBeyondTheLimitOrTheBytesAreRefusedBeforeReadingTheDirectory)
   }
 }
 
-struct EndCase {
-  std::string what;
-  std::string bytes;
-  ZipResult expected;
-  size_t entries;
-};
+// What the case is, the archive, and the result and entry count it reads with.
+using EndCase = std::tuple<std::string, std::string, ZipResult, size_t>;
 
 // A Zip64 locator counts only with its whole record in place; the end record
 // holds all ones where the Zip64 record holds the value, and any other
@@ -196,10 +192,10 @@ TEST(ZipCore, TheEndRecordsGiveOneWholeReadingOrNone) {
     cases.push_back({std::string("a Zip64 record ") + what + ", the end record in full", full, kZipOk, 2});
     cases.push_back({std::string("a Zip64 record ") + what + ", the end record all ones", ones, kZipCorrupt, 0});
   }
-  for (const EndCase& c : cases) {
-    const Unpacked got = UnpackAll(c.bytes);
-    EXPECT_EQ(c.expected, got.result) << c.what;
-    EXPECT_EQ(c.entries, got.count) << c.what;
+  for (const auto& [what, bytes, expected, entries] : cases) {
+    const Unpacked got = UnpackAll(bytes);
+    EXPECT_EQ(expected, got.result) << what;
+    EXPECT_EQ(entries, got.count) << what;
   }
 }
 
@@ -270,16 +266,11 @@ std::string UnicodePath(const std::string& raw, const std::string& utf8, uint32_
 // elsewhere UTF-8 when they read so and else their bytes. What has no exact
 // Western form is shown with stand-ins and unusable.
 TEST(ZipCoreNames, NamesAreReadByTheirFlagFieldAndHost) {
-  struct Case {
-    std::string what;
-    ZipItem item;
-    std::string name;
-    bool usable;
-  };
   const std::string cote = "C\xC3\xB4te.txt";  // C3 B4 are box-drawing characters in IBM 437
   const std::string oem = "\x82t\x82.txt";     // été in IBM 437
   const std::string wide_name = std::string(100, 'd') + "/" + std::string(199, 'f');
-  std::vector<Case> cases = {
+  // What the case is, the entry, the name read, and whether it is usable.
+  std::vector<std::tuple<std::string, ZipItem, std::string, bool>> cases = {
       {"Unix: not UTF-8, the bytes", {oem, "1", false, false, 0, 3}, oem, true},
       {"Unix: UTF-8", {cote, "1", false, false, 0, 3}, "C\xF4te.txt", true},
       {"Unix: UTF-8 without a Western form", {"\xE6\x97\xA5.txt", "1", false, false, 0, 3}, "?.txt", false},
@@ -308,16 +299,16 @@ TEST(ZipCoreNames, NamesAreReadByTheirFlagFieldAndHost) {
                                   std::pair{"\xFF", "?"}, std::pair{"x\xE2\x82(", "x?("}}) {
     cases.push_back({"invalid UTF-8", {raw, "1", false, false, kUtf8}, name, false});
   }
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what + ": " + c.item.name);
-    const std::string bytes = BuildZip({c.item});
+  for (const auto& [what, item, name, usable] : cases) {
+    SCOPED_TRACE(what + ": " + item.name);
+    const std::string bytes = BuildZip({item});
     zip::MemorySource source(bytes.data(), bytes.size());
     zip::Directory directory;
     zip::EntryInfo entry;
     ASSERT_EQ(kZipOk, directory.Read(source, zip::kNativeNames));
     ASSERT_EQ(kZipOk, directory.Entry(0, &entry));
-    EXPECT_EQ(c.name, entry.name);
-    EXPECT_EQ(c.usable, entry.usable);
+    EXPECT_EQ(name, entry.name);
+    EXPECT_EQ(usable, entry.usable);
     EXPECT_EQ(kZipBadArguments, directory.Entry(1, &entry));
   }
 }

@@ -47,19 +47,17 @@ class FileOpsTest : public LogFixture {
 };
 
 TEST_F(FileOpsTest, CopyRejectsEmptyArgumentsAndSourcesThatCannotBeListed) {
-  struct Case {
-    std::string destination, source;
-    int result;
-    bool failed_line;
-  };
+  // Destination, source, result, and whether the failure is logged.
+  using Case = std::tuple<std::string, std::string, int, bool>;
   Make({{"dst\\", ""}});
-  for (const Case& c : {Case{In("dst"), "", kCopyEmptyArgument, true}, Case{"", In("dst"), kCopyEmptyArgument, true},
-                        Case{In("dst"), In("missing"), kCopySourceUnlisted, false}}) {
-    SCOPED_TRACE(c.source + " -> " + c.destination);
+  for (const auto& [destination, source, result, failed_line] :
+       {Case{In("dst"), "", kCopyEmptyArgument, true}, Case{"", In("dst"), kCopyEmptyArgument, true},
+        Case{In("dst"), In("missing"), kCopySourceUnlisted, false}}) {
+    SCOPED_TRACE(source + " -> " + destination);
     ClearLog();
-    EXPECT_EQ(c.result, CopyFileInDir(c.destination, c.source));
-    Lines expected = {"[DETAIL]CopyFileInDir enter.", "[DETAIL]" + c.source, "[DETAIL]" + c.destination};
-    if (c.failed_line) expected.push_back("[ERROR] CopyFileInDir failed.");
+    EXPECT_EQ(result, CopyFileInDir(destination, source));
+    Lines expected = {"[DETAIL]CopyFileInDir enter.", "[DETAIL]" + source, "[DETAIL]" + destination};
+    if (failed_line) expected.push_back("[ERROR] CopyFileInDir failed.");
     EXPECT_EQ(expected, tagged());
   }
 }

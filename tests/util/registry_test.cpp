@@ -49,24 +49,21 @@ TEST_F(RegistryTest, ValuesAreReadFromThe32BitView) {
   ::RegCloseKey(only64);
   DWORD before = 0, after = 0;
   ::GetProcessHandleCount(::GetCurrentProcess(), &before);
-  struct Case {
-    const char *key, *name;
-    DWORD result;
-    std::string value, error;
-  };
-  for (const Case& c : {Case{kKey, "Name", 0, "ThinkPad X13", ""},
+  // Key, value name, result, the value read, and the error logged.
+  using Case = std::tuple<const char*, const char*, DWORD, std::string, std::string>;
+  for (const auto& [key, name, result, expected_value, error] : {Case{kKey, "Name", 0, "ThinkPad X13", ""},
                         Case{kKey, "Longest", 0, longest, ""},  // 124 characters and the terminator fit
                         Case{kKey, "TooLong", 1, "", "RegQueryValueEx error"},  // not in the 125-byte buffer
                         Case{kKey, "Missing", 1, "", "RegQueryValueEx error"},
                         Case{kKey64Only, "Name", 1, "", "RegOpenKeyEx error"}}) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(name);
     ClearLog();
     std::string value = "preset";
     DWORD type = REG_SZ;
-    EXPECT_EQ(c.result, GetRegKeyValue(c.key, c.name, value, type));
-    EXPECT_EQ(c.value, value) << "emptied on failure";
-    Lines expected = {"GetRegKeyValue enter.", c.key, c.name, c.error, "GetRegKeyValue done."};
-    if (c.error.empty()) expected.erase(expected.begin() + 3);
+    EXPECT_EQ(result, GetRegKeyValue(key, name, value, type));
+    EXPECT_EQ(expected_value, value) << "emptied on failure";
+    Lines expected = {"GetRegKeyValue enter.", key, name, error, "GetRegKeyValue done."};
+    if (error.empty()) expected.erase(expected.begin() + 3);
     EXPECT_EQ(expected, messages());
   }
   BYTE raw[16] = {};

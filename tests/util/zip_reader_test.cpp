@@ -134,14 +134,9 @@ Edit Set(bool in_end, size_t field, size_t size, uint32_t value) {
 // name stays as it was (s.txt, replaced by a move), a new one is removed
 // again (d.txt); nothing is written outside the target.
 TEST(ZipReader, DamagedArchivesGiveResultCodesAndLeaveNothingOfAFailedEntry) {
-  struct Damage {
-    const char* label;
-    Edit apply;
-    ZipResult listing;
-    Results results;
-  };
   const bool end = true, central = false;
-  const std::vector<Damage> damages = {
+  // What is damaged, how, and what listing and unpacking give.
+  const std::vector<std::tuple<const char*, Edit, ZipResult, Results>> damages = {
       {"not a zip at all", [](std::string& z, const ZipLayout&) { z = "just some text"; }, bad, {}},
       {"cut in half", [](std::string& z, const ZipLayout&) { z.resize(z.size() / 2); }, bad, {}},
       {"end record cut", [](std::string& z, const ZipLayout&) { z.resize(z.size() - 5); }, bad, {}},
@@ -165,19 +160,19 @@ TEST(ZipReader, DamagedArchivesGiveResultCodesAndLeaveNothingOfAFailedEntry) {
   const std::string text = Noise(300000, 2);
   ZipLayout layout;
   const std::string good = BuildZip({{"s.txt", "stored data"}, {"d.txt", text, true}}, false, &layout);
-  for (const Damage& d : damages) {
-    SCOPED_TRACE(d.label);
+  for (const auto& [label, apply, listing, results] : damages) {
+    SCOPED_TRACE(label);
     std::string bytes = good;
-    d.apply(bytes, layout);
+    apply(bytes, layout);
     const Unzipped run = Unzip(bytes, 0, [](const std::string& dir) {
       MakeFolders(dir + "out\\");
       WriteFileBytes(dir + "out\\s.txt", "old");
     });
-    EXPECT_EQ(d.listing, run.listing);
-    EXPECT_EQ(d.results, run.results);
-    EXPECT_EQ(Text(d.listing == ok ? d.results.back() : d.listing), run.recent) << "the most recent result";
-    Files expected = {{"out/", ""}, {"out/s.txt", d.results == Results{ok, ok} ? "stored data" : "old"}};
-    if (d.results == Results{ok, ok}) expected["out/d.txt"] = text;
+    EXPECT_EQ(listing, run.listing);
+    EXPECT_EQ(results, run.results);
+    EXPECT_EQ(Text(listing == ok ? results.back() : listing), run.recent) << "the most recent result";
+    Files expected = {{"out/", ""}, {"out/s.txt", results == Results{ok, ok} ? "stored data" : "old"}};
+    if (results == Results{ok, ok}) expected["out/d.txt"] = text;
     EXPECT_TRUE(expected == run.files);
   }
 }
@@ -243,13 +238,8 @@ TEST(ZipReader, NamesAreHandedOutCleanedAndConvertedAndRefusedWhereUnsafe) {
   ASSERT_EQ(1252u, ::GetACP()) << "the test prefix runs in the Western code page";
   ASSERT_EQ(437u, ::GetOEMCP()) << "and in the US OEM code page";
   const uint16_t utf8 = 0x0800;
-  struct Case {
-    std::string raw;
-    uint16_t flags;
-    std::string name;
-    ZipResult result;
-  };
-  const std::vector<Case> cases = {
+  // The name as stored, its flags, the name handed out, and the result.
+  const std::vector<std::tuple<std::string, uint16_t, std::string, ZipResult>> cases = {
       {"ok.txt", 0, "ok.txt", ok},
       {"d/../../x", 0, "../x", refused},
       {"sub/nul.txt", 0, "sub/nul.txt", refused},
@@ -261,16 +251,16 @@ TEST(ZipReader, NamesAreHandedOutCleanedAndConvertedAndRefusedWhereUnsafe) {
       {"\xE9t\xE9.txt", 0, "?t?.txt", refused},  // IBM 437 theta: no ANSI form
   };
   std::vector<ZipItem> items;
-  for (const Case& c : cases) items.push_back({c.raw, "from " + c.raw, false, false, c.flags});
+  for (const auto& [raw, flags, name, result] : cases) items.push_back({raw, "from " + raw, false, false, flags});
   const Unzipped run = Unzip(BuildZip(items));
   ASSERT_EQ(cases.size(), run.names.size());
   for (size_t i = 0; i < cases.size(); ++i) {
-    EXPECT_EQ(cases[i].name, run.names[i]) << i;
-    EXPECT_EQ(cases[i].result, run.results[i]) << run.names[i];
+    EXPECT_EQ(std::get<2>(cases[i]), run.names[i]) << i;
+    EXPECT_EQ(std::get<3>(cases[i]), run.results[i]) << run.names[i];
   }
   // The tree lists names in UTF-8.
   EXPECT_EQ((Files{{"out/", ""}, {"out/ok.txt", "from ok.txt"}, {"out/\xC3\xA9t\xC3\xA9.txt", "from \x82t\x82.txt"},
-                   {"out/C\xC3\xB4te d\xE2\x80\x99Ivoire.txt", "from " + cases[4].raw}}),
+                   {"out/C\xC3\xB4te d\xE2\x80\x99Ivoire.txt", "from " + std::get<0>(cases[4])}}),
             run.files);
 }
 
