@@ -6,19 +6,14 @@ namespace dorvane::testing {
 
 namespace {
 
-// Raw deflate data of `data`, as a zip entry holds it.
+// Raw deflate data of `data`, as a zip entry holds it: zlib's format without
+// its two-byte header and four-byte checksum.
 std::string Deflate(const std::string& data) {
-  z_stream s = {};
-  deflateInit2(&s, 6, Z_DEFLATED, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY);
-  std::string out(deflateBound(&s, static_cast<uLong>(data.size())), '\0');
-  s.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
-  s.avail_in = static_cast<uInt>(data.size());
-  s.next_out = reinterpret_cast<Bytef*>(&out[0]);
-  s.avail_out = static_cast<uInt>(out.size());
-  deflate(&s, Z_FINISH);
-  out.resize(s.total_out);
-  deflateEnd(&s);
-  return out;
+  uLongf size = compressBound(static_cast<uLong>(data.size()));
+  std::string out(size, '\0');
+  compress2(reinterpret_cast<Bytef*>(&out[0]), &size, reinterpret_cast<const Bytef*>(data.data()),
+            static_cast<uLong>(data.size()), 6);
+  return out.substr(2, size - 6);
 }
 
 struct Written {
