@@ -67,8 +67,8 @@ TEST_F(PackageTest, TargetIsFolderPlusSubFolderPlusBackslashAsGiven) {
 TEST_F(PackageTest, DataInFrontIsSaidOnceAndRefusedOrDamagedEntriesStopNothing) {
   ZipLayout at;
   const std::string stub = "MZ self-extracting stub" + std::string(1001, '\0');
-  std::string bytes = stub + BuildZip({{"ok/inner.txt", "5"}, {"broken.txt", "6"}, {"../USBDriver/Install_Inf.bat", "owned"},
-                                       {"x/../../USBDriver/Uninstall_Inf.bat", "owned"}, {"last.txt", "7"}}, false, &at);
+  std::string bytes = stub + BuildZip({{"ok/inner.txt", "5"}, {"broken.txt", "6"}, {"../USBDriver/Install_Inf.bat", "x"},
+                                       {"x/../../USBDriver/Uninstall_Inf.bat", "x"}, {"last.txt", "7"}}, false, &at);
   bytes[stub.size() + at.local[1]] = 'X';
   WriteFileBytes(In("names.zip"), bytes);
   MakeFolders(In("box\\USBDriver\\"));
