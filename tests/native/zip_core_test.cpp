@@ -222,11 +222,10 @@ TEST(ZipCore, EntryDataMayLieInAnyOrderButNeverSharedOrOverlapping) {
   // bytes of padding between the data and the directory.
   ZipLayout two;
   const std::string pair = BuildZip({{"first", "1111"}, {"second", "22"}}, false, &two);
-  std::string end = pair.substr(two.end);
-  PutLe32(end, kEndOffsetField, static_cast<uint32_t>(two.central[0] + 100));
   const Unpacked got = UnpackAll(pair.substr(0, two.central[0]) + std::string(100, '\0') +
                                  pair.substr(two.central[1], two.end - two.central[1]) +
-                                 pair.substr(two.central[0], two.central[1] - two.central[0]) + end);
+                                 pair.substr(two.central[0], two.central[1] - two.central[0]) +
+                                 EndRecords(2, two.end - two.central[0], two.central[0] + 100));
   EXPECT_EQ(kZipOk, got.result);
   EXPECT_EQ((Lines{"22", "1111"}), got.texts);
 }
