@@ -98,7 +98,8 @@ Unzipped Unzip(const std::string& bytes, unsigned threads = 0, const std::functi
 
 // Zip64 as the builder writes it (sizes and offsets only in extra fields, both
 // end records) beside plain entries; every file carries its entry's time.
-// (The other entry kinds and Zip64 forms are asked on other writers' archives.)
+// (The other entry kinds and Zip64 forms, and the entry records, are asked on
+// other writers' archives.)
 TEST(ZipReader, Zip64AndPlainEntriesUnpackWithTheirTimes) {
   const std::string big = Noise(1500000);
   const Unzipped run = Unzip(BuildZip({{"stored.txt", "plain bytes"}, {"folder/", ""},
@@ -108,14 +109,6 @@ TEST(ZipReader, Zip64AndPlainEntriesUnpackWithTheirTimes) {
   EXPECT_TRUE(run.files == (Files{{"out/", ""}, {"out/stored.txt", "plain bytes"}, {"out/folder/", ""},
                                   {"out/unlisted/", ""}, {"out/unlisted/s64.txt", "stored"}, {"out/d64.img", big}}));
   EXPECT_EQ((Lines{"out/d64.img", "out/stored.txt", "out/unlisted/s64.txt"}), run.stamped);
-  ZipHandle zip = OpenZip((run.dir + "\\a.zip").c_str());
-  ZipEntry entry;
-  ASSERT_EQ(kZipOk, GetZipItem(zip, 3, &entry));
-  CloseZip(zip);
-  EXPECT_EQ(3, entry.index);
-  EXPECT_EQ(static_cast<long long>(big.size()), entry.size);
-  EXPECT_LT(entry.compressed_size, entry.size);
-  EXPECT_EQ(0u, entry.attributes & FILE_ATTRIBUTE_DIRECTORY);
 }
 
 using Edit = std::function<void(std::string&, const ZipLayout&)>;
