@@ -14,28 +14,20 @@
 namespace dorvane {
 namespace {
 
-using testing::BuildZip;
-using testing::Le;
-using testing::PutLe16;
-using testing::PutLe32;
-using testing::ZipItem;
-using testing::ZipLayout;
+using namespace testing;  // dorvane::testing
 using Lines = std::vector<std::string>;
 
 constexpr uint16_t kUtf8 = 0x0800;
 
-class StringSink : public zip::Sink {
- public:
-  explicit StringSink(size_t fail_after) : fail_after_(fail_after) {}
+struct StringSink : zip::Sink {
+  explicit StringSink(size_t limit) : fail_after(limit) {}
   ZipResult Write(const unsigned char* data, size_t size) override {
-    if (text.size() + size > fail_after_) return kZipWriteError;
+    if (text.size() + size > fail_after) return kZipWriteError;
     text.append(reinterpret_cast<const char*>(data), size);
     return kZipOk;
   }
+  size_t fail_after;
   std::string text;
-
- private:
-  size_t fail_after_;
 };
 
 // Reading an archive and unpacking its entries in order, each into a sink that
@@ -103,25 +95,20 @@ TEST(ZipCore, ASinkThatFailsStopsTheEntryWithItsResult) {
 
 // A source that claims `size` bytes of zeros ending in the given tail,
 // without holding them.
-class ClaimingSource : public zip::Source {
- public:
-  ClaimingSource(uint64_t size, std::string tail) : size_(size), tail_(std::move(tail)) {}
-  uint64_t Size() const override { return size_; }
-  bool ReadAt(uint64_t offset, void* buffer, size_t size) override {
-    if (offset > size_ || size > size_ - offset) return false;
-    unsigned char* out = static_cast<unsigned char*>(buffer);
-    for (size_t i = 0; i < size; ++i) {
-      const uint64_t from_end = size_ - (offset + i);
-      out[i] = from_end <= tail_.size() ? static_cast<unsigned char>(tail_[tail_.size() - from_end]) : 0;
+struct ClaimingSource : zip::Source {
+  ClaimingSource(uint64_t claimed, std::string bytes) : size(claimed), tail(std::move(bytes)) {}
+  uint64_t Size() const override { return size; }
+  bool ReadAt(uint64_t offset, void* buffer, size_t count) override {
+    if (offset > size || count > size - offset) return false;
+    for (size_t i = 0; i < count; ++i) {
+      const uint64_t from_end = size - (offset + i);
+      static_cast<char*>(buffer)[i] = from_end <= tail.size() ? tail[tail.size() - from_end] : '\0';
     }
-    reads += size;
+    reads += count;
     return true;
   }
-  uint64_t reads = 0;
-
- private:
-  uint64_t size_;
-  std::string tail_;
+  uint64_t size, reads = 0;
+  std::string tail;
 };
 
 TEST(ZipCore, CountsBeyondTheLimitOrTheBytesAreRefusedBeforeReadingTheDirectory) {
@@ -129,7 +116,7 @@ TEST(ZipCore, CountsBeyondTheLimitOrTheBytesAreRefusedBeforeReadingTheDirectory)
   using Count = std::pair<uint64_t, ZipResult>;
   for (const auto& [count, expected] :
        {Count{dir / 46 + 1, kZipCorrupt}, Count{zip::kMaxEntries + 1, kZipNoMemory}, Count{~0ull, kZipCorrupt}}) {
-    ClaimingSource source(dir + 98, testing::Zip64EndRecords(dir, count, dir, 0));
+    ClaimingSource source(dir + 98, EndRecords(count, dir, 0, true, dir));
     zip::Directory directory;
     EXPECT_EQ(expected, directory.Read(source, zip::kNativeNames)) << count;
     EXPECT_EQ(0u, directory.count());
@@ -137,12 +124,8 @@ TEST(ZipCore, CountsBeyondTheLimitOrTheBytesAreRefusedBeforeReadingTheDirectory)
   }
 }
 
-struct EndCase {
-  std::string what;
-  std::string bytes;
-  ZipResult expected;
-  size_t entries;
-};
+// What the case is, the archive, and the result and entry count it reads with.
+using EndCase = std::tuple<std::string, std::string, ZipResult, size_t>;
 
 // A Zip64 locator counts only with its whole record in place; the end record
 // holds all ones where the Zip64 record holds the value, and any other
@@ -151,24 +134,19 @@ TEST(ZipCore, TheEndRecordsGiveOneWholeReadingOrNone) {
   const std::string sig64("PK\x06\x06", 4), locator("PK\x06\x07", 4);
   const ZipItem first{"a.txt", "first"};
   // Names end right before the end record, where a Zip64 locator would sit, and
-  // may hold any bytes. Here the last name holds a locator whose "record" is
-  // the Zip64 end signature in the name before it, name bytes as its size.
+  // may hold any bytes. (A locator in a name pointing at a Zip64 signature in
+  // the name before it is asked on an archive of Python's zipfile.)
   ZipLayout at;
-  const ZipItem holder{"zip64 " + sig64 + " end.txt", "2"};
-  BuildZip({first, holder, {"locator " + locator + std::string(16, 'z'), "3"}}, false, &at);
-  const std::string pointing = "locator " + locator + Le(0, 4) + Le(at.central[1] + 46 + 6, 8) + "zzzz";
   // The last name ends in a whole Zip64 record and locator that name the
   // directory the name itself lies in, as the end record does.
   const std::string placeholder(80, 'w');
   BuildZip({first, {placeholder, "2"}}, false, &at);
-  const std::string in_name = testing::Zip64EndRecords(at.end - 76, 2, at.end - at.central[0], at.central[0]);
-  const std::string records = testing::Zip64EndRecords(0, 1, 46, 0);
+  const std::string in_name = EndRecords(2, at.end - at.central[0], at.central[0], true, at.end - 76);
+  const std::string records = EndRecords(1, 46, 0, true);
   std::vector<EndCase> cases = {
       {"the signatures in a name", BuildZip({first, {"zip64 " + sig64 + " mid " + locator + ".txt", "2"}}), kZipOk, 2},
       {"a locator of name bytes pointing past itself",
        BuildZip({first, {"tail " + locator + std::string(16, 'x'), "2"}}), kZipOk, 2},
-      {"a locator of name bytes pointing at a signature in a name", BuildZip({first, holder, {pointing, "3"}}), kZipOk,
-       3},
       {"a record of name bytes right before a locator pointing short of it",
        BuildZip({first, {sig64 + std::string(52, 'y') + locator + "zzzz" + Le(0, 8) + "zzzz", "2"}}), kZipOk, 2},
       {"a whole Zip64 record of name bytes naming the directory around it",
@@ -185,11 +163,7 @@ TEST(ZipCore, TheEndRecordsGiveOneWholeReadingOrNone) {
   // The end record's count, size and offset; the Zip64 record's count and size.
   auto with = [&](uint16_t count, uint32_t end_size, uint32_t end_offset, uint64_t zip64_count = 2,
                   uint32_t zip64_size = 0) {
-    std::string bytes = zip64;
-    PutLe16(bytes, at.end + testing::kEndDiskCountField, count);
-    PutLe16(bytes, at.end + testing::kEndCountField, count);
-    PutLe32(bytes, at.end + testing::kEndSizeField, end_size);
-    PutLe32(bytes, at.end + testing::kEndOffsetField, end_offset);
+    std::string bytes = zip64.substr(0, at.end) + EndRecords(count, end_size, end_offset);
     for (size_t field : {24u, 32u}) PutLe32(bytes, record + field, static_cast<uint32_t>(zip64_count));
     if (zip64_size != 0) PutLe32(bytes, record + 40, zip64_size);
     return bytes;
@@ -218,10 +192,10 @@ TEST(ZipCore, TheEndRecordsGiveOneWholeReadingOrNone) {
     cases.push_back({std::string("a Zip64 record ") + what + ", the end record in full", full, kZipOk, 2});
     cases.push_back({std::string("a Zip64 record ") + what + ", the end record all ones", ones, kZipCorrupt, 0});
   }
-  for (const EndCase& c : cases) {
-    const Unpacked got = UnpackAll(c.bytes);
-    EXPECT_EQ(c.expected, got.result) << c.what;
-    EXPECT_EQ(c.entries, got.count) << c.what;
+  for (const auto& [what, bytes, expected, entries] : cases) {
+    const Unpacked got = UnpackAll(bytes);
+    EXPECT_EQ(expected, got.result) << what;
+    EXPECT_EQ(entries, got.count) << what;
   }
 }
 
@@ -248,11 +222,10 @@ TEST(ZipCore, EntryDataMayLieInAnyOrderButNeverSharedOrOverlapping) {
   // bytes of padding between the data and the directory.
   ZipLayout two;
   const std::string pair = BuildZip({{"first", "1111"}, {"second", "22"}}, false, &two);
-  std::string end = pair.substr(two.end);
-  PutLe32(end, testing::kEndOffsetField, static_cast<uint32_t>(two.central[0] + 100));
   const Unpacked got = UnpackAll(pair.substr(0, two.central[0]) + std::string(100, '\0') +
                                  pair.substr(two.central[1], two.end - two.central[1]) +
-                                 pair.substr(two.central[0], two.central[1] - two.central[0]) + end);
+                                 pair.substr(two.central[0], two.central[1] - two.central[0]) +
+                                 EndRecords(2, two.end - two.central[0], two.central[0] + 100));
   EXPECT_EQ(kZipOk, got.result);
   EXPECT_EQ((Lines{"22", "1111"}), got.texts);
 }
@@ -277,14 +250,14 @@ TEST(ZipCore, DataInFrontOfTheArchiveIsFoundAndSkipped) {
   // Offsets that fit no shift stay corrupt: the directory is neither where the
   // end record says nor where it would end at the end record.
   std::string moved = archive;
-  PutLe32(moved, at.end + testing::kEndOffsetField, static_cast<uint32_t>(at.central[0] - 5));
+  PutLe32(moved, at.end + kEndOffsetField, static_cast<uint32_t>(at.central[0] - 5));
   moved.insert(at.central[0], "junk!");
   EXPECT_EQ(kZipCorrupt, UnpackAll(moved).result);
 }
 
 // The Unicode Path extra field for `raw`, naming it `utf8`.
 std::string UnicodePath(const std::string& raw, const std::string& utf8, uint32_t crc_delta = 0) {
-  return Le(0x7075, 2) + Le(5 + utf8.size(), 2) + Le(1, 1) + Le(testing::Crc32(raw) + crc_delta, 4) + utf8;
+  return Le(0x7075, 2) + Le(5 + utf8.size(), 2) + Le(1, 1) + Le(Crc32(raw) + crc_delta, 4) + utf8;
 }
 
 // Names are UTF-8 with the flag; else the Unicode Path field's when its CRC
@@ -292,27 +265,15 @@ std::string UnicodePath(const std::string& raw, const std::string& utf8, uint32_
 // elsewhere UTF-8 when they read so and else their bytes. What has no exact
 // Western form is shown with stand-ins and unusable.
 TEST(ZipCoreNames, NamesAreReadByTheirFlagFieldAndHost) {
-  struct Case {
-    const char* what;
-    ZipItem item;
-    std::string name;
-    bool usable;
-  };
   const std::string cote = "C\xC3\xB4te.txt";  // C3 B4 are box-drawing characters in IBM 437
   const std::string oem = "\x82t\x82.txt";     // été in IBM 437
   const std::string wide_name = std::string(100, 'd') + "/" + std::string(199, 'f');
-  std::vector<Case> cases = {
-      {"MS-DOS", {oem, "1"}, "\xE9t\xE9.txt", true},
-      {"OS/2 HPFS", {oem, "1", false, false, 0, 6}, "\xE9t\xE9.txt", true},
-      {"NTFS", {oem, "1", false, false, 0, 11}, "\xE9t\xE9.txt", true},
-      {"VFAT", {oem, "1", false, false, 0, 14}, "\xE9t\xE9.txt", true},
+  // What the case is, the entry, the name read, and whether it is usable.
+  std::vector<std::tuple<std::string, ZipItem, std::string, bool>> cases = {
       {"Unix: not UTF-8, the bytes", {oem, "1", false, false, 0, 3}, oem, true},
-      {"Unix: Latin-1 bytes", {"\xE9t\xE9.txt", "1", false, false, 0, 3}, "\xE9t\xE9.txt", true},
       {"Unix: UTF-8", {cote, "1", false, false, 0, 3}, "C\xF4te.txt", true},
       {"Unix: UTF-8 without a Western form", {"\xE6\x97\xA5.txt", "1", false, false, 0, 3}, "?.txt", false},
-      {"MS-DOS: IBM 437 theta", {"\xE9t\xE9", "1"}, "?t?", false},
       {"MS-DOS: IBM 437 box drawing", {cote, "1"}, "C??te.txt", false},
-      {"UTF-8 flag", {"\xC3\xA9t\xC3\xA9", "1", false, false, kUtf8}, "\xE9t\xE9", true},
       {"UTF-8 flag, Windows-1252", {"C\xC3\xB4te d\xE2\x80\x99Ivoire \xE2\x82\xAC\xC5\xB8\xC3\xBF", "1", false, false, kUtf8},
        "C\xF4te d\x92Ivoire \x80\x9F\xFF", true},
       // Look-alikes have no exact form: fullwidth "/" and ".", a division slash.
@@ -325,6 +286,10 @@ TEST(ZipCoreNames, NamesAreReadByTheirFlagFieldAndHost) {
       {"Unicode Path field, cleaned", {"a", "1", false, false, 0, 0, UnicodePath("a", "../../x.txt")}, "x.txt", true},
       {"cut at 259 characters", {wide_name, "1"}, wide_name.substr(0, 259), true},
   };
+  // MS-DOS, OS/2 HPFS, NTFS, VFAT.
+  for (uint8_t host : {0, 6, 11, 14}) {
+    cases.push_back({"host " + std::to_string(host), {oem, "1", false, false, 0, host}, "\xE9t\xE9.txt", true});
+  }
   // UTF-8 is decoded strictly: overlong ".", in two and three bytes; a
   // surrogate; above U+10FFFF; cut; a continuation byte alone; never valid;
   // cut by an ASCII byte.
@@ -333,16 +298,16 @@ TEST(ZipCoreNames, NamesAreReadByTheirFlagFieldAndHost) {
                                   std::pair{"\xFF", "?"}, std::pair{"x\xE2\x82(", "x?("}}) {
     cases.push_back({"invalid UTF-8", {raw, "1", false, false, kUtf8}, name, false});
   }
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.what) + ": " + c.item.name);
-    const std::string bytes = BuildZip({c.item});
+  for (const auto& [what, item, name, usable] : cases) {
+    SCOPED_TRACE(what + ": " + item.name);
+    const std::string bytes = BuildZip({item});
     zip::MemorySource source(bytes.data(), bytes.size());
     zip::Directory directory;
     zip::EntryInfo entry;
     ASSERT_EQ(kZipOk, directory.Read(source, zip::kNativeNames));
     ASSERT_EQ(kZipOk, directory.Entry(0, &entry));
-    EXPECT_EQ(c.name, entry.name);
-    EXPECT_EQ(c.usable, entry.usable);
+    EXPECT_EQ(name, entry.name);
+    EXPECT_EQ(usable, entry.usable);
     EXPECT_EQ(kZipBadArguments, directory.Entry(1, &entry));
   }
 }
@@ -376,22 +341,13 @@ TEST(ZipCoreNames, OnlyOutputPathsThatStayInTheirFolderAndNameFilesArePassed) {
   EXPECT_EQ(kZipNoFile, CheckOutputPath(nullptr));
 }
 
-TEST(ZipCoreNames, EveryResultCodeHasItsText) {
+// The texts are a fixed table; asked here are its ends, the legacy spelling
+// kept, and codes between or beside the listed ones.
+TEST(ZipCoreNames, ResultCodesHaveTheirTextsAndOthersOneForAll) {
   const std::vector<std::pair<ZipResult, std::string>> texts = {
-      {0x0, "Success"}, {0x100, "Culdn't duplicate handle"}, {0x200, "Couldn't create/open file"},
-      {0x300, "Failed to allocate memory"}, {0x400, "Error writing to file"}, {0x500, "File not found in the zipfile"},
-      {0x600, "Still more data to unzip"}, {0x700, "Zipfile is corrupt or not a zipfile"}, {0x800, "Error reading file"},
-      {0x1000, "Correct password required"}, {0x10000, "Caller: faulty arguments"},
-      {0x20000, "Caller: can only get memory of a memory zipfile"},
-      {0x30000, "Caller: not enough space allocated for memory zipfile"},
-      {0x40000, "Caller: there was a previous error"}, {0x50000, "Caller: additions to the zip have already been ended"},
-      {0x60000, "Zip-bug: the anticipated size turned out wrong"},
-      {0x70000, "Caller: the file had already been partially unzipped"},
-      {0x80000, "Caller: mixing creation and opening of zip"},
-      {0x1000000, "Zip-bug: internal initialisation not completed"},
-      {0x2000000, "Zip-bug: trying to seek the unseekable"}, {0x4000000, "Zip-bug: tried to change mind, but not allowed"},
+      {0x0, "Success"}, {0x100, "Culdn't duplicate handle"}, {0x700, "Zipfile is corrupt or not a zipfile"},
       {0x5000000, "Zip-bug: an internal error during flation"}, {0x2, "unknown zip result code"},
-      {0x701, "unknown zip result code"}};
+      {0x701, "unknown zip result code"}, {0x90000, "unknown zip result code"}};
   for (const auto& [code, text] : texts) EXPECT_EQ(text, ZipResultText(code)) << std::hex << code;
 }
 

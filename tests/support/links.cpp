@@ -1,7 +1,5 @@
 #include "support/links.h"
 
-#include <algorithm>
-
 #include "util/scoped_handle.h"
 
 namespace dorvane::testing {
@@ -14,10 +12,9 @@ UnixFileNameFn WineUnixFileName() {
       ::GetProcAddress(::GetModuleHandleA("kernel32.dll"), "wine_get_unix_file_name")));
 }
 
+// The tests' folders have ASCII names.
 std::string UnixName(const std::string& path) {
-  std::wstring wide(path.size(), L'\0');
-  wide.resize(static_cast<size_t>(std::max(0, ::MultiByteToWideChar(CP_ACP, 0, path.data(), static_cast<int>(path.size()),
-                                                                    wide.data(), static_cast<int>(wide.size())))));
+  const std::wstring wide(path.begin(), path.end());
   char* name = WineUnixFileName()(wide.c_str());
   if (name == nullptr) return "";
   std::string out(name);

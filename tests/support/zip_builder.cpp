@@ -6,19 +6,14 @@ namespace dorvane::testing {
 
 namespace {
 
-// Raw deflate data of `data`, as a zip entry holds it.
+// Raw deflate data of `data`, as a zip entry holds it: zlib's format without
+// its two-byte header and four-byte checksum.
 std::string Deflate(const std::string& data) {
-  z_stream s = {};
-  deflateInit2(&s, 6, Z_DEFLATED, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY);
-  std::string out(deflateBound(&s, static_cast<uLong>(data.size())), '\0');
-  s.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
-  s.avail_in = static_cast<uInt>(data.size());
-  s.next_out = reinterpret_cast<Bytef*>(&out[0]);
-  s.avail_out = static_cast<uInt>(out.size());
-  deflate(&s, Z_FINISH);
-  out.resize(s.total_out);
-  deflateEnd(&s);
-  return out;
+  uLongf size = compressBound(static_cast<uLong>(data.size()));
+  std::string out(size, '\0');
+  compress2(reinterpret_cast<Bytef*>(&out[0]), &size, reinterpret_cast<const Bytef*>(data.data()),
+            static_cast<uLong>(data.size()), 6);
+  return out.substr(2, size - 6);
 }
 
 struct Written {
@@ -41,19 +36,18 @@ std::string Zip64Extra(const ZipItem& item, const Written& w, bool with_offset) 
          (with_offset ? Le(w.offset, 8) : "");
 }
 
-// The end records; a Zip64 end record is taken to start at `record`.
-std::string End(uint64_t count, uint64_t cd_offset, uint64_t cd_size, bool zip64, uint64_t record) {
+}  // namespace
+
+std::string EndRecords(uint64_t count, uint64_t dir_size, uint64_t dir_offset, bool zip64, uint64_t zip64_at) {
   std::string out;
   if (zip64) {
     out = Le(0x06064b50, 4) + Le(44, 8) + Le(45, 2) + Le(45, 2) + Le(0, 8) + Le(count, 8) + Le(count, 8) +
-          Le(cd_size, 8) + Le(cd_offset, 8) + Le(0x07064b50, 4) + Le(0, 4) + Le(record, 8) + Le(1, 4);
-    count = cd_size = cd_offset = ~0ull;
+          Le(dir_size, 8) + Le(dir_offset, 8) + Le(0x07064b50, 4) + Le(0, 4) + Le(zip64_at, 8) + Le(1, 4);
+    count = dir_size = dir_offset = ~0ull;
   }
-  return out + Le(0x06054b50, 4) + Le(0, 4) + Le(count, 2) + Le(count, 2) + Le(cd_size, 4) +
-         Le(cd_offset, 4) + Le(0, 2);
+  return out + Le(0x06054b50, 4) + Le(0, 4) + Le(count, 2) + Le(count, 2) + Le(dir_size, 4) +
+         Le(dir_offset, 4) + Le(0, 2);
 }
-
-}  // namespace
 
 std::string Le(uint64_t value, size_t bytes) {
   std::string out;
@@ -66,12 +60,7 @@ uint32_t Crc32(const std::string& data) {
       crc32(0, reinterpret_cast<const Bytef*>(data.data()), static_cast<uInt>(data.size())));
 }
 
-void PutLe16(std::string& bytes, size_t at, uint16_t value) { bytes.replace(at, 2, Le(value, 2)); }
 void PutLe32(std::string& bytes, size_t at, uint32_t value) { bytes.replace(at, 4, Le(value, 4)); }
-
-std::string Zip64EndRecords(uint64_t at, uint64_t count, uint64_t dir_size, uint64_t dir_offset) {
-  return End(count, dir_offset, dir_size, true, at);
-}
 
 std::string BuildZip(const std::vector<ZipItem>& items, bool zip64_end, ZipLayout* layout) {
   ZipLayout local_layout;
@@ -96,7 +85,7 @@ std::string BuildZip(const std::vector<ZipItem>& items, bool zip64_end, ZipLayou
   }
   for (size_t& c : at.central) c += out.size();
   at.end = out.size() + central.size() + (zip64_end ? 76 : 0);
-  return out + central + End(items.size(), out.size(), central.size(), zip64_end, at.end - 76);
+  return out + central + EndRecords(items.size(), central.size(), out.size(), zip64_end, at.end - 76);
 }
 
 }  // namespace dorvane::testing

