@@ -265,12 +265,6 @@ class BoxCase(unittest.TestCase):
     def ctl(self, *args, **kw):
         return self.box.run([self.ctl_exe] + list(args), **kw)
 
-    def ctl_json(self, *args, status=0):
-        # The JSON object of a --json run that must exit with `status`.
-        result = self.last = self.ctl("--json", *args)
-        self.assertEqual(status, result.returncode, result.stdout + result.stderr)
-        return json.loads(result.stdout)
-
     def assertRuns(self, rows, program=None, at_once=1, cwd=None, say="dorvanectl: "):
         # Each (arguments, exit status, standard output, standard error) row
         # of `program` (dorvanectl by default), `at_once` rows at a time.
