@@ -22,6 +22,8 @@ LOG_PATH = r"C:\Windows\WWAN\DorvaneBin\Dorvane.log"
 INSTALL_DIR = r"C:\Program Files\Dorvane"
 STOPPED, START_PENDING, STOP_PENDING, RUNNING = 1, 2, 3, 4
 OWN_TOOLS = ("dorvanectl.exe", "mbnsimctl.exe")
+# The simulator's counters of what a process left behind: all 0 after a clean exit.
+LEFTOVERS = ("LiveObjects", "AdvisedSinks", "BadReleases", "BadUnadvises", "PendingCompletions")
 ARGS = None  # the options of the running test script (test_main)
 
 
@@ -71,10 +73,7 @@ class WineBox:
                 proc.kill()
                 proc.wait()
                 raise
-            text = []
-            for f in (out, err):
-                f.seek(0)
-                text.append(f.read().decode("utf-8", "replace").replace("\r\n", "\n"))
+            text = [f.seek(0) or f.read().decode("utf-8", "replace").replace("\r\n", "\n") for f in (out, err)]
         # Wine's own complaint of a thread that a simulator-using process left
         # talking to the wine server as it exited.
         text[1] = "".join(l for l in text[1].splitlines(True) if not l.startswith("wine client error:"))
@@ -90,30 +89,29 @@ class WineBox:
 
     def run(self, args, timeout=120, check=False, cwd=None):
         result = self.finish(self.spawn(args, cwd), timeout)
-        if check and result.returncode != 0:
-            raise subprocess.CalledProcessError(result.returncode, result.args, result.stdout,
-                                                result.stderr)
+        if check and result.returncode:
+            raise AssertionError("%s: exit %d\n%s%s" % (" ".join(result.args), result.returncode, result.stdout,
+                                                        result.stderr))
         return result
 
-    def run_all(self, commands, at_once=6, timeout=120):
+    def run_all(self, commands, at_once=6, timeout=120, cwd=None):
         # Independent programs, `at_once` at a time; their results in order.
         results = []
         for start in range(0, len(commands), at_once):
-            handles = [self.spawn(args) for args in commands[start:start + at_once]]
+            handles = [self.spawn(args, cwd) for args in commands[start:start + at_once]]
             results += [self.finish(h, timeout) for h in handles]
         return results
 
     def keep_alive(self):
         # Wine ends service processes when the prefix's last ordinary process
         # exits: one such process waits on its input until close().
-        if self._keepalive is None:
-            self._keepalive = subprocess.Popen(["wine", "cmd", "/c", "pause"], env=self.env,
-                                               stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
-                                               stderr=subprocess.DEVNULL)
+        self._keepalive = self._keepalive or subprocess.Popen(["wine", "cmd", "/c", "pause"], env=self.env,
+                                                              stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
+                                                              stderr=subprocess.DEVNULL)
 
     def close(self, discard=False):
         # Ends every Wine process of the prefix; `discard` also deletes the prefix.
-        if self._keepalive is not None:
+        if self._keepalive:
             self._keepalive.kill()
             self._keepalive.wait()
             self._keepalive = None
@@ -130,18 +128,19 @@ class WineBox:
 
     # -- files -----------------------------------------------------------
     def unix_path(self, windows_path):
-        drive, rest = windows_path[0].lower(), windows_path[2:].replace("\\", "/")
-        path = os.path.realpath(os.path.join(self.prefix, "dosdevices", drive + ":"))
+        path = os.path.realpath(os.path.join(self.prefix, "dosdevices", windows_path[0].lower() + ":"))
         # The prefix's own folders are lower-case; Windows names are not.
-        for part in [p for p in rest.split("/") if p]:
+        for part in [p for p in windows_path[2:].replace("\\", "/").split("/") if p]:
             names = os.listdir(path) if os.path.isdir(path) else []
             path = os.path.join(path, next((n for n in names if n.lower() == part.lower()), part))
         return path
 
-    def put_file(self, source, windows_dir):
+    def put_file(self, source, windows_dir, name=None):
+        # Copies `source` into `windows_dir` (as `name` if given); gives its Windows path.
+        target = windows_dir.rstrip("\\") + "\\" + (name or os.path.basename(source))
         os.makedirs(self.unix_path(windows_dir), exist_ok=True)
-        shutil.copy(source, self.unix_path(windows_dir))
-        return windows_dir.rstrip("\\") + "\\" + os.path.basename(source)
+        shutil.copy(source, self.unix_path(target))
+        return target
 
     def write(self, windows_path, data):
         # Text as UTF-8, bytes as they are; the folders are made. Gives the path.
@@ -151,25 +150,22 @@ class WineBox:
             f.write(data if isinstance(data, bytes) else data.encode())
         return windows_path
 
-    def read(self, windows_path):
+    def read(self, windows_path=LOG_PATH):
+        # The file's bytes, None when there is no such file.
         path = self.unix_path(windows_path)
-        if not os.path.isfile(path):
-            return None
-        with open(path, "rb") as f:
-            return f.read()
+        if os.path.isfile(path):
+            with open(path, "rb") as f:
+                return f.read()
 
-    def read_log(self, windows_path=LOG_PATH):
-        return self.read(windows_path)
+    read_log = read
 
     def log_messages(self, windows_path=LOG_PATH):
         return messages(parse_log(self.read(windows_path) or b""))
 
     # -- registry and services ---------------------------------------------
     def reg_add(self, key, value=None, data=None, kind="REG_SZ"):
-        args = ["reg", "add", key, "/f"]
-        if value is not None:
-            args += ["/v", value, "/t", kind, "/d", str(data)]
-        return self.run(args, check=True)
+        return self.run(["reg", "add", key, "/f"] + (["/v", value, "/t", kind, "/d", str(data)] if value else []),
+                        check=True)
 
     def sc(self, *args):
         return self.run(["sc"] + list(args))
@@ -179,10 +175,8 @@ class WineBox:
 
     def query(self, name=SERVICE_NAME):
         # (state, win32 exit code), or None when the service does not exist.
-        out = self.sc("query", name).stdout
-        state = re.search(r"STATE\s*:\s*(\d+)", out)
-        code = re.search(r"WIN32_EXIT_CODE\s*:\s*(\d+)", out)
-        return (int(state.group(1)), int(code.group(1)) if code else None) if state else None
+        found = re.search(r"STATE\s*:\s*(\d+)(?:[\s\S]*?WIN32_EXIT_CODE\s*:\s*(\d+))?", self.sc("query", name).stdout)
+        return tuple(int(n) if n else None for n in found.groups()) if found else None
 
     def wait_state(self, state, name=SERVICE_NAME, timeout=60):
         deadline = time.monotonic() + timeout
@@ -206,17 +200,15 @@ class WineBox:
         return [self._simctl] + [str(a) for a in args]
 
     def simctl(self, *args):
-        result = self.run(self.simctl_args(*args))
-        if result.returncode != 0:
-            raise RuntimeError("mbnsimctl %s failed: %s%s" % (" ".join(map(str, args)),
-                                                             result.stdout, result.stderr))
-        return result.stdout
+        return self.run(self.simctl_args(*args), check=True).stdout
 
-    def sim_counters(self):
-        # {pid: {counter: value}} for every process that used the simulator.
+    def sim_counters(self, *names):
+        # {pid: {counter: value}} for every process that used the simulator;
+        # only the counters `names` if given.
         out = {}
         for m in re.finditer(r"^pid (\d+): (.*)$", self.simctl("counters"), re.M):
-            out[int(m.group(1))] = {k: int(v) for k, v in (kv.split("=") for kv in m.group(2).split())}
+            found = dict(kv.split("=") for kv in m.group(2).split())
+            out[int(m.group(1))] = {k: int(v) for k, v in found.items() if k in (names or found)}
         return out
 
 
@@ -273,38 +265,31 @@ class BoxCase(unittest.TestCase):
     def ctl(self, *args, **kw):
         return self.box.run([self.ctl_exe] + list(args), **kw)
 
-    def ctl_json(self, *args, status=0):
-        # The JSON object of a --json run that must exit with `status`.
-        result = self.last = self.ctl("--json", *args)
-        self.assertEqual(status, result.returncode, result.stdout + result.stderr)
-        return json.loads(result.stdout)
+    def assertRuns(self, rows, program=None, at_once=1, cwd=None, say="dorvanectl: "):
+        # Each (arguments, exit status, standard output, standard error) row
+        # of `program` (dorvanectl by default), `at_once` rows at a time.
+        # Output given as a dict is the JSON object (its "record" left out), as
+        # a compiled pattern one that it must match; standard error is given
+        # without `say` at its lines' starts and the last line end.
+        results = self.box.run_all([(program or [self.ctl_exe]) + list(r[0]) for r in rows], at_once, cwd=cwd)
+        for (args, status, out, err), result in zip(rows, results):
+            with self.subTest(args=args):
+                got = result.stdout
+                if isinstance(out, dict):
+                    got = {k: v for k, v in json.loads(got).items() if k != "record"}
+                elif hasattr(out, "search"):
+                    out = got if out.search(got) else out.pattern
+                self.assertEqual((status, out, "".join(say + l + "\n" for l in err.split("\n")) if err else ""),
+                                 (result.returncode, got, result.stderr), result.stdout)
 
 
 def test_main(*names, plain=()):
     # Parses the required `--name PATH` options (made absolute) and `plain`
-    # ones (as given) into ARGS and runs the calling script's cases, printing
-    # the five slowest at the end.
+    # ones (as given) into ARGS and runs the calling script's cases.
     global ARGS
     parser = argparse.ArgumentParser()
     for name in names + plain:
         parser.add_argument("--" + name, required=True, type=str if name in plain else os.path.abspath)
     ARGS, rest = parser.parse_known_args()
     os.makedirs(ARGS.work, exist_ok=True)
-    unittest.main(argv=[sys.argv[0]] + rest, verbosity=2,
-                  testRunner=unittest.TextTestRunner(resultclass=_TimedResult, verbosity=2))
-
-
-class _TimedResult(unittest.TextTestResult):
-    def startTest(self, test):
-        self._started = time.monotonic()
-        super().startTest(test)
-
-    def stopTest(self, test):
-        super().stopTest(test)
-        self.__dict__.setdefault("_seconds", []).append((time.monotonic() - self._started, test.id()))
-
-    def printErrors(self):
-        super().printErrors()
-        slowest = sorted(self.__dict__.get("_seconds", []), reverse=True)[:5]
-        self.stream.writeln("slowest: " + ", ".join("%s %.1f s" % (n.rsplit(".", 1)[-1], s)
-                                                    for s, n in slowest))
+    unittest.main(argv=[sys.argv[0]] + rest, verbosity=2)

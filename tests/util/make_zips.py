@@ -1,14 +1,13 @@
-"""Makes the archives that the zip reader is checked against, with writers
-other than our own: Python's zipfile and Info-ZIP's zip.
-
-    make_zips.py OUTDIR
-
-Writes OUTDIR/*.zip and OUTDIR/manifest.txt, one line per entry in the order
-of each archive's central directory: archive, name (in Windows-1252, the code
-page the reader's names are handed out in under the test prefix), size and
-CRC-32 in hex (size "-" for a folder entry), separated by tabs.
-"""
-import io
+# Makes the archives that the zip reader is checked against, with writers
+# other than our own: Python's zipfile and Info-ZIP's zip.
+#
+#     make_zips.py OUTDIR
+#
+# Writes OUTDIR/*.zip and OUTDIR/manifest.txt, one line per entry in the order
+# of each archive's central directory: archive, name (in Windows-1252, the code
+# page the reader's names are handed out in under the test prefix), size and
+# CRC-32 in hex (size "-" for a folder entry), separated by tabs.
+#
 import os
 import random
 import shutil
@@ -28,18 +27,15 @@ FILES = {
 }
 
 
-class Unseekable(io.RawIOBase):
-    """A write-only stream: zipfile then writes data descriptors."""
-
-    def __init__(self):
-        self.data = bytearray()
-
-    def writable(self):
-        return True
+class Unseekable(bytearray):
+    # A write-only stream: zipfile then writes data descriptors.
 
     def write(self, b):
-        self.data += b
+        self.extend(b)
         return len(b)
+
+    def flush(self):
+        pass
 
 
 def python_archives(out):
@@ -55,15 +51,15 @@ def python_archives(out):
         for name, method in (("readme.txt", stored), ("image.bin", deflated), ("empty.txt", deflated)):
             z.writestr(name, FILES[name], method)
     with open(os.path.join(out, "python-descriptors.zip"), "wb") as f:
-        f.write(stream.data)
+        f.write(stream)
 
 
 def signature_archive(out):
-    """Names that hold the bytes of the Zip64 end-record and locator
-    signatures, the last one ending right where a locator would sit: its
-    comment (a name holds no NUL) completes a locator of one disk that points
-    at the signature in the name before it, which begins no Zip64 record.
-    Info-ZIP's unzip and zipfile read it as the ordinary archive it is."""
+    # Names that hold the bytes of the Zip64 end-record and locator
+    # signatures, the last one ending right where a locator would sit: its
+    # comment (a name holds no NUL) completes a locator of one disk that points
+    # at the signature in the name before it, which begins no Zip64 record.
+    # Info-ZIP's unzip and zipfile read it as the ordinary archive it is.
     path = os.path.join(out, "python-signatures.zip")
 
     def write(locator_rest):

@@ -58,15 +58,17 @@ class Installer(winebox.BoxCase):
         value = re.search(r"PATH\s+REG_(?:EXPAND_)?SZ\s+(.*)$", out, re.M | re.I).group(1).strip()
         return [part.rstrip("\\").lower() for part in value.split(";") if part]
 
+    def stops_and_starts(self):
+        return tuple(self.box.log_messages().count(line) for line in (STOP_DONE, START_DONE))
+
     def assertInstalled(self, version):
+        # Running, exactly one product, both programs of `version`, and dorvanectl says so.
         self.assertEqual((RUNNING, 0), self.box.wait_state(RUNNING))
-        products = re.findall(r"DisplayName\s+REG_SZ\s+(WWAN Dorvane)\s*$",
-                              self.reg("query", UNINSTALL_KEY, "/s").stdout, re.M)
-        self.assertEqual(["WWAN Dorvane"], products, "exactly one product")
-        for program in ("dorvane.exe", "dorvanectl.exe"):
-            self.assertEqual(version, file_version(self.box.unix_path(INSTALL_DIR + "\\" + program)), program)
         out = self.box.run([INSTALL_DIR + "\\dorvanectl.exe", "--version"])
-        self.assertEqual((0, "dorvanectl " + version), (out.returncode, out.stdout.strip()))
+        self.assertEqual((["WWAN Dorvane"], [version] * 2, (0, "dorvanectl " + version)), (
+            re.findall(r"(?m)DisplayName\s+REG_SZ\s+(WWAN Dorvane)\s*$", self.reg("query", UNINSTALL_KEY, "/s").stdout),
+            [file_version(self.box.unix_path(INSTALL_DIR + "\\" + p)) for p in ("dorvane.exe", "dorvanectl.exe")],
+            (out.returncode, out.stdout.strip())))
 
     def test_install_upgrade_refused_downgrade_reinstall_and_remove(self):
         msi = self.box.put_file(winebox.ARGS.msi, "C:\\pkg")
@@ -75,7 +77,7 @@ class Installer(winebox.BoxCase):
         path_before = self.machine_path()
         self.msiexec(0, "/i", previous_msi)
         self.assertInstalled(previous)
-        before = self.box.read_log()
+        before = self.box.read()
         self.assertEqual("banner", winebox.parse_log(before)[0].tag, "the log starts with the start banner")
         # The install folder ends the machine's PATH: dorvanectl runs by its
         # name in a new process.
@@ -85,21 +87,20 @@ class Installer(winebox.BoxCase):
 
         self.msiexec(0, "/i", msi)
         self.assertInstalled(version)
-        after = self.box.read_log()
+        after = self.box.read()
         self.assertTrue(after.startswith(before), "the old log lines are kept")
         self.assertEqual(2, [r.tag for r in winebox.parse_log(after)].count("banner"), "stopped, then started anew")
-        self.assertEqual((1, 2), (self.box.log_messages().count(STOP_DONE), self.box.log_messages().count(START_DONE)))
+        self.assertEqual((1, 2), self.stops_and_starts())
         self.assertEqual(path_before + [INSTALL_DIR.lower()], self.machine_path())
-        # Wine's sc has no "qc": the service's configuration from its key.
+        # Wine's sc has no "qc": the service's configuration from its key: own
+        # process, automatic, normal error control. Windows Installer writes the
+        # path in quotes; Wine 8 writes it bare.
         config = self.reg("query", SERVICE_KEY).stdout
-        self.assertRegex(config, r"\bType\s+REG_DWORD\s+0x10\b")          # own process
-        self.assertRegex(config, r"\bStart\s+REG_DWORD\s+0x2\b")          # automatic
-        self.assertRegex(config, r"\bErrorControl\s+REG_DWORD\s+0x1\b")   # normal
-        self.assertRegex(config, r"\bObjectName\s+REG_SZ\s+LocalSystem\b")
-        # Windows Installer writes the path in quotes; Wine 8 writes it bare.
-        self.assertRegex(config, r"(?i)\bImagePath\s+REG_(EXPAND_)?SZ\s+\"?C:\\Program Files\\Dorvane\\dorvane\.exe")
-        self.assertRegex(config, r"(?m)\bDisplayName\s+REG_SZ\s+WWAN Dorvane\s*$")
-        self.assertRegex(config, r"\bDescription\s+REG_SZ\s+\S.*modem")
+        for pattern in (r"\bType\s+REG_DWORD\s+0x10\b", r"\bStart\s+REG_DWORD\s+0x2\b",
+                        r"\bErrorControl\s+REG_DWORD\s+0x1\b", r"\bObjectName\s+REG_SZ\s+LocalSystem\b",
+                        r"(?i)\bImagePath\s+REG_(EXPAND_)?SZ\s+\"?C:\\Program Files\\Dorvane\\dorvane\.exe",
+                        r"(?m)\bDisplayName\s+REG_SZ\s+WWAN Dorvane\s*$", r"\bDescription\s+REG_SZ\s+\S.*modem"):
+            self.assertRegex(config, pattern)
 
         # A downgrade is refused and changes nothing. Windows' msiexec exits
         # with 1603 when the package's launch condition refuses; Wine 8's
@@ -113,8 +114,7 @@ class Installer(winebox.BoxCase):
         # the components, which stops the service and starts it again.
         self.msiexec(0, "/i", msi)
         self.assertInstalled(version)
-        self.assertEqual((2, 3), (self.box.log_messages().count(STOP_DONE), self.box.log_messages().count(START_DONE)),
-                         "under Wine: stopped once more and started again")
+        self.assertEqual((2, 3), self.stops_and_starts(), "under Wine: stopped once more and started again")
 
         self.msiexec(0, "/x", msi)
         self.assertIsNone(self.box.query(), "the service is deleted")
@@ -125,70 +125,56 @@ class Installer(winebox.BoxCase):
         self.assertEqual(0, self.reg("query", WATCHED_KEY).returncode, "the watched key stays with its values")
 
 
-def section_names(path):
-    out = subprocess.run(["x86_64-w64-mingw32-objdump", "-h", path], check=True, stdout=subprocess.PIPE, text=True)
-    return re.findall(r"^\s*\d+\s+(\S+)", out.stdout, re.M)
+def output(*args):
+    return subprocess.run(args, check=True, stdout=subprocess.PIPE).stdout
 
 
 class PackageTables(unittest.TestCase):
     # The package as msitools reads it, and the programs in it.
 
-    def extracted(self):
-        work = os.path.join(winebox.ARGS.work, "msi-files")
+    def test_signed_programs_and_package_and_the_programs_symbols_kept_apart(self):
+        msi, work = winebox.ARGS.msi, os.path.join(winebox.ARGS.work, "msi-files")
+        self.assertLessEqual(os.path.getsize(msi), 3 * 1024 * 1024)
         shutil.rmtree(work, ignore_errors=True)
         os.makedirs(work)
-        subprocess.run(["msiextract", "-C", work, winebox.ARGS.msi], check=True, stdout=subprocess.DEVNULL)
+        output("msiextract", "-C", work, msi)
         found = {name: os.path.join(d, name) for d, _, files in os.walk(work) for name in files}
-        return work, {name: found[name] for name in ("dorvane.exe", "dorvanectl.exe")}
-
-    def verify(self, path):
-        return subprocess.run(["osslsigncode", "verify", "-CAfile", winebox.ARGS.signing_ca, "-in", path],
-                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-
-    def test_programs_and_package_carry_the_build_signature(self):
-        work, programs = self.extracted()
+        programs = {name: found[name] for name in ("dorvane.exe", "dorvanectl.exe")}
         with open(winebox.ARGS.signing_cert) as f:
             used = re.search(r"-----BEGIN CERTIFICATE-----(.*?)-----END", f.read(), re.S).group(1).split()
-        for path in [winebox.ARGS.msi] + sorted(programs.values()):
-            result = self.verify(path)
+        def verify(path):
+            return subprocess.run(["osslsigncode", "verify", "-CAfile", winebox.ARGS.signing_ca, "-in", path],
+                                  stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+
+        for path in [msi] + sorted(programs.values()):
+            result = verify(path)
             self.assertEqual(0, result.returncode, path + ":\n" + result.stdout)
             # The signer is the certificate the build was given (or made).
             signature = os.path.join(work, os.path.basename(path) + ".signature")
-            subprocess.run(["osslsigncode", "extract-signature", "-in", path, "-out", signature],
-                           check=True, stdout=subprocess.DEVNULL)
-            certs = subprocess.run(["openssl", "pkcs7", "-inform", "DER", "-in", signature, "-print_certs"],
-                                   check=True, stdout=subprocess.PIPE, text=True).stdout
-            self.assertIn("".join(used), "".join(certs.split()), path)
+            output("osslsigncode", "extract-signature", "-in", path, "-out", signature)
+            certs = output("openssl", "pkcs7", "-inform", "DER", "-in", signature, "-print_certs")
+            self.assertIn("".join(used), "".join(certs.decode().split()), path)
         # A byte changed after signing, in a program's code and in the
         # package's cabinet, fails the verification.
-        for path, at in ((programs["dorvane.exe"], 0x1000), (winebox.ARGS.msi, os.path.getsize(winebox.ARGS.msi) // 2)):
+        for path, at in ((programs["dorvane.exe"], 0x1000), (msi, os.path.getsize(msi) // 2)):
             with open(path, "rb") as f:
                 data = bytearray(f.read())
             data[at] ^= 0xFF
             changed = os.path.join(work, "changed-" + os.path.basename(path))
             with open(changed, "wb") as f:
                 f.write(data)
-            self.assertNotEqual(0, self.verify(changed).returncode, changed)
-
-    def test_small_programs_whose_symbols_are_kept_apart(self):
-        self.assertLessEqual(os.path.getsize(winebox.ARGS.msi), 3 * 1024 * 1024)
-        work, programs = self.extracted()
-        symbols = os.path.join(os.path.dirname(winebox.ARGS.msi), "symbols")
+            self.assertNotEqual(0, verify(changed).returncode, changed)
         for name, path in sorted(programs.items()):
-            sections = section_names(path)
-            self.assertEqual([], [s for s in sections if s.startswith(".debug")], name)
-            self.assertIn(".gnu_debuglink", sections, name)
-            debug = os.path.join(symbols, name + ".debug")
-            self.assertIn(".debug_info", section_names(debug), debug)
-            # The link names the symbol file, and its checksum matches.
-            out = subprocess.run(["x86_64-w64-mingw32-objcopy", "--dump-section", ".gnu_debuglink=/dev/stdout",
-                                  path, os.path.join(work, "copy")], check=True,
-                                 stdout=subprocess.PIPE).stdout
-            linked = out[:out.index(b"\0")].decode("ascii")
-            self.assertEqual(name + ".debug", linked)
+            # No debug sections; a link naming the symbol file, which has them, and its checksum.
+            sections = re.findall(rb"(?m)^\s*\d+\s+(\S+)", output("x86_64-w64-mingw32-objdump", "-h", path))
+            self.assertEqual(([], True), ([s for s in sections if s.startswith(b".debug")], b".gnu_debuglink" in sections))
+            debug = os.path.join(os.path.dirname(msi), "symbols", name + ".debug")
+            self.assertIn(b".debug_info", output("x86_64-w64-mingw32-objdump", "-h", debug))
+            link = output("x86_64-w64-mingw32-objcopy", "--dump-section", ".gnu_debuglink=/dev/stdout", path,
+                          os.path.join(work, "copy"))
             with open(debug, "rb") as f:
-                crc = zlib.crc32(f.read()) & 0xFFFFFFFF
-            self.assertEqual(crc, struct.unpack_from("<I", out, len(out) - 4)[0], name)
+                crc = zlib.crc32(f.read())
+            self.assertEqual((name + ".debug", crc), (link[:link.index(b"\0")].decode(), struct.unpack("<I", link[-4:])[0]))
 
 
 if __name__ == "__main__":

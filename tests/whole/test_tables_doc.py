@@ -41,49 +41,27 @@ def blocks_of(markdown):
     # [(line, lang, info, text, path)]: tables and registry files under a
     # caption that names their path, console and log blocks. Other fences
     # (tree diagrams, snippets without a path) are skipped.
-    blocks, lines, at, caption = [], markdown.split("\n"), 0, None
-    while at < len(lines):
-        fence = re.match(r"^```(\w+)(.*)$", lines[at])
-        at += 1
-        if not fence:
-            if lines[at - 1].strip():
-                named = re.match(r"^`([A-Za-z]:\\[^`]+)`:$", lines[at - 1])
-                caption = named.group(1) if named else None
-            continue
-        start = at
-        while at < len(lines) and lines[at] != "```":
-            at += 1
-        lang, info = fence.group(1), fence.group(2).strip()
-        if (lang in ("xml", "reg") and caption) or lang in ("console", "log"):
-            assert info in ("", "findings"), "line %d: unknown word %r after ```%s" % (start, info, lang)
-            blocks.append((start, lang, info, "\n".join(lines[start:at]), caption))
-        at += 1
-        caption = None
+    blocks, caption = [], None
+    for m in re.finditer(r"(?m)^(?:`([A-Za-z]:\\[^`\n]+)`:|```(\w+)(.*)\n((?:.*\n)*?)```|.*\S.*)$", markdown):
+        named, lang, info, text = m.group(1, 2, 3, 4)
+        if lang and ((lang in ("xml", "reg") and caption) or lang in ("console", "log")):
+            assert info.strip() in ("", "findings"), "%r: unknown word after ```%s" % (info, lang)
+            blocks.append((markdown.count("\n", 0, m.start()) + 1, lang, info.strip(), text[:-1], caption))
+        caption = named
     return blocks
 
 
-def commands_of(block):
+def commands_of(line, text):
     # [(line, words, expected output lines)] of a console block, the words
     # split as the Windows prompt splits them, quotes removed.
     steps = []
-    for n, text in enumerate(block[3].split("\n"), block[0] + 1):
+    for n, text in enumerate(text.split("\n"), line + 1):
         if text.startswith("> "):
             steps.append((n, [w.replace('"', "") for w in re.findall(r'(?:"[^"]*"|[^\s"])+', text[2:])], []))
         else:
             assert steps or not text.strip(), "line %d: output before the first command" % n
-            if steps:
-                steps[-1][2].append(text)
+            steps[-1][2].append(text) if steps else None
     return steps
-
-
-def options_of(words):
-    # ({option: value} of dorvanectl's common options, the subcommand) of a dorvanectl command.
-    options, at = {}, 1
-    while at < len(words) and words[at].startswith("--"):
-        takes = words[at] in ("--log", "--preset")
-        options[words[at]] = words[at + 1] if takes else None
-        at += 2 if takes else 1
-    return options, words[at] if at < len(words) else None
 
 
 def trimmed(lines):
@@ -107,41 +85,36 @@ class TablesDoc(winebox.BoxCase):
                 else:
                     tables[info].append(path)
             elif lang == "log":
-                with self.subTest(line=line, log=log):
-                    self.assertIsNotNone(log, "line %d: a log block follows a console block whose last command "
-                                              "names its --log file" % line)
-                    records = winebox.parse_log(self.box.read(log) or b"")
-                    self.assertEqual(trimmed(text.split("\n")), trimmed(
-                        ["%s %s" % (r.tag.strip(), r.message) for r in records if r.tag != "banner"]))
-            else:
-                log = None
-                for line, words, expected in commands_of((line, lang, info, text, path)):
-                    with self.subTest(line=line, command=" ".join(words)):
-                        self.assertIn(words[0], ("dorvanectl", "type"), "only dorvanectl and type are run")
-                        if words[0] == "type":
-                            result = self.box.run(["cmd", "/c"] + words)
-                        else:
-                            run.add(options_of(words)[1])
-                            log = options_of(words)[0].get("--log")
-                            if log and os.path.exists(self.box.unix_path(log)):
-                                os.remove(self.box.unix_path(log))  # a log block shows this command's lines alone
-                            result = self.ctl(*words[1:])
-                        said = [l for l in expected if l.startswith("dorvanectl: ")]
-                        expected = trimmed([l for l in expected if not l.startswith("dorvanectl: ")])
-                        actual = trimmed(result.stdout.split("\n"))
-                        if "--json" in words:
-                            actual, expected = [json.loads(o) for o in actual], [json.loads(o) for o in expected]
-                        self.assertEqual(expected, actual, "the document's output, then dorvanectl's (exit status "
-                                         "%d, stderr: %s)" % (result.returncode, result.stderr))
-                        self.assertEqual(said, trimmed(result.stderr.split("\n")),
-                                         "what the document shows on standard error, then what dorvanectl said")
+                self.assertIsNotNone(log, "line %d: a log block follows a console block whose last command names "
+                                          "its --log file" % line)
+                self.assertEqual(trimmed(text.split("\n")), trimmed(["%s %s" % (r.tag.strip(), r.message) for r in
+                                 winebox.parse_log(self.box.read(log) or b"") if r.tag != "banner"]), (line, log))
+            log = None if lang == "console" else log
+            for line, words, expected in commands_of(line, text) if lang == "console" else []:
+                with self.subTest(line=line, command=" ".join(words)):
+                    self.assertIn(words[0], ("dorvanectl", "type"), "only dorvanectl and type are run")
+                    if words[0] == "dorvanectl":  # its common options come before the subcommand
+                        at = next((i for i, w in enumerate(words) if i and not w.startswith("--") and
+                                   words[i - 1] not in ("--log", "--preset")), len(words))
+                        run.add(words[at] if at < len(words) else None)
+                        log = words[words.index("--log") + 1] if "--log" in words[:at] else None
+                        if log and os.path.exists(self.box.unix_path(log)):
+                            os.remove(self.box.unix_path(log))  # a log block shows this command's lines alone
+                    result = self.box.run(["cmd", "/c"] + words) if words[0] == "type" else self.ctl(*words[1:])
+                    said = [l for l in expected if l.startswith("dorvanectl: ")]
+                    expected = trimmed([l for l in expected if not l.startswith("dorvanectl: ")])
+                    actual = trimmed(result.stdout.split("\n"))
+                    if "--json" in words:
+                        actual, expected = [json.loads(o) for o in actual], [json.loads(o) for o in expected]
+                    self.assertEqual((expected, said), (actual, trimmed(result.stderr.split("\n"))), "the document's "
+                                     "output and standard error, then dorvanectl's (exit status %d)" % result.returncode)
         self.assertEqual([], [c for c in COMMANDS if c not in run], "table commands without an example")
         paths = [p.lower() for p in tables[""] + tables["findings"]]
         self.assertEqual(sorted(set(paths)), sorted(paths), "a path that two examples share")
         clean = self.ctl("lint", *tables[""])
         self.assertEqual((0, ""), (clean.returncode, re.sub(r"(?m)^.*: clean \([a-z-]+\)\n", "", clean.stdout)))
-        for path in tables["findings"]:
-            self.assertEqual(1, self.ctl("lint", path).returncode, path)
+        self.assertEqual([(p, 1) for p in tables["findings"]], [(p, self.ctl("lint", p).returncode)
+                                                               for p in tables["findings"]])
 
 
 if __name__ == "__main__":
