@@ -1,23 +1,18 @@
 #include "config/device_config.h"
 
-#include <gtest/gtest.h>
-
-#include "log/logger.h"
-#include "support/log_reader.h"
+#include "config/table_test.h"
 
 namespace dorvane {
 namespace {
 
-using testing::IndexOf;
-using testing::Messages;
-using testing::ReadLog;
+using testing::Texts;
 
 const char kProductKey[] = "SOFTWARE\\DorvaneTest\\Product";
 
-class DeviceConfigTest : public testing::LogFixture {
+class DeviceConfigTest : public testing::TableTest {
  protected:
   void SetUp() override {
-    LogFixture::SetUp();
+    TableTest::SetUp();
     HKEY key = nullptr;
     ASSERT_EQ(ERROR_SUCCESS, ::RegCreateKeyExA(HKEY_LOCAL_MACHINE, kProductKey, 0, nullptr, 0,
                                                KEY_ALL_ACCESS | KEY_WOW64_32KEY, nullptr, &key, nullptr));
@@ -27,41 +22,36 @@ class DeviceConfigTest : public testing::LogFixture {
     }
     ::RegCloseKey(key);
   }
-  // A device-configuration table with the given mode, registry paths and rows.
-  std::string Table(const std::string& mode, const std::vector<std::string>& paths,
-                    const std::string& rows) {
+  // A device-configuration table with the given mode and registry paths.
+  std::string Table(const std::string& mode, const Texts& paths) {
     std::string xml = "<T><WwanDeviceConfigureIDTable><CustProductNamePathToUniqueSkuID CombineMode=\"" +
                       mode + "\">";
     for (const std::string& p : paths) xml += "<CustProductNamePath RegistryPath=\"" + p + "\"/>";
-    xml += "</CustProductNamePathToUniqueSkuID><UniqueSkuIDToWwanDeviceConfigureIDMappingTable>" + rows +
-           "</UniqueSkuIDToWwanDeviceConfigureIDMappingTable></WwanDeviceConfigureIDTable></T>";
-    return WriteTable(xml);
+    return WriteTable(xml + "</CustProductNamePathToUniqueSkuID><UniqueSkuIDToWwanDeviceConfigureIDMappingTable>" +
+                      "<UniqueSkuID ProductID=\"ALPHA\" WwanDeviceConfigID=\"CFG-A\"/>"
+                      "<UniqueSkuID ProductID=\"Beta\" WwanDeviceConfigID=\"CFG-B\"/>"
+                      "<Other ProductID=\"alpha_beta\" WwanDeviceConfigID=\"CFG-AB\"/>"
+                      "<UniqueSkuID ProductID=\"\" WwanDeviceConfigID=\"CFG-EMPTY\"/>"
+                      "<UniqueSkuID ProductID=\"Alpha_\" WwanDeviceConfigID=\"CFG-A_\"/>"
+                      // The same ProductID in another case: the first row of the two wins.
+                      "<UniqueSkuID ProductID=\"alpha\" WwanDeviceConfigID=\"CFG-A-LATER\"/>"
+                      "</UniqueSkuIDToWwanDeviceConfigureIDMappingTable></WwanDeviceConfigureIDTable></T>");
   }
   static std::string Path(const char* value) { return std::string(kProductKey) + "," + value; }
 };
-
-const char kRows[] =
-    "<UniqueSkuID ProductID=\"ALPHA\" WwanDeviceConfigID=\"CFG-A\"/>"
-    "<UniqueSkuID ProductID=\"Beta\" WwanDeviceConfigID=\"CFG-B\"/>"
-    "<Other ProductID=\"alpha_beta\" WwanDeviceConfigID=\"CFG-AB\"/>"
-    "<UniqueSkuID ProductID=\"\" WwanDeviceConfigID=\"CFG-EMPTY\"/>"
-    "<UniqueSkuID ProductID=\"Alpha_\" WwanDeviceConfigID=\"CFG-A_\"/>"
-    // The same ProductID in another case: the first row of the two wins.
-    "<UniqueSkuID ProductID=\"alpha\" WwanDeviceConfigID=\"CFG-A-LATER\"/>";
 
 TEST_F(DeviceConfigTest, ModesPathsAndValuesDecideTheId) {
   struct Case {
     const char* label;
     std::string mode;
-    std::vector<std::string> paths;
+    Texts paths;
     const char* expected;  // "kept": not found
   };
   const Case cases[] = {
       {"single: first readable path with a row wins", "Single", {Path("Missing"), Path("B"), Path("A")}, "CFG-B"},
       {"single, mode in any case", "sInGlE", {Path("A")}, "CFG-A"},
       {"single: a value without a row goes on", "Single", {Path("E"), Path("A")}, "CFG-EMPTY"},
-      {"single: no comma, leading comma skipped", "Single",
-       {kProductKey, std::string(",A"), Path("B")}, "CFG-B"},
+      {"single: no comma, leading comma skipped", "Single", {kProductKey, ",A", Path("B")}, "CFG-B"},
       {"combine: unreadable values skipped", "COMBINE", {Path("A"), Path("Missing"), Path("B")}, "CFG-AB"},
       {"combine: nothing readable looks up the empty text", "Combine", {Path("Missing")}, "CFG-EMPTY"},
       {"combine: empty first value", "Combine", {Path("E"), Path("B")}, "CFG-B"},
@@ -72,62 +62,22 @@ TEST_F(DeviceConfigTest, ModesPathsAndValuesDecideTheId) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.label);
     std::string id = "kept";
-    EXPECT_EQ(std::string(c.expected) != "kept", getWwanDeviceConfigID(Table(c.mode, c.paths, kRows), id));
+    EXPECT_EQ(std::string(c.expected) != "kept", getWwanDeviceConfigID(Table(c.mode, c.paths), id));
     EXPECT_EQ(c.expected, id);
   }
-}
-
-TEST_F(DeviceConfigTest, LogsTheModeTheValuesAndTheOutcome) {
-  const std::string table = Table("Combine", {Path("A"), Path("B")}, kRows);
+  const std::string table = Table("Combine", {Path("A"), Path("B")});
   ClearLog();
   std::string id;
   ASSERT_TRUE(getWwanDeviceConfigID(table, id));
-  const auto msgs = messages();
-  EXPECT_EQ("getWwanDeviceConfigID enter.", msgs.front());
-  EXPECT_GE(IndexOf(msgs, "Combine"), 0);
-  EXPECT_GE(IndexOf(msgs, "Alpha_beta"), 0);
-  EXPECT_EQ((std::vector<std::string>{"getWwanDeviceConfigID OK.", "CFG-AB"}),
-            std::vector<std::string>(msgs.end() - 2, msgs.end()));
-
-  ClearLog();
-  EXPECT_FALSE(getWwanDeviceConfigID(Table("Both", {}, kRows), id));
-  const auto after = messages();
-  EXPECT_EQ((std::vector<std::string>{"getWwanDeviceConfigID not find.", "getWwanDeviceConfigID done."}),
-            std::vector<std::string>(after.end() - 2, after.end()));
+  const Texts msgs = messages();  // the registry reads log their own lines in between
+  EXPECT_EQ((Texts{"getWwanDeviceConfigID enter.", "Combine"}), Texts(msgs.begin(), msgs.begin() + 2));
+  ExpectLog({"...", "[DETAIL]Alpha_beta", "[DETAIL]getWwanDeviceConfigID OK.", "[DETAIL]CFG-AB"});
 }
 
-TEST_F(DeviceConfigTest, BrokenTablesAreLoggedAndNotFound) {
-  struct Case {
-    std::string xml;
-    std::string text;
-  };
-  const Case cases[] = {
-      {"<T", "WwanDeviceIdImageMappingTable.xml load faild."},
-      {"<!-- -->", "RootElement xml item error."},
-      {"<T/>", "WwanDeviceConfigureidTable xml item error."},
-      {"<T><WwanDeviceConfigureIDTable/></T>", "UniqueSkuIDToWwanDeviceConfigureIDMappingTable error."},
-      {"<T><WwanDeviceConfigureIDTable><UniqueSkuIDToWwanDeviceConfigureIDMappingTable/>"
-       "</WwanDeviceConfigureIDTable></T>",
-       "CustProductNamePathToUniqueSkuID xml item error."},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text);
-    const std::string path = WriteTable(c.xml);
-    ClearLog();
-    std::string id = "kept";
-    EXPECT_FALSE(getWwanDeviceConfigID(path, id));
-    EXPECT_EQ("kept", id);
-    const auto records = ReadLog(log_);
-    bool found = false;
-    for (const auto& r : records) found = found || (r.message == c.text && r.tag == "[ERROR] ");
-    EXPECT_TRUE(found);
-  }
-}
-
-class CfgPackageTest : public DeviceConfigTest {
+class CfgPackageTest : public testing::TableTest {
  protected:
   void SetUp() override {
-    DeviceConfigTest::SetUp();
+    TableTest::SetUp();
     for (const char* d : {"C:\\Windows\\WWAN", "C:\\Windows\\WWAN\\FwSwitchBin",
                           "C:\\Windows\\WWAN\\FwSwitchBin\\SarAntData"}) {
       ::CreateDirectoryA(d, nullptr);
@@ -138,7 +88,8 @@ class CfgPackageTest : public DeviceConfigTest {
   std::string table_;
 };
 
-const char kImages[] = R"(<T><WwanDeviceConfigureIDToImageMappingTable>
+TEST_F(CfgPackageTest, ExactIdAndMccFindTheFirmware) {
+  testing::WriteFileBytes(table_, R"(<T><WwanDeviceConfigureIDToImageMappingTable>
   <WwanDeviceConfigID ID="abc"><Standard Value="310"><DEVFirmware File="lower.bin" Ver="1" Type="T" Count="1"/></Standard></WwanDeviceConfigID>
   <WwanDeviceConfigID ID="ABC"><Standard Value="460"><DEVFirmware File="cn.bin" Ver="2" Type="T" Count="2"/></Standard></WwanDeviceConfigID>
   <WwanDeviceConfigID ID="ABC">
@@ -146,56 +97,51 @@ const char kImages[] = R"(<T><WwanDeviceConfigureIDToImageMappingTable>
     <Other Value="262"><DEVFirmware File="de.bin" Ver="4" Type="T" Count="abc"/></Other>
     <Standard Value="999"/>
   </WwanDeviceConfigID>
-</WwanDeviceConfigureIDToImageMappingTable></T>)";
-
-TEST_F(CfgPackageTest, ExactIdAndMccFindTheFirmware) {
-  testing::WriteFileBytes(table_, kImages);
+</WwanDeviceConfigureIDToImageMappingTable></T>)");
+  const Texts untouched = {"x", "x", "x", "x", "x", "x", "x"};
   struct Case {
     const char* id;
     const char* mcc;
-    bool found;
-    std::vector<std::string> texts;
+    Texts texts;  // untouched: not found
     DWORD count;
   };
   const Case cases[] = {
       // The first ABC has no 310: the search goes on to the second ABC.
-      {"ABC", "310", true, {"x", "x", "", "us.bin", "3", "USA", "310"}, 12},
-      {"ABC", "262", true, {"x", "x", "", "de.bin", "4", "T", "262"}, 0},
-      {"abc", "310", true, {"x", "x", "", "lower.bin", "1", "T", "310"}, 1},
-      {"Abc", "310", false, {"x", "x", "x", "x", "x", "x", "x"}, 77},
-      {"ABC", "999", false, {"x", "x", "x", "x", "x", "x", "x"}, 77},  // no DEVFirmware
-      {"ABC", "", false, {"x", "x", "x", "x", "x", "x", "x"}, 77},
+      {"ABC", "310", {"x", "x", "", "us.bin", "3", "USA", "310"}, 12},
+      {"ABC", "262", {"x", "x", "", "de.bin", "4", "T", "262"}, 0},
+      {"abc", "310", {"x", "x", "", "lower.bin", "1", "T", "310"}, 1},
+      {"Abc", "310", untouched, 77}, {"ABC", "999", untouched, 77},  // 999: no DEVFirmware
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.id) + "/" + c.mcc);
     CfgPackageInfo info;
     info.texts.fill("x");
     info.count = 77;
-    EXPECT_EQ(c.found, getCfgPkInfo(c.id, c.mcc, info));
-    EXPECT_EQ(c.texts, std::vector<std::string>(info.texts.begin(), info.texts.end()));
+    EXPECT_EQ(c.texts != untouched, getCfgPkInfo(c.id, c.mcc, info));
+    EXPECT_EQ(c.texts, Texts(info.texts.begin(), info.texts.end()));
     EXPECT_EQ(c.count, info.count);
   }
+  CfgPackageInfo info;
+  ClearLog();
+  EXPECT_TRUE(getCfgPkInfo("ABC", "460", info));
+  EXPECT_EQ((Texts{"getCfgPkInfo enter.", "ABC", "460", "getCfgPkInfo mcc is not null.", "getCfgPkInfo find map.",
+                   "getCfgPkInfo done."}),
+            messages());
 }
 
 TEST_F(CfgPackageTest, AnEmptyMccOpensNothingAndAMissingTableIsLogged) {
-  ClearLog();
   CfgPackageInfo info;
+  info.texts.fill("x");
   EXPECT_FALSE(getCfgPkInfo("ABC", "", info));
-  EXPECT_EQ((std::vector<std::string>{"getCfgPkInfo enter.", "ABC", "", "getCfgPkInfo not find map.",
-                                      "getCfgPkInfo done."}),
-            messages());
+  ExpectLog({"[DETAIL]getCfgPkInfo enter.", "[DETAIL]ABC", "[DETAIL]", "[DETAIL]getCfgPkInfo not find map.",
+             "[DETAIL]getCfgPkInfo done."});
   ClearLog();
   EXPECT_FALSE(getCfgPkInfo("ABC", "310", info));  // no table file
-  EXPECT_EQ((std::vector<std::string>{"getCfgPkInfo enter.", "ABC", "310", "getCfgPkInfo mcc is not null.",
-                                      "LoadFile xml failed:", table_, "getCfgPkInfo not find map.",
-                                      "getCfgPkInfo done."}),
-            messages());
-  testing::WriteFileBytes(table_, kImages);
-  ClearLog();
-  EXPECT_TRUE(getCfgPkInfo("ABC", "460", info));
-  EXPECT_EQ((std::vector<std::string>{"getCfgPkInfo enter.", "ABC", "460", "getCfgPkInfo mcc is not null.",
-                                      "getCfgPkInfo find map.", "getCfgPkInfo done."}),
-            messages());
+  ExpectLog({"[DETAIL]getCfgPkInfo enter.", "[DETAIL]ABC", "[DETAIL]310", "[DETAIL]getCfgPkInfo mcc is not null.",
+             "[DETAIL]LoadFile xml failed:", "[ERROR] @", "[DETAIL]getCfgPkInfo not find map.",
+             "[DETAIL]getCfgPkInfo done."},
+            table_);
+  EXPECT_EQ("x", info.texts[3]);
 }
 
 }  // namespace

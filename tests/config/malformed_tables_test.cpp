@@ -1,100 +1,125 @@
-// Every reader over tables whose entries lack the attributes and texts it asks
-// for: no crash, no match on a missing key, empty texts where a value is missing.
-#include <gtest/gtest.h>
-
+// Every reader over files that are no usable table: it answers "not found",
+// leaves its output as it was and logs why, each with its own texts.
 #include "config/carrier_rules.h"
+#include "config/device_config.h"
 #include "config/esim_region.h"
 #include "config/firmware_info.h"
-#include "log/logger.h"
-#include "support/log_reader.h"
+#include "config/table_test.h"
 
 namespace dorvane {
 namespace {
 
-class MalformedTest : public testing::LogFixture {
- protected:
-  std::string Table(const std::string& xml) { return WriteTable(xml); }
+using testing::Preset;
+using testing::Texts;
+using MalformedTest = testing::TableTest;
+using Reader = bool (*)(const std::string& path);  // true: not found, output untouched
+
+bool Fw(const std::string& path, bool (*read)(std::string, std::string, CarrierFirmwareInfo&)) {
+  CarrierFirmwareInfo r = Preset();
+  return !read("1", path, r) && r.fields == Preset().fields;
+}
+bool Id(const std::string& path, bool (*read)(std::string, std::string, std::string&)) {
+  std::string out = "kept";
+  return !read("1", path, out) && out == "kept";
+}
+const Reader kMccmnc = [](const std::string& p) { return Id(p, GetCarrierIdByMccmnc); };
+const Reader kMcc = [](const std::string& p) { return Id(p, GetCarrierIdByMcc); };
+const Reader kIccid = [](const std::string& p) { return Id(p, GetCarrierIdByIccid); };
+const Reader kCarrier = [](const std::string& p) { return Fw(p, GetCarrierFirmware); };
+const Reader kParamByMcc = [](const std::string& p) { return Fw(p, GetParamFirmwareByMcc); };
+const Reader kOem = [](const std::string& p) { return Fw(p, GetOemFirmwareByModel); };
+const Reader kSku = [](const std::string& p) {
+  CarrierFirmwareInfo r = Preset();
+  return !GetParamFirmwareBySku("1", "1", p, r) && r.fields == Preset().fields;
 };
-
-TEST_F(MalformedTest, EntriesWithoutKeysNeverMatchEvenAnEmptyKey) {
-  const std::string rules = Table(
-      "<r><SwitchingRule><SelectionRule>"
-      "<MCCMNCTable><Item/><Item mccmnc=\"1\"/></MCCMNCTable>"
-      "<MCCTable><Item>no key</Item><Item mcc=\"\"/></MCCTable>"
-      "</SelectionRule><Registered/></SwitchingRule><SelectionRule><Item/></SelectionRule></r>");
-  std::string out = "kept";
-  EXPECT_TRUE(GetCarrierIdByMccmnc("", rules, out));
-  EXPECT_EQ("kept", out);
-  EXPECT_TRUE(GetCarrierIdByMccmnc("1", rules, out));
-  EXPECT_EQ("", out) << "an item without text answers the empty text";
-  out = "kept";
-  EXPECT_TRUE(GetCarrierIdByMcc("", rules, out)) << "an empty attribute is a value";
-  EXPECT_EQ("", out);
-  EXPECT_FALSE(GetSelectionRuleByMcc("", rules));
-  CarrierFirmwareInfo record;
-  EXPECT_FALSE(GetParamFirmwareByMcc("", rules, record));
-
-  const std::string carriers = Table(
-      "<f><CarrierList><Carrier/><CustModel id=\"M\"/><Carrier id=\"C\"/></CarrierList></f>");
-  record.fields.fill("x");
-  EXPECT_FALSE(GetCarrierFirmware("", carriers, record));
-  ASSERT_TRUE(GetCarrierFirmware("C", carriers, record)) << "no firmware elements under it";
-  EXPECT_EQ("", record.fields[CarrierFirmwareInfo::kApSlot]);
-  EXPECT_EQ("C", record.fields[CarrierFirmwareInfo::kCarrierId]);
-  ASSERT_TRUE(GetOemFirmwareByModel("M", carriers, record)) << "no OEMFirmware under it";
-  EXPECT_EQ("", record.fields[CarrierFirmwareInfo::kParamSlot]);
-  EXPECT_EQ("x", record.fields[CarrierFirmwareInfo::kSwitchTable]);
-
+const Reader kPackage = [](const std::string& p) {
   PackageFirmwareInfo info;
-  EXPECT_TRUE(GetPackageInfoFirmware("310", Table("<p><CarrierList><Carrier/><Carrier id=\"310\"/></CarrierList></p>"), info));
-  EXPECT_EQ("", info.fields[PackageFirmwareInfo::kFirmwareFile]);
-
+  info.fields.fill("x");
+  return !GetPackageInfoFirmware("1", p, info) && info.fields[5] == "x";
+};
+const Reader kFwPackage = [](const std::string& p) {
   FwPackageInfo package;
-  ASSERT_TRUE(GetFwPackageInfo(Table("<p><PackageVer/><PackageType/><CarrierList><Carrier/></CarrierList></p>"), package));
-  EXPECT_EQ("", package.GetPackageVer()) << "an element without text reads as empty";
-  EXPECT_EQ(1u, package.GetCarriers().size());
-
-  const std::string skus = Table("<s><SKU_GUID ID=\"S\"><Area/><Area ID=\"A\"/></SKU_GUID></s>");
-  ASSERT_TRUE(GetParamFirmwareBySku("S", "A", skus, record));
-  EXPECT_EQ("", record.fields[CarrierFirmwareInfo::kParamSlot]);
-}
-
-TEST_F(MalformedTest, RuleTablesWithoutAttributesDecideNothingWrong) {
-  const std::string esim = Table(
-      "<e><TableEnableFlag FlagValue=\"true\"/><SKU_BlackList><SKU/></SKU_BlackList>"
-      "<IMSI_BlackList><MCCMNC/></IMSI_BlackList></e>");
-  EXPECT_EQ(kEsimNotBlackListed, getEsimDisableType(esim, "", ""));
-  const std::string region = Table(
-      "<r><SelectionRule><Region/><Region mcc=\"460\"/><Region mcc=\"default\"/></SelectionRule></r>");
-  std::string out = "kept";
-  EXPECT_EQ(kRegionExact, getRegulatoryByMcc(region, "460", out));
-  EXPECT_EQ("", out);
-  out = "kept";
-  EXPECT_EQ(kRegionDefault, getRegulatoryByMcc(region, "1", out));
-  EXPECT_EQ("", out);
-}
+  package.SetPackageVer("kept");
+  return !GetFwPackageInfo(p, package) && package.GetPackageVer() == "kept";
+};
+const Reader kDeviceId = [](const std::string& p) {
+  std::string id = "kept";
+  return !getWwanDeviceConfigID(p, id) && id == "kept";
+};
+const Reader kEsim = [](const std::string& p) { return getEsimDisableType(p, "X13-Gen2", "46000") == kEsimNoDecision; };
+const Reader kRegion = [](const std::string& p) {
+  std::string region = "kept";
+  return getRegulatoryByMcc(p, "460", region) == kRegionNotFound && region == "kept";
+};
+const Reader kRegionNoMcc = [](const std::string& p) {
+  std::string region = "kept";
+  return getRegulatoryByMcc(p, "", region) == kRegionNotFound && region == "kept";
+};
 
 TEST_F(MalformedTest, FilesThatAreNotTablesFailEveryReader) {
   for (const char* text : {"", "\xEF\xBB\xBF", "plain text", "<a><b></a>", "<?xml version=\"1.0\"?>",
                            "<a attr=\"unterminated></a>", "<a>&bogus;</a>"}) {
-    SCOPED_TRACE(text);
     const std::string path = Table(text);
-    std::string out = "kept";
-    CarrierFirmwareInfo record;
-    PackageFirmwareInfo info;
-    FwPackageInfo package;
-    EXPECT_FALSE(GetCarrierIdByMccmnc("1", path, out));
-    EXPECT_FALSE(GetCarrierIdByMcc("1", path, out));
-    EXPECT_FALSE(GetCarrierIdByIccid("1", path, out));
-    EXPECT_FALSE(GetCarrierFirmware("1", path, record));
-    EXPECT_FALSE(GetPackageInfoFirmware("1", path, info));
-    EXPECT_FALSE(GetParamFirmwareBySku("1", "1", path, record));
-    EXPECT_FALSE(GetParamFirmwareByMcc("1", path, record));
-    EXPECT_FALSE(GetOemFirmwareByModel("1", path, record));
-    EXPECT_FALSE(GetFwPackageInfo(path, package));
-    EXPECT_EQ(kEsimNoDecision, getEsimDisableType(path, "1", "1"));
-    EXPECT_EQ(kRegionNotFound, getRegulatoryByMcc(path, "1", out));
-    EXPECT_EQ("kept", out);
+    int i = 0;
+    for (Reader read : {kMccmnc, kMcc, kIccid, kCarrier, kParamByMcc, kOem, kSku, kPackage, kFwPackage, kDeviceId,
+                        kEsim, kRegion}) {
+      EXPECT_TRUE(read(path)) << "reader " << i++ << " on " << text;
+    }
+  }
+}
+
+TEST_F(MalformedTest, BrokenTablesAreLoggedWithTheirLevel) {
+  const char* const kNoFile = nullptr;
+  const std::string esim_false = "<E><TableEnableFlag FlagValue=\"fAlSe\"/></E>";
+  struct Case {
+    Reader read;
+    const char* xml;  // kNoFile: a path to no file
+    Texts log;        // the whole log, or its end after "..."; "@": the path
+  };
+  const Case cases[] = {
+      {kMccmnc, "", {"[DETAIL]GetCarrierId by Mccmnc enter.", "[ERROR] load xml error.", "[ERROR] @",
+                     "[DETAIL]GetCarrierId by Mccmnc done."}},
+      {kMccmnc, "<r><SwitchingRule>", {"...", "[ERROR] load xml error.", "[ERROR] @", "[DETAIL]GetCarrierId by Mccmnc done."}},
+      {kMccmnc, "<?xml version=\"1.0\"?><!-- only a comment -->",
+       {"...", "[ERROR] RootElement xml item error.", "[DETAIL]GetCarrierId by Mccmnc done."}},
+      {kMccmnc, "<r/>", {"...", "[ERROR] switchingRuleNode is null.", "[DETAIL]GetCarrierId by Mccmnc done."}},
+      {kMccmnc, "<r><SwitchingRule/></r>", {"...", "[ERROR] selectionRuleNode is null.", "[DETAIL]GetCarrierId by Mccmnc done."}},
+      {kMccmnc, "<r><SwitchingRule><SelectionRule/></SwitchingRule></r>",
+       {"...", "[ERROR] MCCMNCTable node is null.", "[DETAIL]GetCarrierId by Mccmnc done."}},
+      // The other rule and firmware readers fail silently.
+      {kMcc, kNoFile, {}}, {kMcc, "<r><SwitchingRule><SelectionRule/></SwitchingRule></r>", {}},
+      {kCarrier, kNoFile, {}}, {kSku, kNoFile, {}}, {kSku, "<S/>", {}},
+      {kPackage, kNoFile, {"[ERROR] package_info.xml load failed"}},
+      {kPackage, "not xml at all", {"[ERROR] package_info.xml load failed"}},
+      {kPackage, "<P/>", {"[ERROR] CarrierList failed"}},
+      {kDeviceId, "<T", {"...", "[ERROR] WwanDeviceIdImageMappingTable.xml load faild.", "[ERROR] @"}},
+      {kDeviceId, "<!-- -->", {"[DETAIL]getWwanDeviceConfigID enter.", "[ERROR] RootElement xml item error."}},
+      {kDeviceId, "<T/>", {"...", "[ERROR] WwanDeviceConfigureidTable xml item error."}},
+      {kDeviceId, "<T><WwanDeviceConfigureIDTable/></T>",
+       {"...", "[ERROR] UniqueSkuIDToWwanDeviceConfigureIDMappingTable error."}},
+      {kDeviceId, "<T><WwanDeviceConfigureIDTable><UniqueSkuIDToWwanDeviceConfigureIDMappingTable/>"
+                  "</WwanDeviceConfigureIDTable></T>",
+       {"...", "[ERROR] CustProductNamePathToUniqueSkuID xml item error.", "[DETAIL]getWwanDeviceConfigID not find.",
+        "[DETAIL]getWwanDeviceConfigID done."}},
+      // eSIM: a flag other than true ends the lookup before "done".
+      {kEsim, esim_false.c_str(), {"...", "[DETAIL]FlagValue is false,not need to set esim disable."}},
+      {kEsim, "<E><TableEnableFlag FlagValue=\"yes\"/></E>", {"...", "[DETAIL]Main disable error."}},
+      {kEsim, "<E><TableEnableFlag/></E>", {"...", "[DETAIL]Main disable error."}},
+      {kEsim, "<E/>", {"...", "[ERROR] TableEnableFlag xml item error."}},
+      {kEsim, "<!-- nothing -->", {"...", "[ERROR] RootElement xml item error."}},
+      {kEsim, "<E><TableEnableFlag", {"...", "[ERROR] Esim disable xml load faild.", "[ERROR] @"}},
+      {kRegion, "<R/>", {"...", "[ERROR] SelectionRule xml item error."}},
+      {kRegion, "junk", {"...", "[ERROR] RegionMappingTable load faild.", "[ERROR] @"}},
+      {kRegionNoMcc, "<R><SelectionRule/></R>",
+       {"[DETAIL]getRegulatoryByMcc enter.", "[DETAIL]@", "[DETAIL]", "[ERROR] mcc is null"}},
+      {kRegion, "<R><SelectionRule/></R>", {"...", "[DETAIL]460", "[DETAIL]getRegulatoryByMcc done."}},  // no failure
+  };
+  for (const Case& c : cases) {
+    const std::string path = c.xml == kNoFile ? In("none.xml") : Table(c.xml);
+    SCOPED_TRACE(path + ": " + (c.xml ? c.xml : "no file"));
+    ClearLog();
+    EXPECT_TRUE(c.read(path));
+    ExpectLog(c.log, path);
   }
 }
 
