@@ -10,28 +10,14 @@ using RulesTest = testing::TableTest;
 
 const char kRules[] = R"(<?xml version="1.0"?>
 <AnyRootName>
-  <SwitchingRule>
-    <SelectionRule>
-      <MCCMNCTable>
-        <Item>no key</Item>
-        <Item mccmnc="310260">TMO</Item>
-        <Item mccmnc=" 310410">ATT-blank</Item>
-        <Item mccmnc="310260">TMO-second</Item>
-        <Stray mccmnc="23415">VODA-stray</Stray>
-        <Item mccmnc="46000">  CMCC
- </Item>
-        <Item mccmnc="1"/>
-      </MCCMNCTable>
-      <MCCTable>
-        <Item>no key</Item>
-        <Item mcc="310">US</Item>
-        <Item mcc="0460">CN-zero</Item>
-        <Item mcc="310">US-second</Item>
-        <Note mcc="262">DE-note</Note>
-        <Item mcc="">EMPTY</Item>
-      </MCCTable>
-    </SelectionRule>
-  </SwitchingRule>
+  <SwitchingRule><SelectionRule>
+    <MCCMNCTable><Item>no key</Item><Item mccmnc="310260">TMO</Item><Item mccmnc=" 310410">ATT-blank</Item>
+      <Item mccmnc="310260">TMO-second</Item><Stray mccmnc="23415">VODA-stray</Stray>
+      <Item mccmnc="46000">  CMCC
+ </Item><Item mccmnc="1"/></MCCMNCTable>
+    <MCCTable><Item>no key</Item><Item mcc="310">US</Item><Item mcc="0460">CN-zero</Item>
+      <Item mcc="310">US-second</Item><Note mcc="262">DE-note</Note><Item mcc="">EMPTY</Item></MCCTable>
+  </SelectionRule></SwitchingRule>
   <SelectionRule><Item mcc="310">TOP-LEVEL</Item></SelectionRule>
 </AnyRootName>
 )";
@@ -116,10 +102,9 @@ TEST_F(RulesTest, IccidRangesCompareTheSharedPrefixThenHexTails) {
       {&twenty, "89012600", "TMO-20"}, {&twenty, "8901270123456789012", "kept"},
       {&p_zero, "890122", "P-ZERO"}, {&p_zero, "8900", "kept"},
       {&p_zero, "8901260123456789012", "kept"},  // saturates above max's 0x890123
-      {&narrow, "8986005", "FIRST"},             // both match: the first wins
-      {&narrow, "8986000", "SECOND"},
-      {&narrow, "898600A", "kept"},              // tail A reads 10, above 9
-      {&narrow, "89860051234", "kept"},          // a longer tail reads larger
+      {&narrow, "8986005", "FIRST"}, {&narrow, "8986000", "SECOND"},  // both match: the first wins
+      {&narrow, "898600A", "kept"},      // tail A reads 10, above 9
+      {&narrow, "89860051234", "kept"},  // a longer tail reads larger
       {&narrow, "5", ""},
   };
   for (const Case& c : cases) {

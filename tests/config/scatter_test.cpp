@@ -1,33 +1,31 @@
 #include "config/scatter.h"
 
-#include <gtest/gtest.h>
-
-#include "support/log_reader.h"
+#include "config/table_test.h"
 
 namespace dorvane {
 namespace {
 
+using testing::ReadFileBytes;
+using testing::Texts;
+
 class ScatterTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ::CreateDirectoryA("C:\\Windows\\WWAN", nullptr);
-    ::CreateDirectoryA("C:\\Windows\\WWAN\\FwSwitchBin", nullptr);
-    ::CreateDirectoryA(kFlashDataFolder, nullptr);
-    path_ = std::string(kFlashDataFolder) + "\\" + kScatterName;
+    for (const char* d : {"C:\\Windows\\WWAN", "C:\\Windows\\WWAN\\FwSwitchBin", kFlashDataFolder}) {
+      ::CreateDirectoryA(d, nullptr);
+    }
   }
   void TearDown() override { ::DeleteFileA(path_.c_str()); }
   // The flags of the file's partitions, in order.
-  std::vector<std::string> Flags() const {
-    std::vector<std::string> out;
-    const std::string text = testing::ReadFileBytes(path_);
-    for (size_t at = text.find("<is_download>"); at != std::string::npos;
-         at = text.find("<is_download>", at + 1)) {
-      const size_t begin = at + 13;
-      out.push_back(text.substr(begin, text.find("</is_download>", begin) - begin));
+  Texts Flags() const {
+    Texts out;
+    const std::string text = ReadFileBytes(path_);
+    for (size_t at = text.find("<is_download>"); at != std::string::npos; at = text.find("<is_download>", at + 1)) {
+      out.push_back(text.substr(at + 13, text.find("</is_download>", at) - at - 13));
     }
     return out;
   }
-  std::string path_;
+  const std::string path_ = std::string(kFlashDataFolder) + "\\" + kScatterName;
 };
 
 const char kScatter[] = R"(<?xml version="1.0" encoding="utf-8"?>
@@ -45,12 +43,12 @@ const char kScatter[] = R"(<?xml version="1.0" encoding="utf-8"?>
 TEST_F(ScatterTest, FlagsAreKeyedByTheirOwnText) {
   struct Case {
     const char* selection;
-    std::vector<std::string> flags;
+    Texts flags;
   };
   const Case cases[] = {
       {";true;", {"true", "false", "false", "false"}},
-      {"true", {"false", "false", "false", "false"}},   // no semicolons: nothing matches
-      {";false;;;", {"false", "true", "true", "false"}}, // ";;" is the key of an empty flag
+      {"true", {"false", "false", "false", "false"}},    // no semicolons: nothing matches
+      {";false;;;", {"false", "true", "true", "false"}},  // ";;" is the key of an empty flag
       {"x;maybe;x;true;", {"true", "false", "false", "true"}},
   };
   for (const Case& c : cases) {
@@ -59,38 +57,32 @@ TEST_F(ScatterTest, FlagsAreKeyedByTheirOwnText) {
     EXPECT_TRUE(UpdateScatterDownloadFlags(c.selection));
     EXPECT_EQ(c.flags, Flags());
   }
+  // An empty storage is still saved, by the XML printer.
+  const std::string xml = "<?xml version=\"1.0\"?>\n<root>\n<general/>\n<storage_type/></root>";
+  testing::WriteFileBytes(path_, xml);
+  EXPECT_TRUE(UpdateScatterDownloadFlags(";true;"));
+  EXPECT_NE(xml, ReadFileBytes(path_)) << "rewritten by the printer";
+  EXPECT_NE(std::string::npos, ReadFileBytes(path_).find("<storage_type/>"));
 }
 
 TEST_F(ScatterTest, FalsePathsLeaveTheFileAsItWas) {
   struct Case {
-    std::string xml;
-    std::string selection;
+    const char* xml;  // null: no file, and none is created
+    const char* selection;
   };
   const Case cases[] = {
       {kScatter, ""},
       {"<root><storage_type><partition_index><is_download>true</is_download></partition_index>"
        "</storage_type></root>", ";true;"},
-      {"<root><general/></root>", ";true;"},
-      {"<root><general/><storage_type>", ";true;"},
+      {"<root><general/></root>", ";true;"}, {"<root><general/><storage_type>", ";true;"}, {nullptr, ";true;"},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.xml);
-    testing::WriteFileBytes(path_, c.xml);
+    SCOPED_TRACE(c.xml ? c.xml : "no file");
+    if (c.xml) testing::WriteFileBytes(path_, c.xml);
     EXPECT_FALSE(UpdateScatterDownloadFlags(c.selection));
-    EXPECT_EQ(c.xml, testing::ReadFileBytes(path_));
+    EXPECT_EQ(c.xml ? c.xml : "no file", testing::FileExists(path_) ? ReadFileBytes(path_) : "no file");
+    ::DeleteFileA(path_.c_str());
   }
-  ::DeleteFileA(path_.c_str());
-  EXPECT_FALSE(UpdateScatterDownloadFlags(";true;"));
-  EXPECT_FALSE(testing::FileExists(path_)) << "nothing is created";
-}
-
-TEST_F(ScatterTest, AnEmptyStorageIsStillSavedByTheXmlPrinter) {
-  const std::string xml = "<?xml version=\"1.0\"?>\n<root>\n<general/>\n<storage_type/></root>";
-  testing::WriteFileBytes(path_, xml);
-  EXPECT_TRUE(UpdateScatterDownloadFlags(";true;"));
-  const std::string saved = testing::ReadFileBytes(path_);
-  EXPECT_NE(xml, saved) << "rewritten by the printer";
-  EXPECT_NE(std::string::npos, saved.find("<storage_type/>"));
 }
 
 }  // namespace
