@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -308,41 +309,6 @@ TEST_F(FirmwareTest, PackageInfoFallsBackToTheLastDefault) {
   EXPECT_TRUE(messages().empty());
 }
 
-TEST_F(FirmwareTest, ParamFirmwareByMccAndOemFirmwareByModel) {
-  const std::string rules = Table(R"(<R><SwitchingRule><Registered/>
-    <Registered mcc="310"><PARAMFirmware File="p310.bin" Ver="1" Type="PARAM" Count="07"/></Registered>
-    <Registered mcc="310"><PARAMFirmware File="later" Ver="2" Type="T" Count="1"/></Registered>
-  </SwitchingRule></R>)");
-  F r = Preset();
-  ASSERT_TRUE(GetParamFirmwareByMcc("310", rules, r));
-  EXPECT_EQ((Texts{"p310.bin", "1", "PARAM", "07"}), Slice(r, F::kParamSlot, F::kSwitchTable));
-  EXPECT_EQ("x", r.fields[F::kCarrierId]) << "only the slot is written";
-  EXPECT_FALSE(GetParamFirmwareByMcc("31", rules, r));
-  EXPECT_FALSE(GetParamFirmwareByMcc("", rules, r));
-
-  const std::string models = Table(R"(<M><CarrierList>
-    <CustModel id=""><OEMFirmware File="empty-id"/></CustModel>
-    <CustModel id="X13"><OEMFirmware File="oem.bin" Ver="5" Type="OEM" Count="1"><Switch_table File="switch.xml"/></OEMFirmware></CustModel>
-    <CustModel id="X14"><OEMFirmware File="oem14.bin" Ver="6" Type="OEM" Count="2"/><Switch_table File="beside.xml"/></CustModel>
-    <CustModel id="X15"/>
-  </CarrierList></M>)");
-  struct Case {
-    const char* model;
-    Texts fields;  // carrier id, OEM slot's file, switch table
-  };
-  const Case cases[] = {
-      {"X13", {"X13", "oem.bin", "switch.xml"}},
-      {"X14", {"X14", "oem14.bin", "x"}},  // a switch table beside OEMFirmware is not seen
-      {"X15", {"X15", "", "x"}},
-      {"", {"x", "x", "x"}},  // an empty model id finds nothing, even with an empty id entry
-  };
-  for (const Case& c : cases) {
-    r = Preset();
-    EXPECT_EQ(c.fields[0] != "x", GetOemFirmwareByModel(c.model, models, r)) << c.model;
-    EXPECT_EQ(c.fields, (Texts{r.fields[F::kCarrierId], r.fields[F::kParamSlot], r.fields[F::kSwitchTable]}));
-  }
-}
-
 TEST_F(FirmwareTest, FwPackageInfoReplacesTheWholeObjectOnlyOnSuccess) {
   const std::string xml = R"(<Pkg><PackageVer> 1.2.3 </PackageVer><PackageType>FULL</PackageType><CarrierList>
     <Carrier id="TMO" ver="7"><FWImage file="fw.bin" ver="f1"/><CustPack file="cp.bin" ver="c1"/></Carrier>
@@ -362,10 +328,6 @@ TEST_F(FirmwareTest, FwPackageInfoReplacesTheWholeObjectOnlyOnSuccess) {
   ASSERT_TRUE(GetFwPackageInfo(Table("<p><PackageVer/><PackageType/><CarrierList><Carrier/></CarrierList></p>"), package));
   EXPECT_EQ("", package.GetPackageVer()) << "an element without text reads as empty";
   EXPECT_EQ(1u, package.GetCarriers().size());
-  FwPackageInfo kept;
-  kept.SetPackageVer("kept");
-  EXPECT_FALSE(GetFwPackageInfo(Table("<Pkg><PackageVer>9</PackageVer><CarrierList/></Pkg>"), kept));
-  EXPECT_EQ("kept", kept.GetPackageVer());
 
   // An empty path reads FwPackageInfo.xml in the current folder.
   char cwd[MAX_PATH];
@@ -386,14 +348,44 @@ const char kSkus[] = R"(<S>
   <SKU_GUID ID="SKU-B"><Area ID="EU"><PARAMFirmware File="b.bin"/></Area></SKU_GUID>
 </S>)";
 
-TEST_F(FirmwareTest, ParamFirmwareBySkuFindsKeysUnderTheFirstSku) {
-  const std::string path = Table(kSkus);
-  F r = Preset();
-  ASSERT_TRUE(GetParamFirmwareBySku("SKU-A", "US", path, r));
-  EXPECT_EQ("us.bin", r.fields[F::kParamSlot]);
-  ASSERT_TRUE(GetParamFirmwareBySku("SKU-A", "BARE", path, r));
-  EXPECT_EQ("", r.fields[F::kParamSlot]);
-  EXPECT_FALSE(GetParamFirmwareBySku("SKU-A", "US", Table("<S/>"), r));
+TEST_F(FirmwareTest, ParamSlotBySkuByMccAndByModel) {
+  const std::string skus = Table(kSkus), no_skus = Table("<S/>");
+  const std::string rules = Table(R"(<R><SwitchingRule><Registered/>
+    <Registered mcc="310"><PARAMFirmware File="p310.bin" Ver="1" Type="PARAM" Count="07"/></Registered>
+    <Registered mcc="310"><PARAMFirmware File="later" Ver="2" Type="T" Count="1"/></Registered>
+  </SwitchingRule></R>)");
+  const std::string models = Table(R"(<M><CarrierList>
+    <CustModel id=""><OEMFirmware File="empty-id"/></CustModel>
+    <CustModel id="X13"><OEMFirmware File="oem.bin" Ver="5" Type="OEM" Count="1"><Switch_table File="switch.xml"/></OEMFirmware></CustModel>
+    <CustModel id="X14"><OEMFirmware File="oem14.bin" Ver="6" Type="OEM" Count="2"/><Switch_table File="beside.xml"/></CustModel>
+    <CustModel id="X15"/>
+  </CarrierList></M>)");
+  auto sku = [](const std::string& path, const char* area) {
+    return [=](F& r) { return GetParamFirmwareBySku("SKU-A", area, path, r); };
+  };
+  auto mcc = [&](const char* key) { return [=](F& r) { return GetParamFirmwareByMcc(key, rules, r); }; };
+  auto model = [&](const char* key) { return [=](F& r) { return GetOemFirmwareByModel(key, models, r); }; };
+  struct Case {
+    std::function<bool(F&)> read;
+    Texts fields;  // carrier id, the slot's four, switch table; the preset alone: false
+  };
+  const Texts untouched = {"x", "x", "x", "x", "x", "x"};
+  const Case cases[] = {
+      {sku(skus, "US"), {"x", "us.bin", "2", "P", "1", "x"}},  // keys under the first SKU
+      {sku(skus, "BARE"), {"x", "", "", "", "", "x"}}, {sku(no_skus, "US"), untouched},
+      {mcc("310"), {"x", "p310.bin", "1", "PARAM", "07", "x"}}, {mcc("31"), untouched}, {mcc(""), untouched},
+      {model("X13"), {"X13", "oem.bin", "5", "OEM", "1", "switch.xml"}},
+      {model("X14"), {"X14", "oem14.bin", "6", "OEM", "2", "x"}},  // a switch table beside OEMFirmware is not seen
+      {model("X15"), {"X15", "", "", "", "", "x"}},
+      {model(""), untouched},  // an empty model id finds nothing, even with an empty id entry
+  };
+  for (const Case& c : cases) {
+    F r = Preset();
+    EXPECT_EQ(c.fields != untouched, c.read(r)) << ::testing::PrintToString(c.fields);
+    Texts got = {r.fields[F::kCarrierId]};
+    got.insert(got.end(), r.fields.begin() + F::kParamSlot, r.fields.end());
+    EXPECT_EQ(c.fields, got);
+  }
 }
 
 // Runs in a child process: a lookup that never returns can only be ended with
@@ -438,8 +430,7 @@ class DeviceConfigTest : public TableTest {
     ASSERT_EQ(ERROR_SUCCESS, ::RegCreateKeyExA(HKEY_LOCAL_MACHINE, kProductKey, 0, nullptr, 0,
                                                KEY_ALL_ACCESS | KEY_WOW64_32KEY, nullptr, &key, nullptr));
     for (auto [name, value] : {std::pair<const char*, const char*>{"A", "Alpha"}, {"B", "beta"}, {"E", ""}}) {
-      ::RegSetValueExA(key, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value),
-                       static_cast<DWORD>(strlen(value) + 1));
+      ::RegSetValueExA(key, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value), DWORD(strlen(value) + 1));
     }
     ::RegCloseKey(key);
   }
@@ -714,6 +705,7 @@ TEST_F(MalformedTest, BrokenTablesAreLoggedWithTheirLevel) {
       // The other rule and firmware readers fail silently.
       {kMcc, kNoFile, {}}, {kMcc, rules, {}},
       {kCarrier, kNoFile, {}}, {kSku, kNoFile, {}}, {kSku, "<S/>", {}},
+      {kFwPackage, "<Pkg><PackageVer>9</PackageVer><CarrierList/></Pkg>", {}},  // no carrier: nothing replaced
       {kPackage, kNoFile, {"[ERROR] package_info.xml load failed"}},
       {kPackage, "not xml at all", {"[ERROR] package_info.xml load failed"}},
       {kPackage, "<P/>", {"[ERROR] CarrierList failed"}},
