@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "log/logger.h"
@@ -52,45 +53,30 @@ TEST(LogRecords, WhatTheLoggerWritesIsReadBackWhole) {
   log.Close();
   const std::string bytes = testing::ReadFileBytes(path);
 
+  // Lines of the file: banner 1, error 2, warning 3, the separator's record 4
+  // (with its own lines 5 to 7), "done." 8 (9, 10), banner 11.
+  using Record = std::tuple<LogLevel, std::string, size_t>;
+  const std::vector<Record> expected = {
+      {LogLevel::kBanner, "", 1},  {LogLevel::kError, "RegOpenKeyEx error", 2},
+      {LogLevel::kWarning, "warn 7", 3},  {LogLevel::kDetail, "\n\n----sep----\n", 4},
+      {LogLevel::kDetail, "done.\r\n\r\n", 8},  {LogLevel::kBanner, "", 11},
+      {LogLevel::kDetail, "after the reopen", 12},
+  };
   for (unsigned seed = 1; seed <= 20; ++seed) {
     SCOPED_TRACE(seed);
     const Read read = ReadPieces({bytes}, seed);
-    ASSERT_EQ(7u, read.records.size());
     EXPECT_EQ(0u, read.unreadable);
-    const std::vector<std::pair<LogLevel, std::string>> expected = {
-        {LogLevel::kBanner, ""},           {LogLevel::kError, "RegOpenKeyEx error"},
-        {LogLevel::kWarning, "warn 7"},    {LogLevel::kDetail, "\n\n----sep----\n"},
-        {LogLevel::kDetail, "done.\r\n\r\n"},  {LogLevel::kBanner, ""},
-        {LogLevel::kDetail, "after the reopen"},
-    };
-    for (size_t i = 0; i < expected.size(); ++i) {
-      EXPECT_EQ(expected[i].first, read.records[i].level) << i;
-      EXPECT_EQ(expected[i].second, read.records[i].text) << i;
-    }
-    // Lines of the file: banner 1, error 2, warning 3, the separator's
-    // record 4 (with its own lines 5 to 7), "done." 8 (9, 10), banner 11.
-    EXPECT_EQ((std::vector<size_t>{1, 2, 3, 4, 8, 11, 12}),
-              (std::vector<size_t>{read.records[0].line, read.records[1].line, read.records[2].line,
-                                   read.records[3].line, read.records[4].line, read.records[5].line,
-                                   read.records[6].line}));
+    std::vector<Record> records;
+    for (const LogRecord& r : read.records) records.emplace_back(r.level, r.text, r.line);
+    EXPECT_EQ(expected, records);
   }
-  // The stamp is the writer's: today's month and day.
-  SYSTEMTIME now;
-  ::GetLocalTime(&now);
-  const LogRecord& last = ReadPieces({bytes}, 1).records.back();
-  EXPECT_EQ(now.wMonth, last.month);
-  EXPECT_EQ(now.wDay, last.day);
 }
 
 TEST(LogRecords, FieldLogs) {
-  struct Case {
-    const char* name;
-    std::vector<std::string> files;
-    std::vector<std::string> texts;  // "year/MM-DD text" of each record
-    size_t unreadable;
-  };
+  // What is read, the files, "year/MM-DD text" of each record, the lines not read.
+  using Strings = std::vector<std::string>;
   const std::string banner = "---------------log start------------------\r\n";
-  const Case cases[] = {
+  const std::tuple<const char*, Strings, Strings, size_t> cases[] = {
       {"a month that goes back starts a year; files go on with it",
        {"[DETAIL] 12-31 23:59:59:999: old\r\n[DETAIL] 01-01 00:00:00:001: new\r\n",
         "[DETAIL] 01-02 10:00:00:000: next file\r\n[DETAIL] 12-01 10:00:00:000: later\r\n"},
@@ -115,17 +101,17 @@ TEST(LogRecords, FieldLogs) {
        {"0/03-04 first\n[DETAIL] 03-0", "0/03-04 end"},
        0},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    const Read read = ReadPieces(c.files, 7);
+  for (const auto& [name, files, expected, unreadable] : cases) {
+    SCOPED_TRACE(name);
+    const Read read = ReadPieces(files, 7);
     std::vector<std::string> texts;
     for (const LogRecord& r : read.records) {
       char stamp[16];
       std::snprintf(stamp, sizeof stamp, "%d/%02d-%02d ", r.year, r.month, r.day);
       texts.push_back(stamp + r.text);
     }
-    EXPECT_EQ(c.texts, texts);
-    EXPECT_EQ(c.unreadable, read.unreadable);
+    EXPECT_EQ(expected, texts);
+    EXPECT_EQ(unreadable, read.unreadable);
   }
 }
 
