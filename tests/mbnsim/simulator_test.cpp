@@ -102,9 +102,7 @@ class SimulatorTest : public testing::SimFixture {
     ASSERT_EQ(1u, sink_->Take(1).size());
   }
   void TearDown() override {
-    if (point_) {
-      EXPECT_EQ(S_OK, point_->Unadvise(cookie_));
-    }
+    if (point_) EXPECT_EQ(S_OK, point_->Unadvise(cookie_));
     service_.reset();
     context_.reset();
     point_.reset();
