@@ -31,13 +31,11 @@ class RecordingSink : public CrMbimServicesEvents {
     HRESULT status;
     bool has_data;
     std::string bytes;
-    DWORD thread;
-    DWORD tick;
+    DWORD thread, tick;
     bool caller_returned;
   };
   RecordingSink() : CrMbimServicesEvents(std::make_shared<PendingList>()) {}
-  HRESULT STDMETHODCALLTYPE OnOpenCommandSessionComplete(IMbnDeviceService*, HRESULT status,
-                                                         ULONG id) override {
+  HRESULT STDMETHODCALLTYPE OnOpenCommandSessionComplete(IMbnDeviceService*, HRESULT status, ULONG id) override {
     return Record(id, status, nullptr);
   }
   HRESULT STDMETHODCALLTYPE OnSetCommandComplete(IMbnDeviceService*, ULONG, SAFEARRAY* data,
@@ -58,15 +56,12 @@ class RecordingSink : public CrMbimServicesEvents {
     }
   }
 
-  std::atomic<bool> caller_returned{true};
-  std::atomic<bool> hold{false};
+  std::atomic<bool> caller_returned{true}, hold{false}, overlapped{false};
   std::atomic<int> inside{0};
-  std::atomic<bool> overlapped{false};
 
  private:
   HRESULT Record(ULONG id, HRESULT status, SAFEARRAY* data) {
-    Call call{id, status, data != nullptr, "", ::GetCurrentThreadId(), ::GetTickCount(),
-              caller_returned};
+    Call call{id, status, data != nullptr, "", ::GetCurrentThreadId(), ::GetTickCount(), caller_returned};
     void* raw = nullptr;
     if (data != nullptr && SUCCEEDED(::SafeArrayAccessData(data, &raw))) {
       call.bytes.assign(static_cast<const char*>(raw), data->rgsabound[0].cElements);
@@ -102,7 +97,9 @@ class SimulatorTest : public testing::SimFixture {
     ASSERT_EQ(1u, sink_->Take(1).size());
   }
   void TearDown() override {
-    if (point_) EXPECT_EQ(S_OK, point_->Unadvise(cookie_));
+    if (point_) {
+      EXPECT_EQ(S_OK, point_->Unadvise(cookie_));
+    }
     service_.reset();
     context_.reset();
     point_.reset();
@@ -126,8 +123,7 @@ class SimulatorTest : public testing::SimFixture {
   ComPtr<IMbnDeviceServicesContext> context_;
   ComPtr<IMbnDeviceService> service_;
   DWORD cookie_ = 0;
-  DWORD bad_unadvises_ = 0;  // what the test expects the simulator to have counted
-  DWORD bad_releases_ = 0;
+  DWORD bad_unadvises_ = 0, bad_releases_ = 0;  // what the test expects the simulator to have counted
 };
 
 // A completion comes on another thread after the call has returned, or before
