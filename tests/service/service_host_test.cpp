@@ -45,9 +45,7 @@ BOOL FakeSetStatus(SERVICE_STATUS_HANDLE handle, SERVICE_STATUS* s) {
               " " + std::to_string(s->dwCheckPoint) + " " + std::to_string(s->dwWaitHint));
   return TRUE;
 }
-HANDLE FakeCreateStopEvent() {
-  return g_rec->event_fails ? nullptr : ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
-}
+HANDLE FakeCreateStopEvent() { return g_rec->event_fails ? nullptr : ::CreateEventA(nullptr, TRUE, FALSE, nullptr); }
 DWORD FakeStartWork() {
   g_rec->Call("start work");
   ::SetEvent(g_rec->start_entered);
