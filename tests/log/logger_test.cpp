@@ -76,7 +76,7 @@ TEST(LoggerRotation, RotatesAtExactlyFiftyMebibytes) {
   MakeFileOfSize(path, kLogRotateSize);
   Logger at;
   at.SetLogPath(path);
-  EXPECT_FALSE(FileExists(path)) << "the log stays closed until the next open";
+  ASSERT_FALSE(FileExists(path)) << "the log stays closed until the next open";
   EXPECT_EQ(kLogRotateSize, FileSize(backup)) << "the older backup is replaced";
   at.Enable(true);
   at.Write(4, "after rotation");
