@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tools/dorvanectl/log_html.h"
@@ -17,11 +18,13 @@ namespace {
 const char kBanner[] = "---------------log start------------------\r\n";
 const char kEnter[] = "[Information][CServiceStart::StartWork] Service start, StartWork Enter  >> ";
 
-std::string Detail(const char* stamp, const std::string& text) {
-  std::string line = std::string("[DETAIL] ") + stamp + ": " + text + "\n";
+std::string Crlf(const std::string& text) {
   std::string crlf;
-  for (char c : line) crlf += c == '\n' ? std::string("\r\n") : std::string(1, c);
+  for (char c : text) crlf += c == '\n' ? std::string("\r\n") : std::string(1, c);
   return crlf;
+}
+std::string Detail(const char* stamp, const std::string& text) {
+  return Crlf(std::string("[DETAIL] ") + stamp + ": " + text + "\n");
 }
 std::string Error(const char* stamp, const std::string& text) {
   return "[ERROR]  " + Detail(stamp, text).substr(9);
@@ -30,7 +33,6 @@ std::string Error(const char* stamp, const std::string& text) {
 struct Reading {
   std::vector<Happening> happenings;
   Summary summary;
-  size_t unreadable = 0;
 };
 
 Reading Read(const std::vector<std::string>& files, Window window = Window()) {
@@ -51,7 +53,6 @@ Reading Read(const std::vector<std::string>& files, Window window = Window()) {
   }
   reader.End();
   r.summary.Finish(reader.last(), reader.last_file(), reader.last_line());
-  r.unreadable = reader.unreadable_lines();
   return r;
 }
 
@@ -68,21 +69,15 @@ std::vector<std::string> Shown(const std::vector<Happening>& happenings) {
 }
 
 TEST(LogHappenings, FailuresAreTheErrorLinesAndTheHousekeepingStepsThatFailed) {
-  struct Case {
-    bool error_level;
-    const char* text;
-    const char* kind;  // "" for no happening
-  };
-  const Case cases[] = {
+  // At the error level?, the text, the happening's kind ("" for none).
+  const std::tuple<bool, std::string, std::string> cases[] = {
       {true, "[CStateWork::GetSimInfo] GetHomeProvider str_mccmnc is 310260", "sim"},
       {true, "[error][CStateWork::GetSimInfo] Get mbim interface fail.", "error"},
       {true, "CoInitializeEx error", "error"},
       {false, "OpenService failed (1060)", ""},  // no legacy service: nothing to remove
-      {false, "OpenService failed (5)", "error"},
-      {false, "OpenSCManager failed (5)", "error"},
-      {false, "Service stop Failed.", "error"},
-      {false, "Service removed Failed", "error"},
-      {false, "Service removed successfully", ""},
+      {false, "OpenService failed (5)", "error"},     {false, "OpenSCManager failed (5)", "error"},
+      {false, "Service stop Failed.", "error"},       {false, "Service removed Failed", "error"},
+      {false, "Service removed successfully", ""},    {false, "SetSimChangeEvent mccmnc:", ""},
       {false, "service Properties->recovery ,Code=33(should >31)", ""},
       {false, "service Properties->recovery ,Code=2(should >31)", "error"},
       {false, "----------------[Info][CMbnChangeEvent::OnInterfaceArrival]", "modem-arrival"},
@@ -95,41 +90,31 @@ TEST(LogHappenings, FailuresAreTheErrorLinesAndTheHousekeepingStepsThatFailed) {
       {false, "[Infomation][CStateWork::Work] Triger Service Stop Event.\n", ""},
       {false, "[Infomation][CServiceStart::StopWork] Stop work success.\r\n\r\n", "service-stop"},
       {false, "Set SetLogPath-----", "log-reopen"},
-      {false, "SetSimChangeEvent mccmnc:", ""},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text);
-    const std::string line = c.error_level ? Error("05-06 07:08:09:010", c.text) : Detail("05-06 07:08:09:010", c.text);
+  for (const auto& [error_level, text, kind] : cases) {
+    SCOPED_TRACE(text);
+    const std::string line = (error_level ? Error : Detail)("05-06 07:08:09:010", text);
     const Reading r = Read({line});
-    if (*c.kind == '\0') {
+    if (kind.empty()) {
       EXPECT_TRUE(r.happenings.empty()) << KindName(r.happenings[0].kind);
       continue;
     }
     ASSERT_EQ(1u, r.happenings.size());
-    EXPECT_STREQ(c.kind, KindName(r.happenings[0].kind));
-    EXPECT_EQ(c.text, r.happenings[0].text);
-    EXPECT_EQ(line.substr(0, line.size() - 2), [&] {  // the original line, CR LF read as LF
-      std::string o = OriginalLine(r.happenings[0]);
-      std::string crlf;
-      for (char ch : o) crlf += ch == '\n' ? std::string("\r\n") : std::string(1, ch);
-      return crlf;
-    }());
-    if (std::string(c.kind) == "sim") {
-      EXPECT_EQ("310260", r.happenings[0].mccmnc);
-    }
+    EXPECT_EQ(kind, KindName(r.happenings[0].kind));
+    EXPECT_EQ(text, r.happenings[0].text);
+    // The original line, CR LF read as LF.
+    EXPECT_EQ(line.substr(0, line.size() - 2), Crlf(OriginalLine(r.happenings[0])));
+    EXPECT_EQ(kind == "sim" ? "310260" : "", r.happenings[0].mccmnc);
   }
   // A warning is no failure of the service's (it writes none).
   EXPECT_TRUE(Read({"[WARNING]  05-06 07:08:09:010: CopyFileInDir skipped link C:\\x\r\n"}).happenings.empty());
 }
 
 TEST(LogHappenings, ABannerStartsARunUnlessItIsTheReopenedLogs) {
-  struct Case {
-    const char* name;
-    std::vector<std::string> files;
-    std::vector<std::string> happenings;
-  };
+  // What is read, the files, the happenings shown.
+  using Strings = std::vector<std::string>;
   const std::string reopen = Detail("03-01 10:00:00:000", "Set SetLogPath-----");
-  const Case cases[] = {
+  const std::tuple<const char*, Strings, Strings> cases[] = {
       {"a start: the banner takes the time of the line after it",
        {std::string(kBanner) + Detail("03-01 09:00:00:000", kEnter)},
        {"service-start@0:1 03-01 09:00:00.000"}},
@@ -152,9 +137,9 @@ TEST(LogHappenings, ABannerStartsARunUnlessItIsTheReopenedLogs) {
        {std::string(kBanner) + kBanner + Detail("03-01 09:00:00:000", kEnter)},
        {"service-start@0:1 ?", "service-start@0:2 03-01 09:00:00.000"}},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(c.happenings, Shown(Read(c.files).happenings));
+  for (const auto& [name, files, happenings] : cases) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(happenings, Shown(Read(files).happenings));
   }
 }
 
@@ -171,45 +156,42 @@ TEST(LogHappenings, RunsSimsAndErrorsAcrossATurnOfTheYearAndInAWindow) {
                           Error("01-02 09:00:01:000", "[CStateWork::GetSimInfo] GetHomeProvider str_mccmnc is 310260") +
                           Error("01-02 09:00:02:000", "[error][CStateWork::GetSimInfo] GetReadyState Fail.") +
                           Detail("01-02 12:00:00:000", "----------------[Info][CMbnChangeEvent::OnInterfaceRemoval]");
-  const Reading all = Read({backup, log});
-  const Summary& s = all.summary;
-  ASSERT_EQ(3u, s.runs.items.size());
-  const Summary::Run& first = s.runs.items[0];
-  EXPECT_EQ(Summary::RunEnd::kStopped, first.how);
-  EXPECT_EQ((39 * 60) * 60000LL, first.end->time.Ms() - first.start->time.Ms()) << "39 h over the turn";
-  EXPECT_EQ(1, s.runs.items[1].start->time.year);
-  EXPECT_EQ(Summary::RunEnd::kRestarted, s.runs.items[1].how);
-  EXPECT_EQ(1u, s.runs.items[2].start->file);
-  EXPECT_EQ(Summary::RunEnd::kLogEnds, s.runs.items[2].how);
-  EXPECT_EQ("01-02 12:00:00.000", s.runs.items[2].end->time.Text());
-  ASSERT_EQ(2u, s.sims.size());
-  EXPECT_EQ("310260", s.sims[0].mccmnc);
-  EXPECT_EQ(2u, s.sims[0].count);
-  EXPECT_EQ("01-02 09:00:01.000", s.sims[0].last.time.Text());
-  ASSERT_EQ(1u, s.errors.size());
-  EXPECT_EQ(2u, s.errors[0].count);
-  EXPECT_EQ(0u, s.errors[0].first.file);
-  EXPECT_EQ(4u, s.errors[0].first.line);
-  EXPECT_EQ(1u, s.errors[0].last.file);
-
-  struct WindowCase {
-    const char* since;
-    const char* until;
-    size_t runs, sims, errors;
+  const Summary s = Read({backup, log}).summary;
+  // "file:line time" of a point, the year count counted from 2000 (or, for
+  // `year` 0, left out).
+  auto at = [](const Summary::Point& p, int year = 2000) {
+    return std::to_string(p.file) + ":" + std::to_string(p.line) + " " + TimeText(p.time, year);
   };
-  const WindowCase windows[] = {
+  const char* how[] = {"stopped", "restarted", "log ends"};
+  std::vector<std::string> seen;
+  for (const auto& r : s.runs.items) seen.push_back(at(*r.start) + " .. " + at(*r.end) + " " + how[int(r.how)]);
+  for (const auto& sim : s.sims) seen.push_back(sim.mccmnc + " x" + std::to_string(sim.count) + " " + at(sim.last, 0));
+  for (const auto& e : s.errors) {
+    seen.push_back(e.text + " x" + std::to_string(e.count) + " " + at(e.first) + " .. " + at(e.last));
+  }
+  EXPECT_EQ((std::vector<std::string>{
+                "0:1 2000-12-30T08:00:00.000 .. 0:5 2000-12-31T23:00:00.000 stopped",
+                "0:8 2001-01-01T01:00:00.000 .. 0:10 2001-01-01T01:00:01.000 restarted",
+                "1:1 2001-01-02T09:00:00.000 .. 1:5 2001-01-02T12:00:00.000 log ends",
+                "310260 x2 1:3 01-02 09:00:01.000",
+                "26201 x1 0:10 01-01 01:00:01.000",
+                "[error][CStateWork::GetSimInfo] GetReadyState Fail. x2 0:4 2000-12-30T08:00:02.000 .. "
+                "1:4 2001-01-02T09:00:02.000",
+            }),
+            seen);
+
+  const std::tuple<const char*, const char*, size_t, size_t, size_t> windows[] = {
       {"01-02", nullptr, 1, 1, 1},        // after the turn: the 2nd of January of the next year
       {"12-31", "01-01", 2, 1, 0},        // the first run ends in it, the second starts in it
       {"12-30 08:00", "12-30 08:00", 1, 1, 1},  // to the end of the minute
       {"12-29", "12-29", 0, 0, 0},        // before the log: the next year's, after it
   };
-  for (const WindowCase& w : windows) {
-    SCOPED_TRACE(std::string(w.since) + " .. " + (w.until ? w.until : ""));
-    const Reading r = Read({backup, log}, Window(ParseClockTime(w.since),
-                                                 w.until ? ParseClockTime(w.until) : std::nullopt));
-    EXPECT_EQ(w.runs, r.summary.runs.items.size());
-    EXPECT_EQ(w.sims, r.summary.counts[static_cast<int>(Kind::kSim)]);
-    EXPECT_EQ(w.errors, r.summary.counts[static_cast<int>(Kind::kError)]);
+  for (const auto& [since, until, runs, sims, errors] : windows) {
+    SCOPED_TRACE(std::string(since) + " .. " + (until ? until : ""));
+    const Reading r = Read({backup, log}, Window(ParseClockTime(since), until ? ParseClockTime(until) : std::nullopt));
+    EXPECT_EQ(runs, r.summary.runs.items.size());
+    EXPECT_EQ(sims, r.summary.counts[static_cast<int>(Kind::kSim)]);
+    EXPECT_EQ(errors, r.summary.counts[static_cast<int>(Kind::kError)]);
   }
 }
 
@@ -232,29 +214,17 @@ TEST(LogHappenings, ALogOfAnyLengthIsSummedUpInBoundedLists) {
 }
 
 TEST(LogHappenings, TimesAndTextsAsTheyAreGivenAndShown) {
-  struct TimeCase {
-    const char* text;
-    bool valid;
-  };
-  for (const TimeCase& c : std::vector<TimeCase>{{"11-24", true}, {"11-24 08:30", true}, {"02-29", true},
-                                                   {"02-30", false}, {"13-01", false}, {"00-10", false},
-                                                   {"11-24 24:00", false}, {"11-24 08:60", false},
-                                                   {"11-24 8:30", false}, {"11-24T08:30", false},
-                                                   {"1124", false}, {"11-24 08:30 ", false}}) {
-    EXPECT_EQ(c.valid, ParseClockTime(c.text).has_value()) << c.text;
+  for (const char* valid : {"11-24", "11-24 08:30", "02-29"}) {
+    EXPECT_TRUE(ParseClockTime(valid).has_value()) << valid;
+  }
+  for (const char* invalid : {"02-30", "13-01", "00-10", "11-24 24:00", "11-24 08:60", "11-24 8:30", "11-24T08:30",
+                              "1124", "11-24 08:30 "}) {
+    EXPECT_FALSE(ParseClockTime(invalid).has_value()) << invalid;
   }
   EXPECT_EQ("&lt;a href=&quot;x&quot;&gt;&amp;&#39; \\x1B\\x7F\xC3\xA9 \\xE9\\xC3 \\xED\\xA0\\x80 \\xF8\\x88\\x80\\x80",
             HtmlText("<a href=\"x\">&' \x1B\x7F\xC3\xA9 \xE9\xC3 \xED\xA0\x80 \xF8\x88\x80\x80"));
   EXPECT_EQ("9 h 58 min", LengthText((9 * 60 + 58) * 60000LL + 999));
   EXPECT_EQ("0.250 s", LengthText(250));
-  Stamp t;
-  t.known = true;
-  t.year = 1;
-  t.month = 1;
-  t.day = 2;
-  t.hour = 3;
-  EXPECT_EQ("2027-01-02T03:00:00.000", TimeText(t, 2026));
-  EXPECT_EQ("01-02 03:00:00.000", TimeText(t, 0));
 }
 
 }  // namespace

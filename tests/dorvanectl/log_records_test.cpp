@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "log/logger.h"
@@ -52,94 +53,72 @@ TEST(LogRecords, WhatTheLoggerWritesIsReadBackWhole) {
   log.Close();
   const std::string bytes = testing::ReadFileBytes(path);
 
+  // Lines of the file: banner 1, error 2, warning 3, the separator's record 4
+  // (with its own lines 5 to 7), "done." 8 (9, 10), banner 11.
+  using Record = std::tuple<LogLevel, std::string, size_t>;
+  const std::vector<Record> expected = {
+      {LogLevel::kBanner, "", 1},  {LogLevel::kError, "RegOpenKeyEx error", 2},
+      {LogLevel::kWarning, "warn 7", 3},  {LogLevel::kDetail, "\n\n----sep----\n", 4},
+      {LogLevel::kDetail, "done.\r\n\r\n", 8},  {LogLevel::kBanner, "", 11},
+      {LogLevel::kDetail, "after the reopen", 12},
+  };
   for (unsigned seed = 1; seed <= 20; ++seed) {
     SCOPED_TRACE(seed);
     const Read read = ReadPieces({bytes}, seed);
-    ASSERT_EQ(7u, read.records.size());
     EXPECT_EQ(0u, read.unreadable);
-    const std::vector<std::pair<LogLevel, std::string>> expected = {
-        {LogLevel::kBanner, ""},           {LogLevel::kError, "RegOpenKeyEx error"},
-        {LogLevel::kWarning, "warn 7"},    {LogLevel::kDetail, "\n\n----sep----\n"},
-        {LogLevel::kDetail, "done.\r\n\r\n"},  {LogLevel::kBanner, ""},
-        {LogLevel::kDetail, "after the reopen"},
-    };
-    for (size_t i = 0; i < expected.size(); ++i) {
-      EXPECT_EQ(expected[i].first, read.records[i].level) << i;
-      EXPECT_EQ(expected[i].second, read.records[i].text) << i;
-    }
-    // Lines of the file: banner 1, error 2, warning 3, the separator's
-    // record 4 (with its own lines 5 to 7), "done." 8 (9, 10), banner 11.
-    EXPECT_EQ((std::vector<size_t>{1, 2, 3, 4, 8, 11, 12}),
-              (std::vector<size_t>{read.records[0].line, read.records[1].line, read.records[2].line,
-                                   read.records[3].line, read.records[4].line, read.records[5].line,
-                                   read.records[6].line}));
+    std::vector<Record> records;
+    for (const LogRecord& r : read.records) records.emplace_back(r.level, r.text, r.line);
+    EXPECT_EQ(expected, records);
   }
-  // The stamp is the writer's: today's month and day.
-  SYSTEMTIME now;
-  ::GetLocalTime(&now);
-  const LogRecord& last = ReadPieces({bytes}, 1).records.back();
-  EXPECT_EQ(now.wMonth, last.month);
-  EXPECT_EQ(now.wDay, last.day);
 }
 
 TEST(LogRecords, FieldLogs) {
-  struct Case {
-    const char* name;
-    std::vector<std::string> files;
-    std::vector<std::string> texts;  // "year/MM-DD text" of each record
-    size_t unreadable;
-  };
+  // What is read, the files, "line year/MM-DD text" of each record (" (cut)"
+  // after a text cut short or torn), the lines not read.
+  using Strings = std::vector<std::string>;
   const std::string banner = "---------------log start------------------\r\n";
-  const Case cases[] = {
+  const std::string huge(3 * LogRecordReader::kMaxText, 'x');
+  const std::tuple<const char*, Strings, Strings, size_t> cases[] = {
       {"a month that goes back starts a year; files go on with it",
        {"[DETAIL] 12-31 23:59:59:999: old\r\n[DETAIL] 01-01 00:00:00:001: new\r\n",
         "[DETAIL] 01-02 10:00:00:000: next file\r\n[DETAIL] 12-01 10:00:00:000: later\r\n"},
-       {"0/12-31 old", "1/01-01 new", "1/01-02 next file", "1/12-01 later"},
+       {"1 0/12-31 old", "2 1/01-01 new", "1 1/01-02 next file", "2 1/12-01 later"},
        0},
       {"the cut start of a backup and a torn prefix are counted, not taken as text",
        {"of a text whose start was cut\r\n[DETAIL] 11-2\r\n" + banner + "torn after a banner\r\n"
                                                                          "[ERROR]  11-24 08:00:00:000: Esim disable xml load faild.\r\n"},
-       {"0/00-00 ", "0/11-24 Esim disable xml load faild."},
+       {"3 0/00-00 ", "5 0/11-24 Esim disable xml load faild."},
        3},
       {"a torn last line that starts no record is counted, not taken for the text before it",
        {"[DETAIL] 03-04 05:06:07:008: whole\r\ngarbage torn li"},
-       {"0/03-04 whole"},
+       {"1 0/03-04 whole"},
        1},
       {"a line torn by a crash with the next start's banner glued on: the torn record, then the banner",
        {"[DETAIL] 03-04 05:06:07:008: whole\r\n[DETAIL] 03-04 05:06:07:009: tor" + banner +
         "[DETAIL] 03-05 01:00:00:000: a\r\nline of its text, tor" + banner + "[DETAIL] 03-06 01:00:00:000: b\r\n"},
-       {"0/03-04 whole", "0/03-04 tor", "0/00-00 ", "0/03-05 a", "0/00-00 ", "0/03-06 b"},
+       {"1 0/03-04 whole", "2 0/03-04 tor (cut)", "2 0/00-00 ", "3 0/03-05 a", "4 0/00-00 ", "5 0/03-06 b"},
        1},
       {"a last line without its line end is read; a torn prefix inside a text stays text",
        {"[WARNING]  03-04 05:06:07:008: first\n[DETAIL] 03-0\n[DETAIL] 03-04 05:06:07:009: end"},
-       {"0/03-04 first\n[DETAIL] 03-0", "0/03-04 end"},
+       {"1 0/03-04 first\n[DETAIL] 03-0", "3 0/03-04 end (cut)"},
+       0},
+      {"a huge record keeps its start and is marked cut; the lines after it are counted",
+       {"[DETAIL] 01-01 00:00:00:000: " + huge + "\r\n" + huge + "\r\n[DETAIL] 01-01 00:00:00:001: next\r\n"},
+       {"1 0/01-01 " + huge.substr(0, LogRecordReader::kMaxText) + " (cut)", "3 0/01-01 next"},
        0},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    const Read read = ReadPieces(c.files, 7);
+  for (const auto& [name, files, expected, unreadable] : cases) {
+    SCOPED_TRACE(name);
+    const Read read = ReadPieces(files, 7);
     std::vector<std::string> texts;
     for (const LogRecord& r : read.records) {
       char stamp[16];
-      std::snprintf(stamp, sizeof stamp, "%d/%02d-%02d ", r.year, r.month, r.day);
-      texts.push_back(stamp + r.text);
+      std::snprintf(stamp, sizeof stamp, " %d/%02d-%02d ", r.year, r.month, r.day);
+      texts.push_back(std::to_string(r.line) + stamp + r.text + (r.truncated ? " (cut)" : ""));
     }
-    EXPECT_EQ(c.texts, texts);
-    EXPECT_EQ(c.unreadable, read.unreadable);
+    EXPECT_EQ(expected, texts);
+    EXPECT_EQ(unreadable, read.unreadable);
   }
-}
-
-TEST(LogRecords, AHugeRecordKeepsItsStartAndIsMarkedCut) {
-  const std::string text(3 * LogRecordReader::kMaxText, 'x');
-  const std::string bytes = "[DETAIL] 01-01 00:00:00:000: " + text + "\r\n" + text + "\r\n" +
-                            "[DETAIL] 01-01 00:00:00:001: next\r\n";
-  const Read read = ReadPieces({bytes}, 3);
-  ASSERT_EQ(2u, read.records.size());
-  EXPECT_TRUE(read.records[0].truncated);
-  EXPECT_EQ(LogRecordReader::kMaxText, read.records[0].text.size());
-  EXPECT_EQ("next", read.records[1].text);
-  EXPECT_FALSE(read.records[1].truncated);
-  EXPECT_EQ(3u, read.records[1].line);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "mbim/services_events.h"
@@ -31,13 +32,11 @@ class RecordingSink : public CrMbimServicesEvents {
     HRESULT status;
     bool has_data;
     std::string bytes;
-    DWORD thread;
-    DWORD tick;
+    DWORD thread, tick;
     bool caller_returned;
   };
   RecordingSink() : CrMbimServicesEvents(std::make_shared<PendingList>()) {}
-  HRESULT STDMETHODCALLTYPE OnOpenCommandSessionComplete(IMbnDeviceService*, HRESULT status,
-                                                         ULONG id) override {
+  HRESULT STDMETHODCALLTYPE OnOpenCommandSessionComplete(IMbnDeviceService*, HRESULT status, ULONG id) override {
     return Record(id, status, nullptr);
   }
   HRESULT STDMETHODCALLTYPE OnSetCommandComplete(IMbnDeviceService*, ULONG, SAFEARRAY* data,
@@ -58,15 +57,12 @@ class RecordingSink : public CrMbimServicesEvents {
     }
   }
 
-  std::atomic<bool> caller_returned{true};
-  std::atomic<bool> hold{false};
+  std::atomic<bool> caller_returned{true}, hold{false}, overlapped{false};
   std::atomic<int> inside{0};
-  std::atomic<bool> overlapped{false};
 
  private:
   HRESULT Record(ULONG id, HRESULT status, SAFEARRAY* data) {
-    Call call{id, status, data != nullptr, "", ::GetCurrentThreadId(), ::GetTickCount(),
-              caller_returned};
+    Call call{id, status, data != nullptr, "", ::GetCurrentThreadId(), ::GetTickCount(), caller_returned};
     void* raw = nullptr;
     if (data != nullptr && SUCCEEDED(::SafeArrayAccessData(data, &raw))) {
       call.bytes.assign(static_cast<const char*>(raw), data->rgsabound[0].cElements);
@@ -128,8 +124,7 @@ class SimulatorTest : public testing::SimFixture {
   ComPtr<IMbnDeviceServicesContext> context_;
   ComPtr<IMbnDeviceService> service_;
   DWORD cookie_ = 0;
-  DWORD bad_unadvises_ = 0;  // what the test expects the simulator to have counted
-  DWORD bad_releases_ = 0;
+  DWORD bad_unadvises_ = 0, bad_releases_ = 0;  // what the test expects the simulator to have counted
 };
 
 // A completion comes on another thread after the call has returned, or before
@@ -169,30 +164,27 @@ TEST_F(SimulatorTest, CompletionsComeOnAnotherThreadAfterTheCallUnlessEarly) {
 TEST_F(SimulatorTest, CompletionShapesTwiceSplitOtherIdStatusAndEmpty) {
   const std::string full = "\r\n+LONG: 0123456789\r\n\r\nOK\r\n";
   mbnsim::SetReply("AT+LONG", full);
-  struct Case {
-    std::string what;
-    size_t count;
-    std::string joined;  // the bytes of all its completions
-  };
-  for (const Case& c : {Case{"twice", 2, full + full}, Case{"split", 3, full}, Case{"wrongid", 1, full},
-                        Case{"0x80004005", 1, ""}, Case{"0x1", 1, ""}, Case{"empty", 1, ""}}) {
-    SCOPED_TRACE(c.what);
-    ASSERT_TRUE(mbnsim::Inject("SetCommand.Complete", c.what));
+  // How the completion comes, how many there are, the bytes of them all.
+  for (const auto& [what, count, bytes] : std::vector<std::tuple<std::string, size_t, std::string>>{
+           {"twice", 2, full + full}, {"split", 3, full}, {"wrongid", 1, full}, {"0x80004005", 1, ""},
+           {"0x1", 1, ""}, {"empty", 1, ""}}) {
+    SCOPED_TRACE(what);
+    ASSERT_TRUE(mbnsim::Inject("SetCommand.Complete", what));
     ULONG id = 0;
     ASSERT_EQ(S_OK, Set("AT+LONG\r\n", &id));
     WaitIdle();
-    const auto calls = sink_->Take(c.count);
-    ASSERT_EQ(c.count, calls.size());
-    const bool failed = c.what[0] == '0';
+    const auto calls = sink_->Take(count);
+    ASSERT_EQ(count, calls.size());
+    const bool failed = what[0] == '0';
     std::string joined;
     for (const auto& call : calls) {
-      EXPECT_EQ(c.what == "wrongid" ? id - 1 : id, call.request_id) << "the request before";
+      EXPECT_EQ(what == "wrongid" ? id - 1 : id, call.request_id) << "the request before";
       EXPECT_EQ(!failed, call.has_data) << "data only comes with S_OK";
-      EXPECT_EQ(failed ? static_cast<HRESULT>(std::stoul(c.what, nullptr, 0)) : S_OK, call.status);
-      EXPECT_FALSE(c.what == "split" && call.bytes.empty()) << "three fragments, none empty";
+      EXPECT_EQ(failed ? static_cast<HRESULT>(std::stoul(what, nullptr, 0)) : S_OK, call.status);
+      EXPECT_FALSE(what == "split" && call.bytes.empty()) << "three fragments, none empty";
       joined += call.bytes;
     }
-    EXPECT_EQ(c.joined, joined);
+    EXPECT_EQ(bytes, joined);
   }
 }
 

@@ -4,7 +4,6 @@
 
 #include <objbase.h>
 
-#include <algorithm>
 #include <thread>
 #include <tuple>
 
@@ -20,8 +19,6 @@ namespace {
 
 const char kSimFail[] = "[error][CStateWork::GetSimInfo] Get mbim interface fail.";
 const char kHomeLine[] = "[CStateWork::GetSimInfo] GetHomeProvider str_mccmnc is ";
-const char kArrival[] = "----------------[Info][CMbnChangeEvent::OnInterfaceArrival]";
-const char kRemoval[] = "----------------[Info][CMbnChangeEvent::OnInterfaceRemoval]";
 
 using SimTest = testing::SimFixture;
 
@@ -61,37 +58,8 @@ TEST(RegEventSink, AcceptsOnlyTheEventInterfaceAndCountsReferencesAcrossThreads)
   EXPECT_TRUE(destroyed);
 }
 
-TEST_F(SimTest, AttachedSinkHearsArrivalAndRemovalAndDetachLeavesNothing) {
-  CStateWork* worker = CStateWork::GetInstance();
-  ASSERT_EQ(1u, worker->InitWork());
-  HANDLE sim = worker->event(CStateWork::SIM_CHANGE);
-  CMbnMonitor monitor;
-  ASSERT_EQ(1u, monitor.AttachStateMbnRegEvent());
-  EXPECT_TRUE(monitor.attached());
-  EXPECT_EQ(1u, counters().advised_sinks);
-
-  mbnsim::Arrive(mbnsim::DefaultInterface(1));
-  ASSERT_TRUE(testing::WaitForMessage(log_, "OnInterfaceArrival", 10000));
-  EXPECT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(sim, 0));
-  EXPECT_EQ("OnInterfaceArrival", worker->mccmnc());
-  ASSERT_TRUE(mbnsim::Remove(1));
-  ASSERT_TRUE(testing::WaitForMessage(log_, kRemoval, 10000));
-  EXPECT_EQ(static_cast<DWORD>(WAIT_TIMEOUT), ::WaitForSingleObject(sim, 0)) << "a removal signals nothing";
-
-  monitor.Detach();
-  EXPECT_FALSE(monitor.attached());
-  ExpectNothingLeft();
-  EXPECT_EQ((std::vector<std::string>{kArrival, "SetSimChangeEvent mccmnc:", "OnInterfaceArrival", kRemoval}),
-            messages());
-}
-
 TEST_F(SimTest, EachAttachFailureHasItsTextAndDetachStillReleasesEverything) {
-  struct Case {
-    const char* call;
-    const char* what;
-    const char* text;
-  };
-  const Case cases[] = {
+  const std::tuple<std::string, const char*, const char*> cases[] = {
       {"CreateInstance", "0x80040154", "CoCreateInstance CLSID_MbnInterfaceManager Fail."},
       {"CreateInstance", "null", "NULL == mbnInterfaceRegManager"},
       {"QueryInterface.IConnectionPointContainer", "0x80004002", "QueryInterface IConnectionPointContainer Fail."},
@@ -100,18 +68,17 @@ TEST_F(SimTest, EachAttachFailureHasItsTextAndDetachStillReleasesEverything) {
       {"FindConnectionPoint", "null", "NULL == m_connRegPoint"},
       {"Advise", "0x80040202", "IConnectionPoint Advise Fail."},
   };
-  for (const Case& c : cases) {
-    const std::string call = c.call;
-    SCOPED_TRACE(call + " " + c.what);
+  for (const auto& [call, what, text] : cases) {
+    SCOPED_TRACE(call + " " + what);
     UseInterfaces(1);
     ClearLog();
-    ASSERT_TRUE(mbnsim::Inject(call, c.what));
+    ASSERT_TRUE(mbnsim::Inject(call, what));
     CMbnMonitor monitor;
     EXPECT_EQ(0u, monitor.AttachStateMbnRegEvent());
     EXPECT_FALSE(monitor.attached());
     monitor.Detach();
     monitor.Detach();
-    EXPECT_EQ((std::vector<std::string>{std::string("[Fail][CMbnMonitor::AttachStateMbnRegEvent] ") + c.text}),
+    EXPECT_EQ((std::vector<std::string>{std::string("[Fail][CMbnMonitor::AttachStateMbnRegEvent] ") + text}),
               messages());
     // After a failed Advise the detach still unadvises, with the cookie 0 that
     // was never handed out: refused by the stack, and counted as such.
@@ -132,64 +99,46 @@ TEST_F(SimTest, AttachFromASingleThreadedApartmentFailsAtCoInitialize) {
             messages());
 }
 
-TEST_F(SimTest, SimQueryReadsTheLastInterfacesSim) {
-  for (int n : {1, 2}) {
-    SCOPED_TRACE(n);
-    UseInterfaces(n);
-    ClearLog();
-    CStateWork worker;
-    EXPECT_EQ(1u, worker.GetSimInfo());
-    const mbnsim::InterfaceInfo last = mbnsim::DefaultInterface(n - 1);
-    EXPECT_EQ(last.home_provider_id, worker.mccmnc());
-    EXPECT_EQ(last.iccid, worker.iccid());
-    const auto records = testing::ReadLog(log_);
-    ASSERT_EQ(2u, records.size());
-    EXPECT_EQ("[ERROR] ", records[1].tag) << "logged at the error level";
-    EXPECT_EQ(kHomeLine + last.home_provider_id, records[1].message);
-    ExpectNothingLeft();
-  }
-}
-
-TEST_F(SimTest, EachSimQueryFailureHasItsTextAndReleasesEverything) {
-  const std::string home = kHomeLine + mbnsim::DefaultInterface(0).home_provider_id;
-  struct Case {
-    const char* call;  // null: no interface at all
-    const char* what;
-    std::vector<std::string> texts;
-    bool reads_iccid;  // interface 0's
-    int interfaces = 1;
-  };
-  const Case cases[] = {
-      {nullptr, "", {kSimFail}, false, 0},
-      {"CreateInstance", "0x80040154", {"[Fail][CStateWork::GetSimInfo] CoInitializeEx Fail."}, false},
-      {"CreateInstance", "null", {"InterfaceManager is null"}, false},
-      {"GetInterfaces", "0x80004005", {"[error][CStateWork::GetSimInfo] Get All Interface Fail."}, false},
-      {"GetInterfaces", "wrongtype", {"[error][CStateWork::GetSimInfo] SafeArrayGetElement Fail.", kSimFail}, false},
-      {"GetInterfaces", "nullelement", {"mInterface is null"}, false},
+// Every line of the query is at the error level, its home provider line too.
+TEST_F(SimTest, SimQueryReadsTheLastInterfacesSimAndEachFailureHasItsTextAndReleasesEverything) {
+  // The call that fails and how ("": none), the texts before the home provider
+  // line, the interface whose home provider and ICCID are read (or -1), the
+  // interfaces there are.
+  const std::tuple<std::string, const char*, std::vector<std::string>, int, int, int> cases[] = {
+      {"", "", {}, 0, 0, 1},
+      {"", "", {}, 1, 1, 2},
+      {"", "", {kSimFail}, -1, -1, 0},
+      {"CreateInstance", "0x80040154", {"[Fail][CStateWork::GetSimInfo] CoInitializeEx Fail."}, -1, -1, 1},
+      {"CreateInstance", "null", {"InterfaceManager is null"}, -1, -1, 1},
+      {"GetInterfaces", "0x80004005", {"[error][CStateWork::GetSimInfo] Get All Interface Fail."}, -1, -1, 1},
+      {"GetInterfaces", "wrongtype", {"[error][CStateWork::GetSimInfo] SafeArrayGetElement Fail.", kSimFail}, -1, -1, 1},
+      {"GetInterfaces", "nullelement", {"mInterface is null"}, -1, -1, 1},
       // The ready state only proves that the interface answers: its SIM is read
       // all the same, and the walk stops at the first of two.
-      {"GetReadyState", "0x80004005", {"[error][CStateWork::GetSimInfo] GetReadyState Fail.", home}, true, 2},
-      {"GetSubscriberInformation", "0x80004005", {home}, false},
-      {"GetSubscriberInformation", "null", {home}, false},
-      {"get_SimIccID", "0x80004005", {home}, false},
-      {"GetHomeProvider", "0x8000000A", {"[error][CStateWork::GetSimInfo] GetHomeProvider Fail."}, true},
+      {"GetReadyState", "0x80004005", {"[error][CStateWork::GetSimInfo] GetReadyState Fail."}, 0, 0, 2},
+      {"GetSubscriberInformation", "0x80004005", {}, 0, -1, 1},
+      {"GetSubscriberInformation", "null", {}, 0, -1, 1},
+      {"get_SimIccID", "0x80004005", {}, 0, -1, 1},
+      {"GetHomeProvider", "0x8000000A", {"[error][CStateWork::GetSimInfo] GetHomeProvider Fail."}, -1, 0, 1},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.call ? c.call : "no interface") + " " + c.what);
-    UseInterfaces(c.interfaces);
+  for (const auto& [call, what, texts, home_of, iccid_of, interfaces] : cases) {
+    SCOPED_TRACE(call + " " + what + " of " + std::to_string(interfaces));
+    UseInterfaces(interfaces);
     ClearLog();
-    if (c.call) {
-      ASSERT_TRUE(mbnsim::Inject(c.call, c.what, c.interfaces > 1 ? 0 : -1));
+    if (!call.empty()) {
+      ASSERT_TRUE(mbnsim::Inject(call, what, interfaces > 1 ? 0 : -1));
     }
     CStateWork worker;
     ASSERT_EQ(1u, worker.InitWork());
     SetSimChangeEvent(worker, "before", "before");
-    const bool home_read = std::find(c.texts.begin(), c.texts.end(), home) != c.texts.end();
-    EXPECT_EQ(home_read ? 1u : 0u, worker.GetSimInfo()) << "1 once the home provider is read";
-    std::vector<std::string> expected = {"SetSimChangeEvent mccmnc:", "before"};
-    expected.insert(expected.end(), c.texts.begin(), c.texts.end());
-    EXPECT_EQ(expected, messages());
-    EXPECT_EQ(c.reads_iccid ? mbnsim::DefaultInterface(0).iccid : std::string("before"), worker.iccid());
+    EXPECT_EQ(home_of >= 0 ? 1u : 0u, worker.GetSimInfo()) << "1 once the home provider is read";
+    const std::string home = home_of >= 0 ? mbnsim::DefaultInterface(home_of).home_provider_id : "before";
+    std::vector<std::string> expected = {"[DETAIL]SetSimChangeEvent mccmnc:", "[DETAIL]before"};
+    for (const std::string& text : texts) expected.push_back("[ERROR] " + text);
+    if (home_of >= 0) expected.push_back("[ERROR] " + (kHomeLine + home));
+    EXPECT_EQ(expected, tagged());
+    EXPECT_EQ(home, worker.mccmnc());
+    EXPECT_EQ(iccid_of >= 0 ? mbnsim::DefaultInterface(iccid_of).iccid : "before", worker.iccid());
     ExpectNothingLeft();
   }
 }

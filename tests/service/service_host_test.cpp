@@ -10,21 +10,25 @@
 namespace dorvane {
 namespace {
 
-// What the fake operating system saw, in order.
+// What the fake operating system saw, in order; a report reads
+// "report <state> <controls accepted> <check-point> <wait hint>".
 struct Recorder {
   std::mutex mutex;
-  std::vector<SERVICE_STATUS> reports;
   std::vector<std::string> calls;
   HANDLE start_gate = nullptr;  // start work waits on it when set
   HANDLE stop_gate = nullptr;   // stop work waits on it when set
-  HANDLE start_entered = nullptr;
-  HANDLE start_left = nullptr;
+  HANDLE start_entered = ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
+  HANDLE start_left = ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
   bool register_fails = false;
   bool event_fails = false;
 
   void Call(const std::string& what) {
     std::lock_guard<std::mutex> lock(mutex);
     calls.push_back(what);
+  }
+  std::vector<std::string> Calls() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return calls;
   }
 };
 Recorder* g_rec = nullptr;
@@ -33,16 +37,15 @@ SERVICE_STATUS_HANDLE FakeRegister(const char* name, LPHANDLER_FUNCTION) {
   g_rec->Call(std::string("register ") + name);
   return g_rec->register_fails ? nullptr : reinterpret_cast<SERVICE_STATUS_HANDLE>(0x1234);
 }
-BOOL FakeSetStatus(SERVICE_STATUS_HANDLE handle, SERVICE_STATUS* status) {
+BOOL FakeSetStatus(SERVICE_STATUS_HANDLE handle, SERVICE_STATUS* s) {
   EXPECT_EQ(reinterpret_cast<SERVICE_STATUS_HANDLE>(0x1234), handle);
-  std::lock_guard<std::mutex> lock(g_rec->mutex);
-  g_rec->reports.push_back(*status);
-  g_rec->calls.push_back("report " + std::to_string(status->dwCurrentState));
+  EXPECT_EQ(static_cast<DWORD>(SERVICE_WIN32_OWN_PROCESS), s->dwServiceType);
+  EXPECT_EQ(0u, s->dwWin32ExitCode + s->dwServiceSpecificExitCode);
+  g_rec->Call("report " + std::to_string(s->dwCurrentState) + " " + std::to_string(s->dwControlsAccepted) +
+              " " + std::to_string(s->dwCheckPoint) + " " + std::to_string(s->dwWaitHint));
   return TRUE;
 }
-HANDLE FakeCreateStopEvent() {
-  return g_rec->event_fails ? nullptr : ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
-}
+HANDLE FakeCreateStopEvent() { return g_rec->event_fails ? nullptr : ::CreateEventA(nullptr, TRUE, FALSE, nullptr); }
 DWORD FakeStartWork() {
   g_rec->Call("start work");
   ::SetEvent(g_rec->start_entered);
@@ -57,47 +60,24 @@ void FakeStopWork() {
 }
 void WINAPI UnusedHandler(DWORD) {}
 
-// One expected report: state, controls accepted, check-point, wait hint.
-struct Expected {
-  DWORD state, accepted, check_point, wait_hint;
-};
+const char kRegister[] = "register WWAN Dorvane";
+const char kStartPending[] = "report 2 0 1 3000";
+const char kRunning[] = "report 4 1 0 0";
+const char kStopped[] = "report 1 1 0 0";
 
 class ServiceHostTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    rec_.start_entered = ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    rec_.start_left = ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    g_rec = &rec_;
-  }
+  void SetUp() override { g_rec = &rec_; }
   void TearDown() override {
     if (main_.joinable()) main_.join();
-    ::CloseHandle(rec_.start_entered);
-    ::CloseHandle(rec_.start_left);
-    if (rec_.start_gate) ::CloseHandle(rec_.start_gate);
-    if (rec_.stop_gate) ::CloseHandle(rec_.stop_gate);
+    for (HANDLE h : {rec_.start_entered, rec_.start_left, rec_.start_gate, rec_.stop_gate}) {
+      if (h) ::CloseHandle(h);
+    }
     g_rec = nullptr;
   }
-
-  void RunMain() {
+  void RunMain(HANDLE wait_for) {
     main_ = std::thread([this] { host_.Main(); });
-  }
-  void WaitForStartWork() {
-    ASSERT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(rec_.start_entered, 10000));
-  }
-  void ExpectReports(const std::vector<Expected>& expected) {
-    std::lock_guard<std::mutex> lock(rec_.mutex);
-    ASSERT_EQ(expected.size(), rec_.reports.size());
-    for (size_t i = 0; i < expected.size(); ++i) {
-      const SERVICE_STATUS& s = rec_.reports[i];
-      SCOPED_TRACE("report " + std::to_string(i));
-      EXPECT_EQ(static_cast<DWORD>(SERVICE_WIN32_OWN_PROCESS), s.dwServiceType);
-      EXPECT_EQ(expected[i].state, s.dwCurrentState);
-      EXPECT_EQ(expected[i].accepted, s.dwControlsAccepted);
-      EXPECT_EQ(expected[i].check_point, s.dwCheckPoint);
-      EXPECT_EQ(expected[i].wait_hint, s.dwWaitHint);
-      EXPECT_EQ(0u, s.dwWin32ExitCode);
-      EXPECT_EQ(0u, s.dwServiceSpecificExitCode);
-    }
+    ASSERT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(wait_for, 10000));
   }
 
   Recorder rec_;
@@ -109,49 +89,39 @@ class ServiceHostTest : public ::testing::Test {
 // A second stop request is reported again with new check-points.
 TEST_F(ServiceHostTest, StartRunStopReportsTheFixedSequence) {
   rec_.stop_gate = ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
-  RunMain();
-  ASSERT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(rec_.start_left, 10000));
+  RunMain(rec_.start_left);
   host_.Control(SERVICE_CONTROL_STOP);
   host_.Control(SERVICE_CONTROL_STOP);
   // The stop-pending reports are made before the stop work is let go.
   ::SetEvent(rec_.stop_gate);
   main_.join();
-  ExpectReports({{2, 0, 1, 3000}, {4, 1, 0, 0}, {3, 1, 2, 0}, {3, 1, 3, 0}, {3, 1, 4, 0}, {3, 1, 5, 0},
-                 {1, 1, 0, 0}});
-  EXPECT_EQ((std::vector<std::string>{"register WWAN Dorvane", "report 2", "report 4",
-                                      "start work", "start work done", "report 3", "report 3",
-                                      "report 3", "report 3", "stop work", "report 1"}),
+  EXPECT_EQ((std::vector<std::string>{kRegister, kStartPending, kRunning, "start work", "start work done",
+                                      "report 3 1 2 0", "report 3 1 3 0", "report 3 1 4 0", "report 3 1 5 0",
+                                      "stop work", kStopped}),
             rec_.calls);
 }
 
 TEST_F(ServiceHostTest, StopDuringStartWorkWaitsForTheStartToFinish) {
   rec_.start_gate = ::CreateEventA(nullptr, TRUE, FALSE, nullptr);
-  RunMain();
-  WaitForStartWork();
+  RunMain(rec_.start_entered);
   host_.Control(SERVICE_CONTROL_STOP);
-  {
-    std::lock_guard<std::mutex> lock(rec_.mutex);
-    EXPECT_EQ("report 3", rec_.calls.back()) << "the handler answers at once";
-  }
+  EXPECT_EQ("report 3 1 3 0", rec_.Calls().back()) << "the handler answers at once";
   ::SetEvent(rec_.start_gate);
   main_.join();
-  ExpectReports({{2, 0, 1, 3000}, {4, 1, 0, 0}, {3, 1, 2, 0}, {3, 1, 3, 0}, {1, 1, 0, 0}});
-  EXPECT_EQ((std::vector<std::string>{"register WWAN Dorvane", "report 2", "report 4",
-                                      "start work", "report 3", "report 3", "start work done",
-                                      "stop work", "report 1"}),
+  EXPECT_EQ((std::vector<std::string>{kRegister, kStartPending, kRunning, "start work", "report 3 1 2 0",
+                                      "report 3 1 3 0", "start work done", "stop work", kStopped}),
             rec_.calls);
 }
 
 TEST_F(ServiceHostTest, ControlsOtherThanStopAreIgnored) {
-  RunMain();
-  WaitForStartWork();
-  for (DWORD control : {SERVICE_CONTROL_INTERROGATE, SERVICE_CONTROL_SHUTDOWN,
-                        SERVICE_CONTROL_PAUSE, SERVICE_CONTROL_POWEREVENT,
-                        SERVICE_CONTROL_SESSIONCHANGE, SERVICE_CONTROL_DEVICEEVENT}) {
+  RunMain(rec_.start_left);
+  for (DWORD control : {SERVICE_CONTROL_INTERROGATE, SERVICE_CONTROL_SHUTDOWN, SERVICE_CONTROL_PAUSE,
+                        SERVICE_CONTROL_POWEREVENT, SERVICE_CONTROL_SESSIONCHANGE, SERVICE_CONTROL_DEVICEEVENT}) {
     host_.Control(control);
   }
   ::Sleep(50);
-  ExpectReports({{2, 0, 1, 3000}, {4, 1, 0, 0}});
+  EXPECT_EQ((std::vector<std::string>{kRegister, kStartPending, kRunning, "start work", "start work done"}),
+            rec_.Calls());
   host_.Control(SERVICE_CONTROL_STOP);
   main_.join();
   EXPECT_EQ(SERVICE_STOPPED, host_.status().dwCurrentState);
@@ -162,18 +132,13 @@ TEST_F(ServiceHostTest, ControlsOtherThanStopAreIgnored) {
 TEST_F(ServiceHostTest, FailedSetUpStepsReportNoRunningService) {
   for (bool registration : {true, false}) {
     SCOPED_TRACE(registration ? "registration" : "stop event");
-    rec_.reports.clear();
     rec_.calls.clear();
     rec_.register_fails = registration;
     rec_.event_fails = !registration;
     host_.Main();
-    if (registration) {
-      ExpectReports({});
-      EXPECT_EQ((std::vector<std::string>{"register WWAN Dorvane"}), rec_.calls);
-    } else {
-      ExpectReports({{2, 0, 1, 3000}, {1, 1, 0, 0}});
-      EXPECT_EQ((std::vector<std::string>{"register WWAN Dorvane", "report 2", "report 1"}), rec_.calls);
-    }
+    EXPECT_EQ(registration ? (std::vector<std::string>{kRegister})
+                           : (std::vector<std::string>{kRegister, kStartPending, kStopped}),
+              rec_.calls);
   }
 }
 

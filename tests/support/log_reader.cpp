@@ -18,15 +18,6 @@ const bool kUnbufferedOutput = [] {
   return true;
 }();
 
-}  // namespace
-
-std::string ReadFileBytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream out;
-  out << in.rdbuf();
-  return out.str();
-}
-
 std::vector<LogRecord> ParseLog(const std::string& bytes) {
   std::string text;
   text.reserve(bytes.size());
@@ -54,6 +45,15 @@ std::vector<LogRecord> ParseLog(const std::string& bytes) {
   return records;
 }
 
+}  // namespace
+
+std::string ReadFileBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream out;
+  out << in.rdbuf();
+  return out.str();
+}
+
 std::vector<LogRecord> ReadLog(const std::string& path) { return ParseLog(ReadFileBytes(path)); }
 
 std::vector<std::string> Messages(const std::vector<LogRecord>& records) {
@@ -61,6 +61,12 @@ std::vector<std::string> Messages(const std::vector<LogRecord>& records) {
   for (const auto& r : records) {
     if (r.tag != "banner") out.push_back(r.message);
   }
+  return out;
+}
+
+std::vector<std::string> Tagged(const std::string& path) {
+  std::vector<std::string> out;
+  for (const LogRecord& r : ReadLog(path)) out.push_back(r.tag == "banner" ? r.tag : r.tag + r.message);
   return out;
 }
 
@@ -116,9 +122,7 @@ void MakeFileOfSize(const std::string& path, long long size) {
   ::CloseHandle(h);
 }
 
-bool FileExists(const std::string& path) {
-  return ::GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES;
-}
+bool FileExists(const std::string& path) { return ::GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 
 long long FileSize(const std::string& path) {
   WIN32_FILE_ATTRIBUTE_DATA data;
@@ -143,10 +147,8 @@ void LogFixture::SetUp() {
 std::vector<std::string> LogFixture::messages() const { return Messages(ReadLog(log_)); }
 
 std::vector<std::string> LogFixture::tagged() const {
-  std::vector<std::string> out;
-  for (const LogRecord& r : ReadLog(log_)) {
-    if (r.tag != "banner") out.push_back(r.tag + r.message);
-  }
+  std::vector<std::string> out = Tagged(log_);
+  out.erase(std::remove(out.begin(), out.end(), "banner"), out.end());
   return out;
 }
 

@@ -21,10 +21,12 @@ struct LogRecord {
 };
 
 std::string ReadFileBytes(const std::string& path);
-std::vector<LogRecord> ParseLog(const std::string& bytes);
 std::vector<LogRecord> ReadLog(const std::string& path);
 // The messages alone, in file order (banners left out).
 std::vector<std::string> Messages(const std::vector<LogRecord>& records);
+// Each record as its tag and message ("[ERROR] text", "[DETAIL]text"), a
+// banner as "banner".
+std::vector<std::string> Tagged(const std::string& path);
 
 // Index of the first message equal to `text` at or after `from`, or -1.
 int IndexOf(const std::vector<std::string>& messages, const std::string& text, int from = 0);

@@ -12,6 +12,8 @@ namespace dorvane::testing {
 
 namespace {
 
+// Loads tools\mbnsim\mbnsim.dll from the build and runs `function` of it.
+// Returns false (with a test failure recorded) when that is not possible.
 bool CallServer(const char* function) {
   char self[MAX_PATH];
   std::string dir(self, ::GetModuleFileNameA(nullptr, self, MAX_PATH));
@@ -29,7 +31,6 @@ bool CallServer(const char* function) {
 
 }  // namespace
 
-bool RegisterSimulator() { return CallServer("DllRegisterServer"); }
 bool UnregisterSimulator() { return CallServer("DllUnregisterServer"); }
 
 SAFEARRAY* ByteArray(const std::string& bytes) {
@@ -44,7 +45,7 @@ SAFEARRAY* ByteArray(const std::string& bytes) {
 
 void SimFixture::SetUp() {
   ASSERT_TRUE(SUCCEEDED(::CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
-  ASSERT_TRUE(RegisterSimulator());
+  ASSERT_TRUE(CallServer("DllRegisterServer"));
   UseInterfaces(1);
   LogFixture::SetUp();
 }
