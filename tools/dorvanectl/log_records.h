@@ -38,7 +38,7 @@ struct LogRecord {
   // As the service passed it: the file's CR LF line ends read as LF, the
   // write's own final line end left out.
   std::string text;
-  bool truncated = false;  // the text was longer than kMaxText; the rest is dropped
+  bool truncated = false;  // cut: longer than kMaxText (the rest dropped), or a torn line
 };
 
 class LogRecordReader {
