@@ -283,6 +283,12 @@ class BoxCase(unittest.TestCase):
                                  (result.returncode, got, result.stderr), result.stdout)
 
 
+def json_row(args, status, answer):
+    # An assertRuns row of a --json run: the object, whose error (if any) is
+    # standard error too.
+    return ["--json"] + args, status, answer, answer.get("error", "")
+
+
 def test_main(*names, plain=()):
     # Parses the required `--name PATH` options (made absolute) and `plain`
     # ones (as given) into ARGS and runs the calling script's cases.

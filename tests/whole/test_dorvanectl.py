@@ -40,9 +40,7 @@ REG = r"SOFTWARE\DorvaneCtl"
 HKLM = "HKEY_LOCAL_MACHINE\\SOFTWARE\\DorvaneCtl"
 
 
-def j(args, status, answer):
-    # A --json row: the object, whose error (if any) is standard error too.
-    return ["--json"] + args, status, answer, answer.get("error", "")
+j = winebox.json_row  # a --json row
 
 
 def refused(args, why):

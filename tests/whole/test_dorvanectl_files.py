@@ -36,9 +36,7 @@ def zip_bytes(entries):
     return data.getvalue()
 
 
-def j(args, status, answer):
-    # A --json row: the object, whose error (if any) is standard error too.
-    return ["--json"] + args, status, answer, answer.get("error", "")
+j = winebox.json_row  # a --json row
 
 
 def refusal(command, action, path, argument, given, why="it is a drive root"):
